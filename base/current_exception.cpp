@@ -1,0 +1,30 @@
+#include "base/current_exception.h"
+
+#include <exception>
+#include <string>
+
+namespace vex_upnp {
+namespace {
+
+// `format` is one of our own texts, yet not a literal here, so its single "%s" is filled by hand.
+std::string FillIn(const std::string& format, const char* text) {
+  const std::size_t place = format.find("%s");
+  if (place == std::string::npos) return format;
+  return format.substr(0, place) + text + format.substr(place + 2);
+}
+
+}  // namespace
+
+void LogCurrentException(const LogSite& site, int level, const char* tag, const char* known,
+                         const char* unknown) {
+  if (!log::IsOpen()) return;
+  try {
+    throw;
+  } catch (const std::exception& error) {
+    log::WriteLine(site, level, tag, "%s", FillIn(known, error.what()).c_str());
+  } catch (...) {
+    log::WriteLine(site, level, tag, "%s", unknown);
+  }
+}
+
+}  // namespace vex_upnp

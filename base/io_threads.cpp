@@ -1,0 +1,49 @@
+#include "base/io_threads.h"
+
+#include <pthread.h>
+
+#include <memory>
+#include <utility>
+
+#include "base/limits.h"
+
+namespace vex_upnp {
+namespace {
+
+constexpr std::size_t kThreadNameSize = 16;
+constexpr std::size_t kPrefixLength = 3;
+
+}  // namespace
+
+bool ThreadNamePrefix(std::string& prefix) {
+  char name[kThreadNameSize] = {};
+  if (pthread_getname_np(pthread_self(), name, sizeof(name)) != 0) {
+    prefix.clear();
+    return false;
+  }
+  prefix.assign(name);
+  if (prefix.size() > kPrefixLength) prefix.resize(kPrefixLength);
+  return true;
+}
+
+boost::thread* StartNamedThread(const std::string& name, std::function<void()> body) {
+  boost::thread::attributes attributes;
+  attributes.set_stack_size(limits::kThreadStack);
+  std::unique_ptr<boost::thread> thread(new boost::thread(attributes, std::move(body)));
+  pthread_setname_np(thread->native_handle(), name.c_str());
+  return thread.release();
+}
+
+void StartIoThreads(boost::thread_group& threads, io_service& io, int count,
+                    const std::string& prefix, const std::string& base_text) {
+  // A pool that was stopped before would return from run() at once.
+  if (io.stopped()) io.restart();
+  for (int i = 0; i < count; ++i) {
+    std::unique_ptr<boost::thread> thread(
+        StartNamedThread(prefix + base_text + std::to_string(i), [&io] { io.run(); }));
+    threads.add_thread(thread.get());
+    thread.release();
+  }
+}
+
+}  // namespace vex_upnp

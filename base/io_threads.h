@@ -1,0 +1,29 @@
+#ifndef VEXUPNPCP_BASE_IO_THREADS_H_
+#define VEXUPNPCP_BASE_IO_THREADS_H_
+
+#include <functional>
+#include <string>
+
+#include <boost/thread/thread.hpp>
+
+#include "base/asio.h"
+
+namespace vex_upnp {
+
+// The first three characters of the calling thread's name, by which the library's threads show
+// whose they are. Returns false, with an empty prefix, when the platform gives no name.
+bool ThreadNamePrefix(std::string& prefix);
+
+// Starts `body` on a new thread with the library's stack size and gives it `name` before
+// returning. A name that the platform refuses is no fault. Throws boost::thread_resource_error.
+// The caller owns the thread.
+boost::thread* StartNamedThread(const std::string& name, std::function<void()> body);
+
+// Adds `count` threads to `threads` that run `io`, named prefix, base text and index from 0.
+// Throws boost::thread_resource_error; the threads made so far stay in the group.
+void StartIoThreads(boost::thread_group& threads, io_service& io, int count,
+                    const std::string& prefix, const std::string& base_text);
+
+}  // namespace vex_upnp
+
+#endif  // VEXUPNPCP_BASE_IO_THREADS_H_

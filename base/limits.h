@@ -1,0 +1,54 @@
+#ifndef VEXUPNPCP_BASE_LIMITS_H_
+#define VEXUPNPCP_BASE_LIMITS_H_
+
+#include <cstddef>
+#include <cstdint>
+
+namespace vex_upnp {
+namespace limits {
+
+// What input from a hostile network may cost the host. Every bound lies far above legitimate use.
+
+// One read of a datagram server, an incoming or an outgoing session.
+constexpr std::size_t kReceiveBuffer = 8192;
+// A datagram's unfinished header, joined over datagrams.
+constexpr std::size_t kPartialDatagramHeader = 64 * 1024;
+// Parsed datagrams that wait for a thread.
+constexpr std::size_t kQueuedDatagrams = 10000;
+constexpr std::size_t kQueuedDatagramBytes = 16 * 1024 * 1024;
+// Header of an HTTP answer, and of a request to the streaming server.
+constexpr std::size_t kHttpHeaderBytes = 256 * 1024;
+constexpr std::size_t kHttpHeaderLines = 1000;
+// A request to the event server, header and body.
+constexpr int kEventRequestBytes = 1048576;
+// A chunk-size line, and its significant hexadecimal digits.
+constexpr std::size_t kChunkSizeLine = 4 * 1024;
+constexpr std::size_t kChunkSizeDigits = 8;
+// Body of an answer on the control side.
+constexpr std::uint64_t kControlBody = 8 * 1024 * 1024;
+// Share of the soft descriptor limit from which the event server closes its most silent connection.
+constexpr unsigned kDescriptorSharePercent = 85;
+constexpr std::size_t kDescriptionRequests = 16384;
+constexpr std::size_t kListedDevices = 16384;
+// Services of one device for which descriptions are asked.
+constexpr std::size_t kServicesPerDevice = 1024;
+// Attributes of one element above which look-ups go through an index.
+constexpr std::size_t kAttributeIndexFrom = 32;
+// A text whose character references are replaced.
+constexpr std::size_t kUnescapedText = 16 * 1024 * 1024;
+// Renewals that a device asks for at once: the third in a row and later ones are spaced.
+constexpr int kImmediateRenewals = 2;
+constexpr int kRenewalSpacingMs = 1000;
+// Receive buffer asked for on SSDP sockets.
+constexpr int kSsdpReceiveBuffer = 4 * 1024 * 1024;
+// Interface entries seen in one scan, and by the look-up of a hardware address.
+constexpr std::size_t kScannedInterfaces = 32;
+constexpr std::size_t kArpInterfaces = 10;
+// Stack of every thread of the library. Host callbacks run on them; the usual 8 MiB for each of
+// some forty threads would take a tenth of a 32-bit address space.
+constexpr std::size_t kThreadStack = 512 * 1024;
+
+}  // namespace limits
+}  // namespace vex_upnp
+
+#endif  // VEXUPNPCP_BASE_LIMITS_H_

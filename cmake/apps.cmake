@@ -1,0 +1,1 @@
+# The programs use the shared library through its public headers only.

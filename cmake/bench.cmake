@@ -1,0 +1,7 @@
+find_package(benchmark REQUIRED)
+file(GLOB VEX_BENCH_SOURCES CONFIGURE_DEPENDS bench/*_bench.cpp)
+foreach(source ${VEX_BENCH_SOURCES})
+  get_filename_component(name ${source} NAME_WE)
+  add_executable(${name} ${source})
+  target_link_libraries(${name} PRIVATE vex_testable vex_flags benchmark::benchmark)
+endforeach()

@@ -1,0 +1,9 @@
+# One libFuzzer program for each tests/fuzz/fuzz_<entry>.cpp.
+file(GLOB VEX_FUZZ_SOURCES CONFIGURE_DEPENDS tests/fuzz/fuzz_*.cpp)
+foreach(source ${VEX_FUZZ_SOURCES})
+  get_filename_component(name ${source} NAME_WE)
+  add_executable(${name} ${source})
+  target_compile_options(${name} PRIVATE -fsanitize=fuzzer)
+  target_link_options(${name} PRIVATE -fsanitize=fuzzer)
+  target_link_libraries(${name} PRIVATE vex_testable vex_flags)
+endforeach()

@@ -1,0 +1,42 @@
+find_package(GTest REQUIRED)
+
+# The library's objects with a clock that tests can shorten.
+add_library(vex_testable STATIC tests/support/timing_scaled.cpp)
+target_link_libraries(vex_testable PUBLIC vex_objects PRIVATE vex_flags)
+target_include_directories(vex_testable PUBLIC ${CMAKE_CURRENT_SOURCE_DIR}
+                           ${CMAKE_CURRENT_SOURCE_DIR}/include)
+
+file(GLOB VEX_SUPPORT_SOURCES CONFIGURE_DEPENDS tests/support/*.cpp)
+list(REMOVE_ITEM VEX_SUPPORT_SOURCES
+     ${CMAKE_CURRENT_SOURCE_DIR}/tests/support/timing_scaled.cpp)
+add_library(vex_test_support STATIC ${VEX_SUPPORT_SOURCES})
+target_link_libraries(vex_test_support PUBLIC vex_testable GTest::gmock GTest::gtest
+                      PRIVATE vex_flags)
+
+# vex_test_program(NAME FOLDER): one program of all tests in a folder.
+function(vex_test_program name folder)
+  file(GLOB sources CONFIGURE_DEPENDS ${folder}/*_test.cpp)
+  if(VEX_TEST_FILTER)
+    list(FILTER sources INCLUDE REGEX "${VEX_TEST_FILTER}")
+  endif()
+  if(NOT sources)
+    return()
+  endif()
+  add_executable(${name} ${sources})
+  target_compile_definitions(${name} PRIVATE VEX_SOURCE_DIR="${CMAKE_CURRENT_SOURCE_DIR}"
+                             VEX_BINARY_DIR="${CMAKE_CURRENT_BINARY_DIR}")
+  target_link_libraries(${name} PRIVATE vex_test_support vex_flags)
+  add_test(NAME ${name} COMMAND ${ARGN} $<TARGET_FILE:${name}>)
+endfunction()
+
+if(VEX_BUILD_TESTS)
+  vex_test_program(unit_tests tests/unit)
+  vex_test_program(scenario_tests tests/scenario ${CMAKE_CURRENT_SOURCE_DIR}/tools/in_netns)
+endif()
+
+if(VEX_BUILD_BENCH)
+  include(cmake/bench.cmake)
+endif()
+if(VEX_BUILD_FUZZ)
+  include(cmake/fuzz.cmake)
+endif()
