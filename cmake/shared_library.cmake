@@ -12,7 +12,7 @@ add_library(vexupnpcp::vexupnpcp ALIAS vexupnpcp)
 target_include_directories(vexupnpcp PRIVATE ${CMAKE_CURRENT_SOURCE_DIR})
 target_include_directories(vexupnpcp PUBLIC
   $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include> $<INSTALL_INTERFACE:include>)
-target_link_libraries(vexupnpcp PRIVATE vex_objects $<BUILD_INTERFACE:vex_flags>)
+target_link_libraries(vexupnpcp PRIVATE $<BUILD_INTERFACE:vex_objects> $<BUILD_INTERFACE:vex_flags>)
 target_link_options(vexupnpcp PRIVATE -Wl,--version-script=${VEX_VERSION_SCRIPT})
 if(NOT VEX_SANITIZE)
   target_link_options(vexupnpcp PRIVATE -Wl,--no-undefined)

@@ -1,0 +1,215 @@
+# What ./dev does; sourced by it, in the top folder.
+
+export CCACHE_DIR=${CCACHE_DIR:-${XDG_CACHE_HOME:-$HOME/.cache}/vexupnpcp-ccache}
+export CCACHE_BASEDIR=$PWD CCACHE_NOHASHDIR=1 CCACHE_MAXSIZE=${CCACHE_MAXSIZE:-4G}
+JOBS=${JOBS:-$(nproc)}
+
+BUILD_PACKAGES="g++ cmake ninja-build ccache pkg-config
+  libboost-thread-dev libboost-filesystem-dev libboost-regex-dev libboost-chrono-dev
+  libboost-date-time-dev"
+PROGRAM_PACKAGES="libcli11-dev nlohmann-json3-dev"
+TEST_PACKAGES="libgtest-dev libgmock-dev iproute2 python3 gcc"
+CHECK_PACKAGES="clang-14 clang-tidy-14 clang-format-14 libclang-rt-14-dev"
+BENCH_PACKAGES="libbenchmark-dev libpugixml-dev libxml2-dev libexpat1-dev"
+FUZZ_PACKAGES="clang-14 libclang-rt-14-dev libexpat1-dev"
+
+say() { printf '\n== %s\n' "$*"; }
+
+# need PACKAGE..: installs what is missing. As an ordinary user through sudo without a password;
+# where that is not allowed it prints the line to run and ends with 3.
+need() {
+  local missing=() package
+  for package in "$@"; do
+    dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q 'ok installed' ||
+      missing+=("$package")
+  done
+  [ ${#missing[@]} = 0 ] && return 0
+  local as_root=()
+  if [ "$(id -u)" != 0 ]; then
+    if ! sudo -n true 2>/dev/null; then
+      echo "These packages are missing. Please run this line, then ./dev again:" >&2
+      echo "  sudo apt-get update && sudo apt-get install -y --no-install-recommends ${missing[*]}" >&2
+      exit 3
+    fi
+    as_root=(sudo -n)
+  fi
+  say "installing ${missing[*]}"
+  local log; log=$(mktemp)
+  if ! { "${as_root[@]}" apt-get update -q &&
+    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -o DPkg::Lock::Timeout=600 \
+      install -q -y --no-install-recommends "${missing[@]}"; } >"$log" 2>&1; then
+    tail -n 20 "$log" >&2
+    echo "Installing failed; the whole output is in $log" >&2
+    exit 3
+  fi
+  rm -f "$log"
+}
+
+# clang_or_newest NAME: the tool of the version we format and check with, or the plain name.
+tool() { command -v "$1-14" || command -v "$1"; }
+
+# configure_and_build PRESET TARGET.. [-- CMAKE_OPTION..]
+build() {
+  local preset=$1; shift
+  local targets=() options=()
+  while [ $# -gt 0 ]; do
+    if [ "$1" = -- ]; then shift; options=("$@"); break; fi
+    targets+=("$1"); shift
+  done
+  mkdir -p build
+  say "building $preset"
+  cmake --preset "$preset" "${options[@]}" >"build/$preset.configure.log" 2>&1 ||
+    { cat "build/$preset.configure.log" >&2; return 1; }
+  ninja -C "build/$preset" -j "$JOBS" --quiet "${targets[@]}"
+}
+
+# run_tests PRESET SEQUENCE..: unit tests as they are, scenario tests in a network of their own.
+run_tests() {
+  local preset=$1; shift
+  say "unit tests ($preset)"
+  "build/$preset/unit_tests" --gtest_brief=1 "$@"
+  if [ -x "build/$preset/scenario_tests" ]; then
+    say "scenario tests ($preset)"
+    tools/in_netns "build/$preset/scenario_tests" --gtest_brief=1 "$@"
+  fi
+}
+
+dev_build() {
+  need $BUILD_PACKAGES $PROGRAM_PACKAGES $TEST_PACKAGES
+  case ${1:-debug} in
+    clang) need $CHECK_PACKAGES ;;
+  esac
+  build "${1:-debug}" all
+}
+
+dev_demo() {
+  need $BUILD_PACKAGES $PROGRAM_PACKAGES iproute2
+  build release vexcp vexsim -- -DVEX_BUILD_TESTS=OFF
+  tools/demo.sh build/release "$@"
+}
+
+dev_test() {
+  local quick=
+  [ "${1:-}" = --quick ] && quick=1
+  need $BUILD_PACKAGES $PROGRAM_PACKAGES $TEST_PACKAGES
+  build debug all
+  if [ -n "$quick" ]; then
+    run_tests debug --gtest_filter='-*Slow*:*.Slow*'
+    return
+  fi
+  run_tests debug
+  if ls tests/programs/*_test.py >/dev/null 2>&1; then
+    say "program tests"
+    python3 -m unittest discover -s tests/programs -p '*_test.py'
+  fi
+  say "foreign programs against the installed library"
+  tests/consumer/run.sh build/debug
+  if [ "$(id -u)" = 0 ]; then
+    dev_lab
+  else
+    say "tests against real devices need root; skipped"
+  fi
+}
+
+dev_lab() {
+  [ "$(id -u)" = 0 ] || { echo "./dev lab needs root: it makes network namespaces and starts real devices in them" >&2; exit 3; }
+  need $BUILD_PACKAGES $PROGRAM_PACKAGES $TEST_PACKAGES
+  need_lab_packages
+  build debug all
+  say "real devices"
+  tools/lab.sh build/debug
+}
+
+# Real devices as packages; none of them may start by itself on this machine.
+need_lab_packages() {
+  local policy=/usr/sbin/policy-rc.d made=
+  if [ ! -e "$policy" ]; then
+    printf '#!/bin/sh\nexit 101\n' >"$policy"; chmod +x "$policy"; made=1
+  fi
+  need minidlna gerbera rygel rygel-playbin gstreamer1.0-plugins-base gstreamer1.0-plugins-good \
+    dbus dbus-daemon xvfb xauth curl iproute2
+  [ -z "$made" ] || rm -f "$policy"
+}
+
+dev_check() {
+  need $BUILD_PACKAGES $PROGRAM_PACKAGES $TEST_PACKAGES $CHECK_PACKAGES
+  say "layers";  tools/check_includes.py
+  say "headers"; tools/check_headers
+  say "format";  check_format
+  check_symbols
+  say "second compiler"
+  build clang all
+  check_tidy
+  local sanitizer
+  for sanitizer in asan tsan; do
+    build "$sanitizer" unit_tests scenario_tests -- -DVEX_BUILD_APPS=OFF
+    ASAN_OPTIONS=detect_leaks=1:detect_stack_use_after_return=1 UBSAN_OPTIONS=print_stacktrace=1 \
+      TSAN_OPTIONS=second_deadlock_stack=1:halt_on_error=0 \
+      run_tests "$sanitizer" --gtest_filter='-*Slow*:*.Slow*'
+  done
+  say "all checks passed"
+}
+
+our_sources() {
+  git ls-files -co --exclude-standard '*.h' '*.cpp' '*.c' | while read -r f; do [ -f "$f" ] && echo "$f"; done
+}
+check_format() { our_sources | xargs "$(tool clang-format)" --dry-run --Werror; }
+dev_format() { need clang-format-14; our_sources | xargs "$(tool clang-format)" -i; }
+
+# Tidy looks at the library's own sources.
+check_tidy() {
+  say "tidy"
+  git ls-files 'base/*.cpp' 'src/*.cpp' 'string/*.cpp' 'timer/*.cpp' 'httpparser/*.cpp' 'xmlparser/*.cpp' 'file_io/*.cpp' |
+    grep -v 'base/asio_impl.cpp' |
+    xargs -P "$JOBS" -n 2 "$(tool clang-tidy)" -p build/clang --quiet 2>build/tidy.err || { cat build/tidy.err >&2; return 1; }
+}
+
+check_symbols() {
+  say "symbols"
+  build release vexupnpcp -- -DVEX_BUILD_TESTS=OFF
+  python3 tools/symbols.py check build/release/libvexupnpcp.so
+}
+
+dev_symbols() {
+  need $BUILD_PACKAGES
+  build release vex_objects -- -DVEX_BUILD_TESTS=OFF
+  find build/release -path '*vex_objects*' -name '*.o' -print0 | xargs -0 python3 tools/symbols.py update
+}
+
+dev_coverage() {
+  need $BUILD_PACKAGES $TEST_PACKAGES gcovr
+  build coverage unit_tests scenario_tests
+  run_tests coverage
+  gcovr -r . build/coverage --exclude-throw-branches \
+    -f src/ -f httpparser/ -f xmlparser/ -f string/ -f timer/ -f base/ -f file_io/ --print-summary
+}
+
+dev_bench() {
+  need $BUILD_PACKAGES $TEST_PACKAGES $BENCH_PACKAGES
+  build release all -- -DVEX_BUILD_BENCH=ON -DVEX_BUILD_TESTS=OFF
+  local program
+  for program in build/release/*_bench; do
+    [ -z "${1:-}" ] || [[ $program == *"$1"* ]] || continue
+    say "$(basename "$program")"
+    tools/in_netns "$program"
+  done
+}
+
+dev_fuzz() {
+  need $BUILD_PACKAGES $FUZZ_PACKAGES
+  build fuzz all
+  local program entry seconds=${2:-30}
+  for program in build/fuzz/fuzz_*; do
+    [ -x "$program" ] && [ -f "$program" ] || continue
+    entry=$(basename "$program"); entry=${entry#fuzz_}
+    [ -z "${1:-}" ] || [ "$1" = "$entry" ] || continue
+    say "fuzzing $entry for $seconds s"
+    local dictionary=() found=build/fuzz/found/$entry
+    [ -f "tests/fuzz/$entry.dict" ] && dictionary=("-dict=tests/fuzz/$entry.dict")
+    mkdir -p "$found"
+    "$program" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 \
+      -artifact_prefix="$found/" "${dictionary[@]}" "$found" "tests/fuzz/corpus/$entry" 2>&1 | tail -n 14
+  done
+}
+
+dev_cross() { tools/cross.sh "$@"; }
