@@ -1,0 +1,53 @@
+#!/usr/bin/env bash
+# cross.sh [armhf|i386]: builds library and unit tests for 32 bits, runs the unit tests (armhf under
+# emulation, i386 natively with AddressSanitizer and UBSan), and tells the stripped library's size.
+set -eu
+cd "$(dirname "$0")/.."
+. tools/dev_lib.sh
+[ "$(id -u)" = 0 ] || echo "note: unpacking a root works as an ordinary user; installing the compilers needs sudo"
+KIT=${VEX_KIT:-${XDG_CACHE_HOME:-$HOME/.cache}/vexupnpcp-kit}
+ROOT_PACKAGES="libc6-dev libstdc++-12-dev libboost-thread-dev libboost-regex-dev libboost-filesystem-dev
+  libboost-date-time-dev libboost-chrono-dev libboost-system-dev libboost-atomic-dev libgtest-dev libgmock-dev"
+mkdir -p "$KIT" build
+
+root() { # ARCH EXTRA..
+  [ -d "$KIT/sysroot-$1" ] || { say "unpacking a $1 root"; tools/debroot.sh "$KIT/sysroot-$1" "$1" bookworm $ROOT_PACKAGES "${@:2}"; }
+}
+
+armhf() {
+  need g++-arm-linux-gnueabihf
+  root armhf
+  # The emulator of Debian 12 lacks IP_MULTICAST_IF.
+  [ -x "$KIT/qemu/usr/bin/qemu-arm" ] || NODEPS=1 tools/debroot.sh "$KIT/qemu" "$(dpkg --print-architecture)" trixie qemu-user
+  local toolchain=(-DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/toolchains/armhf.cmake"
+    -DVEX_SYSROOT="$KIT/sysroot-armhf" -DVEX_QEMU="$KIT/qemu/usr/bin/qemu-arm")
+  say "building armhf"
+  cmake --preset small -B build/armhf-small "${toolchain[@]}" >build/armhf-small.log
+  ninja -C build/armhf-small --quiet vexupnpcp
+  local library=build/armhf-small/libvexupnpcp.so.1.0.0
+  arm-linux-gnueabihf-strip -o build/armhf-small/stripped.so "$library"
+  echo "armhf, -Os -flto, stripped: $(stat -c %s build/armhf-small/stripped.so) bytes"
+  cmake --preset debug -B build/armhf "${toolchain[@]}" -DVEX_BUILD_APPS=OFF >build/armhf.log
+  ninja -C build/armhf --quiet unit_tests
+  say "unit tests, armhf under emulation"
+  "$KIT/qemu/usr/bin/qemu-arm" -L "$KIT/sysroot-armhf" build/armhf/unit_tests --gtest_brief=1 --gtest_filter='-*Slow*:*.Slow*'
+}
+
+i386() {
+  need g++-i686-linux-gnu
+  root i386 libasan8 libubsan1
+  say "building i386"
+  cmake --preset asan -B build/i386 -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/toolchains/i386.cmake" \
+    -DVEX_SYSROOT="$KIT/sysroot-i386" -DVEX_BUILD_APPS=OFF >build/i386.log
+  ninja -C build/i386 --quiet unit_tests
+  say "unit tests, i386 with sanitizers"
+  local libs=$KIT/sysroot-i386/lib/i386-linux-gnu:$KIT/sysroot-i386/usr/lib/i386-linux-gnu
+  "$KIT/sysroot-i386/lib/ld-linux.so.2" --library-path "$libs" build/i386/unit_tests --gtest_brief=1 --gtest_filter='-*Slow*:*.Slow*'
+}
+
+case ${1:-all} in
+  armhf) armhf ;;
+  i386) i386 ;;
+  all) armhf; i386 ;;
+  *) echo "cross.sh: armhf or i386, not '$1'" >&2; exit 2 ;;
+esac
