@@ -17,7 +17,7 @@ INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]', re.M)
 LAYERS = {
     'helpers': 'request_packets user_agent device_type device_key upnp_constants soap_fault '
                'http_feed',
-    'network': 'network_layer network_addresses networkinterface networkmonitor '
+    'network': 'network_layer network_addresses networkinterface* networkmonitor '
                'net_change_listener fd_diagnostics server_notify udp_server multicast_server '
                'tcp_server servermanager incoming_tcp_session outgoing* clientmanager '
                'callbackhandler datagram_feed network_listeners network_types',
