@@ -1,0 +1,120 @@
+#ifndef VEXUPNPCP_SRC_PACKET_QUEUE_H_
+#define VEXUPNPCP_SRC_PACKET_QUEUE_H_
+
+#include <cstddef>
+#include <deque>
+#include <list>
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include <boost/thread/lock_guard.hpp>
+#include <boost/thread/mutex.hpp>
+
+#include "base/thread_marks.h"
+
+namespace vex_upnp {
+namespace network_layer {
+
+// Packets that wait for a thread of a pool. Packets with one key are given out one at a time, in
+// the order in which they came: the next only after the one before has been finished. Packets with
+// different keys, or with an empty one, don't wait for each other.
+//
+// The user posts one job for each packet that may run: when Append or Finish say so.
+template <typename Packet>
+class PacketQueue {
+ public:
+  enum class Entry { kReady, kHeldBack, kRefused };
+
+  PacketQueue(std::size_t most_packets, std::size_t most_bytes)
+      : most_packets_(most_packets), most_bytes_(most_bytes) {}
+
+  // kReady: a job is to be posted. kHeldBack: Finish will ask for one. kRefused: no room.
+  Entry Append(const std::string& key, const Packet& packet, std::size_t bytes) {
+    boost::lock_guard<boost::mutex> lock(mutex_);
+    if (packets_ >= most_packets_ || bytes > most_bytes_ - bytes_) return Entry::kRefused;
+    Waiting waiting{key, packet, bytes};
+    bool held_back = false;
+    if (!key.empty()) {
+      const auto lane = lanes_.try_emplace(key);
+      held_back = !lane.second;
+      if (held_back) lane.first->second.push_back(std::move(waiting));
+    }
+    if (!held_back) ready_.push_back(std::move(waiting));
+    ++packets_;
+    bytes_ += bytes;
+    return held_back ? Entry::kHeldBack : Entry::kReady;
+  }
+
+  // Takes the packet that has been ready longest. False with none.
+  bool Take(std::string& key, Packet& packet) {
+    boost::lock_guard<boost::mutex> lock(mutex_);
+    if (ready_.empty()) return false;
+    Waiting& first = ready_.front();
+    key.swap(first.key);
+    packet = std::move(first.packet);
+    --packets_;
+    bytes_ -= first.bytes;
+    ready_.pop_front();
+    return true;
+  }
+
+  // The packet that was taken under `key` has been handled. True when the next one of that key has
+  // become ready: a job is to be posted for it.
+  bool Finish(const std::string& key) {
+    if (key.empty()) return false;
+    boost::lock_guard<boost::mutex> lock(mutex_);
+    const auto lane = lanes_.find(key);
+    if (lane == lanes_.end()) return false;
+    if (lane->second.empty()) {
+      lanes_.erase(lane);
+      return false;
+    }
+    ready_.push_back(std::move(lane->second.front()));
+    lane->second.pop_front();
+    return true;
+  }
+
+  // Empties the queue. What is being handled is not touched; its Finish finds nothing behind it.
+  std::vector<Packet> TakeAll() {
+    std::vector<Packet> all;
+    boost::lock_guard<boost::mutex> lock(mutex_);
+    all.reserve(packets_);
+    for (Waiting& waiting : ready_) all.push_back(std::move(waiting.packet));
+    for (auto& lane : lanes_) {
+      for (Waiting& waiting : lane.second) all.push_back(std::move(waiting.packet));
+    }
+    ready_.clear();
+    lanes_.clear();
+    packets_ = 0;
+    bytes_ = 0;
+    return all;
+  }
+
+  std::size_t size() const {
+    boost::lock_guard<boost::mutex> lock(mutex_);
+    return packets_;
+  }
+
+ private:
+  struct Waiting {
+    std::string key;
+    Packet packet;
+    std::size_t bytes;
+  };
+
+  const std::size_t most_packets_;
+  const std::size_t most_bytes_;
+  mutable boost::mutex mutex_;
+  std::deque<Waiting> ready_ VEX_GUARDED_BY(mutex_);
+  // One lane for each key of which a packet is ready or being handled: what came behind it.
+  std::unordered_map<std::string, std::list<Waiting>> lanes_ VEX_GUARDED_BY(mutex_);
+  std::size_t packets_ VEX_GUARDED_BY(mutex_) = 0;
+  std::size_t bytes_ VEX_GUARDED_BY(mutex_) = 0;
+};
+
+}  // namespace network_layer
+}  // namespace vex_upnp
+
+#endif  // VEXUPNPCP_SRC_PACKET_QUEUE_H_
