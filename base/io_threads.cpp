@@ -13,6 +13,8 @@ namespace {
 constexpr std::size_t kThreadNameSize = 16;
 constexpr std::size_t kPrefixLength = 3;
 
+thread_local bool on_library_thread = false;
+
 }  // namespace
 
 bool ThreadNamePrefix(std::string& prefix) {
@@ -29,10 +31,15 @@ bool ThreadNamePrefix(std::string& prefix) {
 boost::thread* StartNamedThread(const std::string& name, std::function<void()> body) {
   boost::thread::attributes attributes;
   attributes.set_stack_size(limits::kThreadStack);
-  std::unique_ptr<boost::thread> thread(new boost::thread(attributes, std::move(body)));
+  std::unique_ptr<boost::thread> thread(new boost::thread(attributes, [run = std::move(body)] {
+    on_library_thread = true;
+    run();
+  }));
   pthread_setname_np(thread->native_handle(), name.c_str());
   return thread.release();
 }
+
+bool OnLibraryThread() { return on_library_thread; }
 
 void StartIoThreads(boost::thread_group& threads, io_service& io, int count,
                     const std::string& prefix, const std::string& base_text) {

@@ -19,6 +19,10 @@ bool ThreadNamePrefix(std::string& prefix);
 // The caller owns the thread.
 boost::thread* StartNamedThread(const std::string& name, std::function<void()> body);
 
+// Whether the caller runs on a thread that StartNamedThread or StartIoThreads has made: such a
+// thread serves others too, and must not wait for something as slow as a name server.
+bool OnLibraryThread();
+
 // Adds `count` threads to `threads` that run `io`, named prefix, base text and index from 0.
 // Throws boost::thread_resource_error; the threads made so far stay in the group.
 void StartIoThreads(boost::thread_group& threads, io_service& io, int count,

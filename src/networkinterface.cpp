@@ -50,18 +50,24 @@ bool HasName(const std::vector<NetInfo>& interfaces, const std::string& name) {
 
 }  // namespace
 
-std::atomic<NetworkInterface*> NetworkInterface::instance_{nullptr};
+boost::shared_ptr<NetworkInterface> NetworkInterface::instance_;
 boost::mutex NetworkInterface::singleton_mutex_;
 
-NetworkInterface* NetworkInterface::GetInstance() {
-  return GetOrCreate(instance_, singleton_mutex_, [] { return new NetworkInterface; });
+boost::shared_ptr<NetworkInterface> NetworkInterface::GetInstance() {
+  return GetOrCreateShared(instance_, singleton_mutex_, [] { return new NetworkInterface; });
 }
 
-NetworkInterface* NetworkInterface::ExistingInstance() {
-  return instance_.load(std::memory_order_acquire);
+boost::shared_ptr<NetworkInterface> NetworkInterface::ExistingInstance() {
+  return ExistingShared(instance_, singleton_mutex_);
 }
 
-void NetworkInterface::DestroyInstance() { Destroy(instance_, singleton_mutex_); }
+void NetworkInterface::DestroyInstance() {
+  const boost::shared_ptr<NetworkInterface> ending = ExistingInstance();
+  if (!ending) return;
+  // Before the object is let go of: one of its threads may hold the last reference.
+  ending->__EndThreads();
+  DestroyShared(instance_, singleton_mutex_);
+}
 
 NetworkInterface::NetworkInterface() : notify_work_(KeepRunning(notify_io_service_)) {
   VEX_LOG(kLogStep, kTag, "NetworkInterface::VexNetiIo");
@@ -75,7 +81,9 @@ NetworkInterface::NetworkInterface() : notify_work_(KeepRunning(notify_io_servic
   }
 }
 
-NetworkInterface::~NetworkInterface() {
+NetworkInterface::~NetworkInterface() { __EndThreads(); }
+
+void NetworkInterface::__EndThreads() {
   try {
     notify_io_service_.stop();
     notify_threads_.join_all();

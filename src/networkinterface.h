@@ -40,10 +40,11 @@ class NetworkMonitor {
 // Results differ from function to function and callers rely on them; each says its own.
 class NetworkInterface : public VEXUncopyable {
  public:
-  // Built on first use.
-  static NetworkInterface* GetInstance();
-  // Null before the first use and after destruction; never builds one.
-  static NetworkInterface* ExistingInstance();
+  // Made at the first call.
+  static boost::shared_ptr<NetworkInterface> GetInstance();
+  // Null before the first GetInstance and after DestroyInstance.
+  static boost::shared_ptr<NetworkInterface> ExistingInstance();
+  // Ends the threads; whoever still holds the object may ask it, and hears of no more changes.
   static void DestroyInstance();
 
   ~NetworkInterface() override;
@@ -98,6 +99,7 @@ class NetworkInterface : public VEXUncopyable {
 
   NetworkInterface();
 
+  void __EndThreads();
   int __GetNetInfo(int& socket, ifreq* entry, NetInfo& info);
   int __add_in_selcted_Interfaces(const std::string& name);
   int __RemoveSelectedNetworkInterface(const std::string& name);
@@ -113,7 +115,7 @@ class NetworkInterface : public VEXUncopyable {
   void __UpdateIPAddrOfAvailableNetworkInterface(const std::string& name, const std::string& ip);
   void __PauseOfAddressChange();
 
-  static std::atomic<NetworkInterface*> instance_;
+  static boost::shared_ptr<NetworkInterface> instance_;
   static boost::mutex singleton_mutex_;
 
   // One scan at a time, through comparison and events: outer to every other lock of this class.

@@ -18,20 +18,20 @@ constexpr int kNoListener = -1;
 // each gives its failure value.
 
 void GetNetworkInterfaces(std::vector<NetInfo>* interfaces) {
-  NetworkInterface* const instance = NetworkInterface::ExistingInstance();
-  if (instance != nullptr && interfaces != nullptr) instance->ScanNetworkInterface(*interfaces);
+  const boost::shared_ptr<NetworkInterface> instance = NetworkInterface::ExistingInstance();
+  if (instance && interfaces != nullptr) instance->ScanNetworkInterface(*interfaces);
 }
 
 void GetActiveSelectedNetworkInterfaces(std::vector<NetInfo>* interfaces) {
-  NetworkInterface* const instance = NetworkInterface::ExistingInstance();
-  if (instance != nullptr && interfaces != nullptr) {
+  const boost::shared_ptr<NetworkInterface> instance = NetworkInterface::ExistingInstance();
+  if (instance && interfaces != nullptr) {
     instance->GetActiveSelectedNetworkInterfaces(*interfaces);
   }
 }
 
 int GetNetworkInterface(const std::string& name, NetInfo& info) {
-  NetworkInterface* const instance = NetworkInterface::ExistingInstance();
-  if (instance == nullptr) {
+  const boost::shared_ptr<NetworkInterface> instance = NetworkInterface::ExistingInstance();
+  if (!instance) {
     VEX_LOG(kLogMajor, kTag, "Network Instance NULL!");
     return result::kFailure;
   }
@@ -39,8 +39,8 @@ int GetNetworkInterface(const std::string& name, NetInfo& info) {
 }
 
 int GetNetworkInterfaceByIP(const std::string& ip, NetInfo& info) {
-  NetworkInterface* const instance = NetworkInterface::ExistingInstance();
-  if (instance == nullptr) {
+  const boost::shared_ptr<NetworkInterface> instance = NetworkInterface::ExistingInstance();
+  if (!instance) {
     VEX_LOG(kLogMajor, kTag, "Network Instance NULL!");
     return result::kFailure;
   }
@@ -48,8 +48,8 @@ int GetNetworkInterfaceByIP(const std::string& ip, NetInfo& info) {
 }
 
 int ConfigureNetworkInterface(std::string& name, const bool& enable) {
-  NetworkInterface* const instance = NetworkInterface::ExistingInstance();
-  if (instance == nullptr) return result::kNo;
+  const boost::shared_ptr<NetworkInterface> instance = NetworkInterface::ExistingInstance();
+  if (!instance) return result::kNo;
   if (enable) {
     instance->SelectNetworkInterface(name);
   } else {
@@ -59,46 +59,46 @@ int ConfigureNetworkInterface(std::string& name, const bool& enable) {
 }
 
 int ConfigureOnAllNetworkInterfaces(const bool& enable) {
-  NetworkInterface* const instance = NetworkInterface::ExistingInstance();
-  if (instance == nullptr) return result::kNo;
+  const boost::shared_ptr<NetworkInterface> instance = NetworkInterface::ExistingInstance();
+  if (!instance) return result::kNo;
   instance->SetConfigureAllNetworkInterfaces(enable);
   return result::kYes;
 }
 
 int InitializeNetworkMonitor() {
-  NetworkInterface* const instance = NetworkInterface::ExistingInstance();
-  if (instance == nullptr) return result::kFailure;
+  const boost::shared_ptr<NetworkInterface> instance = NetworkInterface::ExistingInstance();
+  if (!instance) return result::kFailure;
   instance->StartScanNetworkInterface();
   return result::kOk;
 }
 
 int TerminateNetworkMonitor() {
-  NetworkInterface* const instance = NetworkInterface::ExistingInstance();
-  if (instance == nullptr) return result::kFailure;
+  const boost::shared_ptr<NetworkInterface> instance = NetworkInterface::ExistingInstance();
+  if (!instance) return result::kFailure;
   instance->StopScanNetworkInterface();
   return result::kOk;
 }
 
 int RegisterNetworkEventListener(NetworkEventListener* listener, int& id) {
-  NetworkInterface* const instance = NetworkInterface::ExistingInstance();
-  if (instance == nullptr) return result::kFailure;
+  const boost::shared_ptr<NetworkInterface> instance = NetworkInterface::ExistingInstance();
+  if (!instance) return result::kFailure;
   id = instance->AddNetIfListener(listener);
   return id == kNoListener ? result::kNullListener : result::kOk;
 }
 
 void UnRegisterEventListener(const int& id) {
-  NetworkInterface* const instance = NetworkInterface::ExistingInstance();
-  if (instance != nullptr) instance->DeleteNetIfListener(id);
+  const boost::shared_ptr<NetworkInterface> instance = NetworkInterface::ExistingInstance();
+  if (instance) instance->DeleteNetIfListener(id);
 }
 
 int NotifyNICAdded(const std::string& name, const std::string& ip, const std::string& mask) {
-  NetworkInterface* const instance = NetworkInterface::ExistingInstance();
-  return instance == nullptr ? result::kFailure : instance->NotifyNICAdded(name, ip, mask);
+  const boost::shared_ptr<NetworkInterface> instance = NetworkInterface::ExistingInstance();
+  return !instance ? result::kFailure : instance->NotifyNICAdded(name, ip, mask);
 }
 
 int NotifyNICRemoved(const std::string& name) {
-  NetworkInterface* const instance = NetworkInterface::ExistingInstance();
-  return instance == nullptr ? result::kFailure : instance->NotifyNICRemoved(name);
+  const boost::shared_ptr<NetworkInterface> instance = NetworkInterface::ExistingInstance();
+  return !instance ? result::kFailure : instance->NotifyNICRemoved(name);
 }
 
 }  // namespace network_layer
