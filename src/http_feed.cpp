@@ -1,0 +1,20 @@
+#include "src/http_feed.h"
+
+#include <climits>
+
+#include <vexupnpcp/httpparser.h>
+#include <vexupnpcp/result_codes.h>
+
+namespace vex_upnp {
+namespace utils {
+
+int FeedParser(const char* data, std::size_t size, boost::shared_ptr<HTTPInfo>& info) {
+  // No read is as large; cutting it silently would shift all that follows.
+  if (size > UINT_MAX) return result::kFailure;
+  const int parse_result = HTTPParser::Parse(data, static_cast<unsigned int>(size), info);
+  if (parse_result == result::kOk) info->SetParsingStatus(PARSING_CONTINUE);
+  return parse_result;
+}
+
+}  // namespace utils
+}  // namespace vex_upnp

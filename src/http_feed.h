@@ -1,0 +1,24 @@
+#ifndef VEXUPNPCP_SRC_HTTP_FEED_H_
+#define VEXUPNPCP_SRC_HTTP_FEED_H_
+
+#include <cstddef>
+
+#include <boost/shared_ptr.hpp>
+
+#include <vexupnpcp/httpinfo.h>
+
+namespace vex_upnp {
+namespace utils {
+
+// Gives the bytes of one read to the parser and, when they are taken without fault, makes the
+// message ready for the next read. The result is the parser's; after a fault the message is left as
+// the fault left it. What counts as complete stays the caller's: a datagram is done with its
+// header, a TCP message with state MESSAGE_COMPLETE.
+//
+// Not for the blocking read of a request, which looks at the parsing status itself.
+int FeedParser(const char* data, std::size_t size, boost::shared_ptr<HTTPInfo>& info);
+
+}  // namespace utils
+}  // namespace vex_upnp
+
+#endif  // VEXUPNPCP_SRC_HTTP_FEED_H_
