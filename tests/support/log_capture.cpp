@@ -16,9 +16,10 @@ std::atomic<bool> capturing{false};
 LogLine TakeApart(int level, const char* tag, const std::string& whole) {
   LogLine line{level, tag, "", "", 0, ""};
   const std::size_t colon = whole.find(": ");
-  const std::size_t open = whole.find('(', colon);
-  const std::size_t close = whole.find(") > ", open);
-  if (close == std::string::npos) {
+  const std::size_t close = whole.find(") > ", colon);
+  // A function's own name may end in parentheses ("operator()").
+  const std::size_t open = whole.rfind('(', close);
+  if (colon == std::string::npos || close == std::string::npos || open < colon) {
     line.text = "MALFORMED " + whole;
     return line;
   }
