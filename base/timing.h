@@ -18,6 +18,8 @@ constexpr int kAutoRescanMs = 60000;
 constexpr int kRescanConnectTimeoutSeconds = 3;
 // MX of a search, in seconds: devices spread their answers over it.
 constexpr int kSearchMx = 4;
+// What a SUBSCRIBE and a renewal ask for, in seconds.
+constexpr int kSubscriptionSeconds = 1800;
 // Renewal of a subscription, per cent of the granted time.
 constexpr int kRenewalPercent = 75;
 // Pause between two looks at a listener's use count during termination.

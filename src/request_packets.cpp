@@ -33,4 +33,69 @@ std::string FormatDescriptionRequest(const std::string& target, const std::strin
   return (boost::format(kDescriptionTemplate) % target % host % port % user_agent).str();
 }
 
+// The numbers of the packets below are written without a stream, so that the host's locale puts no
+// separators into them.
+
+std::string FormatHostLine(const std::string& host, int port) {
+  return "HOST:" + host + ":" + std::to_string(port);
+}
+
+std::string FormatActionRequest(const std::string& path, const std::string& host_line,
+                                const std::string& user_agent, const std::string& soap_action_line,
+                                const std::string& body) {
+  std::string packet = "POST " + path + " HTTP/1.1\r\n" + host_line +
+                       "\r\n"
+                       "Accept: */*\r\n"
+                       "CONTENT-LENGTH: " +
+                       std::to_string(body.size()) +
+                       "\r\n"
+                       "CONTENT-TYPE: text/xml; charset=\"utf-8\"\r\n"
+                       "USER-AGENT: " +
+                       user_agent + "\r\n" + soap_action_line +
+                       "\r\n"
+                       "Connection: close\r\n"
+                       "\r\n";
+  packet += body;
+  return packet;
+}
+
+std::string FormatSubscribeRequest(const std::string& path, const std::string& callback_url,
+                                   int seconds, const std::string& host_line,
+                                   const std::string& user_agent) {
+  return "SUBSCRIBE " + path +
+         " HTTP/1.1\r\n"
+         "CALLBACK: <" +
+         callback_url +
+         "/>\r\n"
+         "NT: upnp:event\r\n"
+         "TIMEOUT: Second-" +
+         std::to_string(seconds) + "\r\n" + host_line +
+         "\r\n"
+         "USER-AGENT: " +
+         user_agent + "\r\n\r\n";
+}
+
+std::string FormatRenewalRequest(const std::string& path, const std::string& host_line,
+                                 const std::string& sid, int seconds,
+                                 const std::string& user_agent) {
+  return "SUBSCRIBE " + path + " HTTP/1.1\r\n" + host_line +
+         "\r\n"
+         "SID: " +
+         sid +
+         "\r\n"
+         "TIMEOUT: Second-" +
+         std::to_string(seconds) +
+         "\r\n"
+         "USER-AGENT: " +
+         user_agent + "\r\n\r\n";
+}
+
+std::string FormatUnsubscribeRequest(const std::string& path, const std::string& host_line,
+                                     const std::string& sid) {
+  return "UNSUBSCRIBE " + path + " HTTP/1.1\r\n" + host_line +
+         "\r\n"
+         "SID: " +
+         sid + "\r\n\r\n";
+}
+
 }  // namespace vex_upnp

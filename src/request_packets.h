@@ -18,6 +18,29 @@ std::string FormatSearchRequest(const std::string& type, int mx, const std::stri
 std::string FormatDescriptionRequest(const std::string& target, const std::string& host, int port,
                                      const std::string& user_agent);
 
+// The requests of control and eventing. `host_line` and `soap_action_line` are whole header lines
+// without their line end; a path is the part of the URL behind the port.
+
+// "HOST:" without a blank behind it, as actions and subscriptions carry it.
+std::string FormatHostLine(const std::string& host, int port);
+
+// POST of one SOAP action, with its body.
+std::string FormatActionRequest(const std::string& path, const std::string& host_line,
+                                const std::string& user_agent, const std::string& soap_action_line,
+                                const std::string& body);
+
+// SUBSCRIBE. A slash is put behind `callback_url`, inside the angle brackets.
+std::string FormatSubscribeRequest(const std::string& path, const std::string& callback_url,
+                                   int seconds, const std::string& host_line,
+                                   const std::string& user_agent);
+
+std::string FormatRenewalRequest(const std::string& path, const std::string& host_line,
+                                 const std::string& sid, int seconds,
+                                 const std::string& user_agent);
+
+std::string FormatUnsubscribeRequest(const std::string& path, const std::string& host_line,
+                                     const std::string& sid);
+
 }  // namespace vex_upnp
 
 #endif  // VEXUPNPCP_SRC_REQUEST_PACKETS_H_
