@@ -16,7 +16,7 @@ INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]', re.M)
 # Names of sources without ending; a trailing * stands for any rest.
 LAYERS = {
     'helpers': 'request_packets user_agent device_type device_key upnp_constants soap_fault '
-               'http_feed',
+               'http_feed listener_hooks',
     'network': 'network_layer network_addresses networkinterface* networkmonitor '
                'net_change_listener fd_diagnostics server_notify udp_server multicast_server '
                'tcp_server servermanager incoming_tcp_session outgoing* clientmanager '
