@@ -1,6 +1,7 @@
 #include "base/current_exception.h"
 
 #include <exception>
+#include <new>
 #include <string>
 
 namespace vex_upnp {
@@ -21,7 +22,12 @@ void LogCurrentException(const LogSite& site, int level, const char* tag, const 
   try {
     throw;
   } catch (const std::exception& error) {
-    log::WriteLine(site, level, tag, "%s", FillIn(known, error.what()).c_str());
+    // What was thrown may be the want of memory itself; nothing may leave the edge all the same.
+    try {
+      log::WriteLine(site, level, tag, "%s", FillIn(known, error.what()).c_str());
+    } catch (const std::bad_alloc&) {
+      log::WriteLine(site, level, tag, "%s", error.what());
+    }
   } catch (...) {
     log::WriteLine(site, level, tag, "%s", unknown);
   }

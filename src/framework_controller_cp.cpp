@@ -37,7 +37,8 @@ using FrameworkLock = boost::lock_guard<boost::recursive_mutex>;
 // Serialises start and stop. The outermost lock of all: it is held while the network's threads are
 // joined, so none of the library's threads may want it. Recursive, since TerminateFrameworkCore
 // calls two functions that take it again.
-boost::recursive_mutex fc_mutex_;
+// Never destroyed: the process may exit while a host's thread is inside.
+boost::recursive_mutex& fc_mutex_ = *new boost::recursive_mutex;
 
 // Written under fc_mutex_, read without it by what a host calls between start and stop.
 std::atomic<int> framework_start_type{kNotInitialized};

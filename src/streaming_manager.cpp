@@ -13,8 +13,9 @@ namespace streaming {
 
 using log::kTagStreaming;
 
-boost::mutex StreamingManager::m_singleton_mutex_;
-boost::shared_ptr<StreamingManager> StreamingManager::m_instance_;
+boost::mutex& StreamingManager::m_singleton_mutex_ = *new boost::mutex;
+boost::shared_ptr<StreamingManager>& StreamingManager::m_instance_ =
+    *new boost::shared_ptr<StreamingManager>;
 std::atomic<int> StreamingManager::ref_count_{0};
 
 boost::shared_ptr<StreamingManager> StreamingManager::GetInstance() {

@@ -41,8 +41,9 @@ class StreamingManager : public network_layer::NetworkEventListener, public VEXU
 
   // Order: the singleton's mutex is outer to everything that the network layer locks when a
   // listener is registered. Nothing else is called under it.
-  static boost::mutex m_singleton_mutex_;
-  static boost::shared_ptr<StreamingManager> m_instance_ VEX_GUARDED_BY(m_singleton_mutex_);
+  // Never destroyed: a thread of the library may still look while the process exits.
+  static boost::mutex& m_singleton_mutex_;
+  static boost::shared_ptr<StreamingManager>& m_instance_ VEX_GUARDED_BY(m_singleton_mutex_);
   // Written under m_singleton_mutex_, looked at once without it. It outlives the instance: what was
   // given back too often stays counted.
   static std::atomic<int> ref_count_;

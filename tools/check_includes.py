@@ -64,7 +64,8 @@ ALLOWED = {
                            'cp_control.h', 'cp_utils.h', 'framework_controller_cp.h'}),
 }
 # Private headers that a layer may include beside its row.
-PRIVATE_SINGLES = {'generic': {'src/device_type.h', 'src/discovery_delivery.h'}}
+PRIVATE_SINGLES = {'generic': {'src/device_type.h', 'src/request_packets.h',
+                               'src/discovery_delivery.h'}}
 MANAGER_ONLY_GENERIC = 'generic_cp_manager.h'
 
 
