@@ -36,6 +36,8 @@ constexpr std::size_t kServicesPerDevice = 1024;
 constexpr std::size_t kAttributeIndexFrom = 32;
 // A text whose character references are replaced.
 constexpr std::size_t kUnescapedText = 16 * 1024 * 1024;
+// Bytes looked at while references that make up one another are replaced one by one.
+constexpr std::size_t kUnescapeWork = 256 * 1024 * 1024;
 // Renewals that a device asks for at once: the third in a row and later ones are spaced.
 constexpr int kImmediateRenewals = 2;
 constexpr int kRenewalSpacingMs = 1000;
