@@ -5,3 +5,11 @@ foreach(source ${VEX_BENCH_SOURCES})
   add_executable(${name} ${source})
   target_link_libraries(${name} PRIVATE vex_testable vex_flags benchmark::benchmark)
 endforeach()
+
+if(TARGET xml_bench)
+  # What the parser is measured against.
+  find_package(LibXml2 REQUIRED)
+  find_package(EXPAT REQUIRED)
+  find_library(PUGIXML_LIBRARY pugixml REQUIRED)
+  target_link_libraries(xml_bench PRIVATE LibXml2::LibXml2 EXPAT::EXPAT ${PUGIXML_LIBRARY})
+endif()
