@@ -15,6 +15,17 @@ constexpr std::size_t kPrefixLength = 3;
 
 thread_local bool on_library_thread = false;
 
+void StartPool(boost::thread_group& threads, io_service& io, int count, const std::string& name,
+               const std::function<void()>& body) {
+  // A pool that was stopped before would return from run() at once.
+  if (io.stopped()) io.restart();
+  for (int i = 0; i < count; ++i) {
+    std::unique_ptr<boost::thread> thread(StartNamedThread(name + std::to_string(i), body));
+    threads.add_thread(thread.get());
+    thread.release();
+  }
+}
+
 }  // namespace
 
 bool ThreadNamePrefix(std::string& prefix) {
@@ -43,14 +54,12 @@ bool OnLibraryThread() { return on_library_thread; }
 
 void StartIoThreads(boost::thread_group& threads, io_service& io, int count,
                     const std::string& prefix, const std::string& base_text) {
-  // A pool that was stopped before would return from run() at once.
-  if (io.stopped()) io.restart();
-  for (int i = 0; i < count; ++i) {
-    std::unique_ptr<boost::thread> thread(
-        StartNamedThread(prefix + base_text + std::to_string(i), [&io] { io.run(); }));
-    threads.add_thread(thread.get());
-    thread.release();
-  }
+  StartPool(threads, io, count, prefix + base_text, [&io] { io.run(); });
+}
+
+void StartIoThreads(boost::thread_group& threads, const boost::shared_ptr<io_service>& io,
+                    int count, const std::string& prefix, const std::string& base_text) {
+  StartPool(threads, *io, count, prefix + base_text, [io] { io->run(); });
 }
 
 }  // namespace vex_upnp

@@ -4,11 +4,19 @@
 #include <functional>
 #include <string>
 
+#include <boost/shared_ptr.hpp>
 #include <boost/thread/thread.hpp>
 
 #include "base/asio.h"
 
 namespace vex_upnp {
+
+// An event loop, and what keeps it running while it has nothing to do.
+struct IoPool {
+  IoPool() : io(new io_service), work(KeepRunning(*io)) {}
+  boost::shared_ptr<io_service> io;
+  io_work work;
+};
 
 // The first three characters of the calling thread's name, by which the library's threads show
 // whose they are. Returns false, with an empty prefix, when the platform gives no name.
@@ -27,6 +35,10 @@ bool OnLibraryThread();
 // Throws boost::thread_resource_error; the threads made so far stay in the group.
 void StartIoThreads(boost::thread_group& threads, io_service& io, int count,
                     const std::string& prefix, const std::string& base_text);
+
+// The same for a pool that one of its own threads may end: each thread holds `io` while it runs.
+void StartIoThreads(boost::thread_group& threads, const boost::shared_ptr<io_service>& io,
+                    int count, const std::string& prefix, const std::string& base_text);
 
 }  // namespace vex_upnp
 

@@ -11,6 +11,8 @@ namespace limits {
 
 // One read of a datagram server, an incoming or an outgoing session.
 constexpr std::size_t kReceiveBuffer = 8192;
+// Datagrams that a server reads before it lets the other servers of its thread have their turn.
+constexpr int kDatagramsPerWakeUp = 64;
 // A datagram's unfinished header, joined over datagrams.
 constexpr std::size_t kPartialDatagramHeader = 64 * 1024;
 // Parsed datagrams that wait for a thread.

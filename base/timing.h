@@ -29,6 +29,8 @@ constexpr int kInterfaceScanMs = 2000;
 constexpr int kAddressChangePauseMs = 500;
 // How long an accept waits when the process has no descriptor left.
 constexpr int kAcceptPauseMs = 100;
+// How long a thread that can't go on without memory waits before it tries again.
+constexpr int kMemoryRetryMs = 100;
 // How long an event with an unknown SID waits for a SUBSCRIBE answer in handling.
 constexpr int kSubscribeAnswerWaitMs = 1000;
 

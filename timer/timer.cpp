@@ -18,6 +18,7 @@
 #include "base/current_exception.h"
 #include "base/io_threads.h"
 #include "base/log.h"
+#include "base/retry.h"
 #include "base/thread_marks.h"
 
 namespace vex_upnp {
@@ -169,13 +170,10 @@ void TimerService::StartTimer() {
 
 void TimerService::OnTimerExpiry(const error_code& error) {
   if (error == boost::asio::error::operation_aborted) return;
-  try {
+  RetryWithoutMemory([this] {
     TimerHandler expired;
     while (TakeExpired(expired)) TimerExpired(expired);
-  } catch (...) {
-    LogCurrentException(VEX_LOG_SITE, kLogMajor, kTag, "Exception in OnTimerExpiry: %s",
-                        "Unknown Exception in OnTimerExpiry");
-  }
+  });
 }
 
 void TimerService::TimerExpired(const TimerHandler& handler) {
