@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstddef>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -15,7 +16,8 @@
 #include <vexupnpcp/network_listeners.h>
 #include <vexupnpcp/vexuncopyable.h>
 
-#include "base/asio.h"
+#include "base/io_threads.h"
+#include "base/once_per_second.h"
 #include "base/thread_marks.h"
 #include "src/packet_queue.h"
 #include "src/pattern_table.h"
@@ -89,18 +91,11 @@ class CallBackHandler : public VEXUncopyable,
   using TcpQueue = PacketQueue<stIncomingContext>;
   using UdpQueue = PacketQueue<IncomingDatagram>;
 
-  // One event loop and what keeps it running while it is idle. Its threads hold a reference to it.
-  struct Pool {
-    Pool() : io(new io_service), work(KeepRunning(*io)) {}
-    boost::shared_ptr<io_service> io;
-    io_work work;
-  };
-
   CallBackHandler();
 
   int NextListenerId();
   template <typename Job>
-  void Post(Pool& pool, Job job);
+  void Post(IoPool& pool, Job job);
   void PostTcpJob();
   void PostUdpJob();
 
@@ -109,8 +104,10 @@ class CallBackHandler : public VEXUncopyable,
   void InvokeUpperLayerResponseHandler(int session_id);
   void HandleTcpRequest(stIncomingContext& packet);
   void HandleUdpRequest(IncomingDatagram& request);
+  boost::shared_ptr<TCPRequestListener> FindTcpListener(utils::HTTPInfo& request);
   void RefuseRequest(void* session_context);
   void CountDroppedDatagram();
+  void StopPools();
   void DropWaitingPackets();
 
   // Every mutex here, and those inside the queues and tables, is a leaf.
@@ -126,14 +123,14 @@ class CallBackHandler : public VEXUncopyable,
   std::multimap<int, stOutgoingContext> outgoing_contexts_ VEX_GUARDED_BY(response_mutex_);
 
   std::atomic<unsigned int> dropped_datagrams_{0};
-  std::atomic<long long> last_drop_line_{0};
+  OncePerSecond drop_line_;
   // Counts the stops: a job that was posted before a stop does nothing after it.
   std::atomic<unsigned int> stops_{0};
 
-  Pool tcp_req_handling_ios_;
-  Pool udp_req_handling_ios_;
-  Pool tcp_res_handling_ios_;
-  boost::thread_group threads_;
+  IoPool tcp_req_handling_ios_;
+  IoPool udp_req_handling_ios_;
+  IoPool tcp_res_handling_ios_;
+  std::unique_ptr<boost::thread_group> threads_;
 };
 
 }  // namespace network_layer

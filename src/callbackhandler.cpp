@@ -1,0 +1,372 @@
+#include "src/callbackhandler.h"
+
+#include <memory>
+#include <utility>
+
+#include <boost/thread/exceptions.hpp>
+#include <boost/thread/lock_guard.hpp>
+
+#include <vexupnpcp/httpinfo.h>
+#include <vexupnpcp/result_codes.h>
+
+#include "base/current_exception.h"
+#include "base/limits.h"
+#include "base/log.h"
+#include "base/singleton.h"
+#include "src/incoming_tcp_session.h"
+#include "src/servermanager.h"
+#include "src/soap_fault.h"
+
+namespace vex_upnp {
+namespace network_layer {
+namespace {
+
+constexpr const char* kTag = log::kTagNetwork;
+
+constexpr int kTcpRequestThreads = 2;
+constexpr int kUdpRequestThreads = 2;
+constexpr int kTcpResponseThreads = 5;
+
+constexpr std::size_t kNoBound = static_cast<std::size_t>(-1);
+constexpr int kInvalidId = -1;
+constexpr int kListenerIdStep = 2;
+
+// Never destroyed: a process that ends without terminating the framework must not wait for its
+// threads.
+struct Singleton {
+  boost::mutex mutex;
+  boost::shared_ptr<CallBackHandler> instance;
+};
+Singleton& TheSingleton() {
+  static Singleton* const singleton = new Singleton;
+  return *singleton;
+}
+
+// The start line and header as text. Empty when it can't be had, and then nothing matches.
+std::string HeaderText(utils::HTTPInfo& request) {
+  std::string text;
+  if (request.GetHeader(text) != result::kOk) {
+    VEX_LOG(kLogDetail, kTag, "Get Header failed.");
+    text.clear();
+  }
+  return text;
+}
+
+}  // namespace
+
+boost::shared_ptr<CallBackHandler> CallBackHandler::GetInstance() {
+  Singleton& singleton = TheSingleton();
+  return GetOrCreateShared(singleton.instance, singleton.mutex, [] { return new CallBackHandler; });
+}
+
+boost::shared_ptr<CallBackHandler> CallBackHandler::ExistingInstance() {
+  Singleton& singleton = TheSingleton();
+  return ExistingShared(singleton.instance, singleton.mutex);
+}
+
+void CallBackHandler::DestroyInstance() {
+  Singleton& singleton = TheSingleton();
+  DestroyShared(singleton.instance, singleton.mutex);
+}
+
+CallBackHandler::CallBackHandler()
+    : incoming_tcp_packets_(kNoBound, kNoBound),
+      incoming_udp_packets_(limits::kQueuedDatagrams, limits::kQueuedDatagramBytes),
+      threads_(new boost::thread_group) {}
+
+CallBackHandler::~CallBackHandler() {
+  StopPools();
+  DropWaitingPackets();
+}
+
+int CallBackHandler::NextListenerId() {
+  boost::lock_guard<boost::mutex> lock(id_mutex_);
+  last_listener_id_ += kListenerIdStep;
+  return last_listener_id_;
+}
+
+int CallBackHandler::RegisterTCPPattern(std::vector<std::string>& patterns,
+                                        boost::shared_ptr<TCPRequestListener>& listener, int& id) {
+  id = kInvalidId;
+  if (patterns.empty() || !listener) return result::kFailure;
+  id = NextListenerId();
+  tcp_patterns_.Append(id, patterns, listener);
+  return result::kOk;
+}
+
+int CallBackHandler::RegisterUDPPattern(std::vector<std::string>& patterns,
+                                        boost::shared_ptr<UDPRequestListener>& listener, int& id) {
+  id = kInvalidId;
+  if (patterns.empty() || !listener) return result::kFailure;
+  id = NextListenerId();
+  udp_patterns_.Append(id, patterns, listener);
+  return result::kOk;
+}
+
+int CallBackHandler::UnRegisterPattern(const int& id) {
+  return udp_patterns_.Remove(id) || tcp_patterns_.Remove(id) ? result::kOk : result::kFailure;
+}
+
+int CallBackHandler::RegisterResponseListener(const int& session_id,
+                                              const boost::shared_ptr<ResponseListener>& listener) {
+  if (session_id <= 0) {
+    VEX_LOG(kLogDetail, kTag, "Invalid Params for session %d!", session_id);
+    return result::kFailure;
+  }
+  stOutgoingContext context;
+  context.listener = listener;
+  boost::lock_guard<boost::mutex> lock(response_mutex_);
+  outgoing_contexts_.emplace(session_id, context);
+  return result::kOk;
+}
+
+int CallBackHandler::UnRegisterResponseListener(const int& session_id) {
+  stOutgoingContext erased;
+  {
+    boost::lock_guard<boost::mutex> lock(response_mutex_);
+    const auto context = outgoing_contexts_.lower_bound(session_id);
+    if (context == outgoing_contexts_.end() || context->first != session_id) {
+      return result::kFailure;
+    }
+    erased = std::move(context->second);
+    outgoing_contexts_.erase(context);
+  }
+  VEX_LOG(kLogMajor, kTag, "list erased(%d)", session_id);
+  return result::kOk;
+}
+
+// A job runs only while the handler is there and has not been stopped since.
+template <typename Job>
+void CallBackHandler::Post(IoPool& pool, Job job) {
+  const boost::weak_ptr<CallBackHandler> handler = weak_from_this();
+  const unsigned int stops = stops_;
+  boost::asio::post(*pool.io, [handler, stops, job] {
+    const boost::shared_ptr<CallBackHandler> self = handler.lock();
+    if (!self || self->stops_ != stops) return;
+    try {
+      job(*self);
+    } catch (...) {
+      LogCurrentException(VEX_LOG_SITE, kLogMajor, kTag, "Exception in callback thread: %s",
+                          "Unknown Exception in callback thread");
+    }
+  });
+}
+
+void CallBackHandler::PostTcpJob() {
+  Post(tcp_req_handling_ios_,
+       [](CallBackHandler& self) { self.InvokeUpperLayerTCPRequestListener(); });
+}
+
+void CallBackHandler::PostUdpJob() {
+  Post(udp_req_handling_ios_,
+       [](CallBackHandler& self) { self.InvokeUpperLayerUDPRequestListener(); });
+}
+
+int CallBackHandler::InvokeTCPRequestHandler(boost::shared_ptr<utils::HTTPInfo>& request,
+                                             void* session_context) {
+  // Events of one subscription must keep their order; other requests have none.
+  std::string key;
+  request->GetHeaderValue("SID", key);
+  if (incoming_tcp_packets_.Append(key, stIncomingContext{request, session_context}, 0) ==
+      TcpQueue::Entry::kReady) {
+    PostTcpJob();
+  }
+  return result::kOk;
+}
+
+int CallBackHandler::InvokeUDPRequestHandler(boost::shared_ptr<utils::HTTPInfo>& request,
+                                             std::size_t bytes) {
+  // An alive must not overtake the byebye before it.
+  std::string key;
+  request->GetClientIpAddress(key);
+  switch (incoming_udp_packets_.Append(key, request, bytes)) {
+    case UdpQueue::Entry::kReady:
+      PostUdpJob();
+      break;
+    case UdpQueue::Entry::kHeldBack:
+      break;
+    case UdpQueue::Entry::kRefused:
+      CountDroppedDatagram();
+      break;
+  }
+  return result::kOk;
+}
+
+int CallBackHandler::InvokeResponseHandler(const int& session_id,
+                                           boost::shared_ptr<utils::HTTPInfo>& response) {
+  {
+    boost::lock_guard<boost::mutex> lock(response_mutex_);
+    const auto context = outgoing_contexts_.lower_bound(session_id);
+    if (context == outgoing_contexts_.end() || context->first != session_id) return result::kOk;
+    context->second.response = response;
+  }
+  const int id = session_id;
+  Post(tcp_res_handling_ios_,
+       [id](CallBackHandler& self) { self.InvokeUpperLayerResponseHandler(id); });
+  return result::kOk;
+}
+
+void CallBackHandler::CountDroppedDatagram() {
+  const unsigned int dropped = ++dropped_datagrams_;
+  if (drop_line_.Allows()) {
+    VEX_LOG(kLogMajor, kTag, "Too many datagrams are waiting, %u dropped so far", dropped);
+  }
+}
+
+void CallBackHandler::InvokeUpperLayerTCPRequestListener() {
+  std::string key;
+  stIncomingContext packet;
+  if (!incoming_tcp_packets_.Take(key, packet)) {
+    VEX_LOG(kLogDetail, kTag,
+            "[InvokeUpperLayerTCPRequestListener] empty incoming tcp packet list!");
+    return;
+  }
+  try {
+    HandleTcpRequest(packet);
+  } catch (...) {
+    LogCurrentException(VEX_LOG_SITE, kLogMajor, kTag, "Exception in TCP request listener: %s",
+                        "Unknown Exception in TCP request listener");
+  }
+  packet = stIncomingContext();
+  if (incoming_tcp_packets_.Finish(key)) PostTcpJob();
+}
+
+void CallBackHandler::HandleTcpRequest(stIncomingContext& packet) {
+  const boost::shared_ptr<TCPRequestListener> listener = FindTcpListener(*packet.request);
+  if (listener) {
+    listener->OnTCPRequestReceived(packet.request, packet.session_context);
+    return;
+  }
+  VEX_LOG(kLogMajor, kTag, "ERROR, no valid listeners found!!");
+  RefuseRequest(packet.session_context);
+}
+
+// Null for a request that nobody wants, and also when there is no memory to find out: the session
+// context still has to be used up.
+boost::shared_ptr<TCPRequestListener> CallBackHandler::FindTcpListener(utils::HTTPInfo& request) {
+  try {
+    std::string text = HeaderText(request);
+    if (!text.empty()) return tcp_patterns_.Match(text);
+  } catch (...) {
+    LogCurrentException(VEX_LOG_SITE, kLogMajor, kTag, "Exception in FindTcpListener: %s",
+                        "Unknown Exception in FindTcpListener");
+  }
+  return boost::shared_ptr<TCPRequestListener>();
+}
+
+void CallBackHandler::RefuseRequest(void* session_context) {
+  std::unique_ptr<std::string> answer;
+  try {
+    answer.reset(new std::string(BadRequestAnswer(BadRequestLayout::kTrailingBlanks)));
+  } catch (...) {
+    TakeSession(session_context);
+    throw;
+  }
+  const int length = static_cast<int>(answer->size());
+  if (ServerManager::SendResponsePacket(answer.get(), length, session_context) == result::kOk) {
+    answer.release();
+  }
+}
+
+void CallBackHandler::InvokeUpperLayerUDPRequestListener() {
+  std::string key;
+  IncomingDatagram request;
+  if (!incoming_udp_packets_.Take(key, request)) {
+    VEX_LOG(kLogDetail, kTag, "[InvokeUpperLayerUDPRequestListener] empty udp packet list!");
+    return;
+  }
+  try {
+    HandleUdpRequest(request);
+  } catch (...) {
+    LogCurrentException(VEX_LOG_SITE, kLogMajor, kTag, "Exception in UDP request listener: %s",
+                        "Unknown Exception in UDP request listener");
+  }
+  request.reset();
+  if (incoming_udp_packets_.Finish(key)) PostUdpJob();
+}
+
+// A datagram that nobody wants vanishes without a word: the network is full of them.
+void CallBackHandler::HandleUdpRequest(IncomingDatagram& request) {
+  std::string text = HeaderText(*request);
+  if (text.empty()) return;
+  const boost::shared_ptr<UDPRequestListener> listener = udp_patterns_.Match(text);
+  if (listener) listener->OnUDPRequestReceived(request);
+}
+
+void CallBackHandler::InvokeUpperLayerResponseHandler(int session_id) {
+  stOutgoingContext context;
+  {
+    boost::lock_guard<boost::mutex> lock(response_mutex_);
+    const auto found = outgoing_contexts_.lower_bound(session_id);
+    if (found == outgoing_contexts_.end() || found->first != session_id) return;
+    context = std::move(found->second);
+    outgoing_contexts_.erase(found);
+  }
+  if (!context.listener || context.listener.use_count() <= 0) return;
+  VEX_LOG(kLogDetail, kTag, "call OnResponseReceived session_id : (%d), use_count : (%d)(%p)",
+          session_id, static_cast<int>(context.listener.use_count()),
+          static_cast<const void*>(context.listener.get()));
+  context.listener->OnResponseReceived(context.response, session_id);
+}
+
+void CallBackHandler::StartCallbackThreads() {
+  VEX_LOG(kLogMajor, kTag, "CallBackHandler StartCallbackThreads");
+  std::string prefix;
+  if (!ThreadNamePrefix(prefix)) {
+    VEX_LOG(kLogMajor, kTag, "pthread_getname_np : Error in getting Thread Name");
+  }
+  try {
+    StartIoThreads(*threads_, tcp_req_handling_ios_.io, kTcpRequestThreads, prefix, "VexTcpReq");
+    StartIoThreads(*threads_, udp_req_handling_ios_.io, kUdpRequestThreads, prefix, "VexUdpReq");
+    StartIoThreads(*threads_, tcp_res_handling_ios_.io, kTcpResponseThreads, prefix, "VexTcpRes");
+  } catch (const boost::thread_resource_error& error) {
+    VEX_LOG(kLogMajor, kTag, "thread_resource_error exception:[%s]", error.what());
+  } catch (...) {
+    VEX_LOG(kLogMajor, kTag, "Unknown Exception in StartCallbackThreads");
+  }
+}
+
+void CallBackHandler::StopCallbackThreads() {
+  VEX_LOG(kLogMajor, kTag, "CallBackHandler StopCallbackThreads");
+  StopPools();
+  DropWaitingPackets();
+  if (!tcp_req_handling_ios_.io->stopped()) {
+    VEX_LOG(kLogMajor, kTag, "CallBackHandler  tcp_req_handling_ios_ not stopped ");
+  }
+  if (!udp_req_handling_ios_.io->stopped()) {
+    VEX_LOG(kLogMajor, kTag, "CallBackHandler udp_req_handling_ios_ not stopped ");
+  }
+  if (!tcp_res_handling_ios_.io->stopped()) {
+    VEX_LOG(kLogMajor, kTag, "CallBackHandler tcp_res_handling_ios_ not stopped ");
+  }
+}
+
+void CallBackHandler::StopPools() {
+  ++stops_;
+  tcp_req_handling_ios_.io->stop();
+  udp_req_handling_ios_.io->stop();
+  tcp_res_handling_ios_.io->stop();
+  if (threads_->is_this_thread_in()) {
+    // The pools' threads hold their loops and jobs hold this object, so nobody has to wait.
+    VEX_LOG(kLogMajor, kTag, "Callback threads stopped by one of them, they are not waited for");
+  } else {
+    threads_->join_all();
+  }
+  threads_.reset(new boost::thread_group);
+}
+
+// The jobs of what waits will never run, so the sessions are let go here.
+void CallBackHandler::DropWaitingPackets() {
+  for (const stIncomingContext& packet : incoming_tcp_packets_.TakeAll()) {
+    TakeSession(packet.session_context);
+  }
+  incoming_udp_packets_.TakeAll();
+  std::multimap<int, stOutgoingContext> contexts;
+  {
+    boost::lock_guard<boost::mutex> lock(response_mutex_);
+    contexts.swap(outgoing_contexts_);
+  }
+}
+
+}  // namespace network_layer
+}  // namespace vex_upnp
