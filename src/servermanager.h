@@ -2,6 +2,7 @@
 #define VEXUPNPCP_SRC_SERVERMANAGER_H_
 
 #include <list>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -13,12 +14,14 @@
 #include <vexupnpcp/vexuncopyable.h>
 
 #include "base/asio.h"
+#include "base/io_threads.h"
 #include "src/server_notify.h"
 
 namespace vex_upnp {
 namespace network_layer {
 
 class ReadingSessions;
+class UDPServer;
 
 // Owns every server and the threads that run them. A configure call stores a template of what is
 // wanted and starts a server on each active selected interface; when interfaces come, go or change
@@ -70,38 +73,36 @@ class ServerManager : public VEXUncopyable {
   using ServerPointer = boost::shared_ptr<ServerNotify>;
   using IpInfoPointer = boost::shared_ptr<IpInfo>;
 
-  // An event loop and what keeps it running while it is idle. Its threads hold a reference to it.
-  struct Pool {
-    Pool() : io(new io_service), work(KeepRunning(*io)) {}
-    boost::shared_ptr<io_service> io;
-    io_work work;
-  };
-
   ServerManager();
 
   void StopServerSockets();
-  void CompleteWhatWasCancelled();
+  void EndThreads();
   int ConfigureTcpServerOnInterface(const std::string& ip, const std::string& name, int port);
   int ConfigureUdpServerOnInterface(const std::string& ip, int port);
   int ConfigureMulticastServerOnInterface(const std::string& ip, const std::string& group,
                                           int port);
+  void StartUdpServer(const std::string& ip, int port);
+  void StartMulticastServer(const std::string& ip, const std::string& group, int port);
   void EnableDatagramServers();
   void DisableDatagramServers();
+  void NoteBoundPort(UDPServer& server);
   void AddTemplate(const std::string& ip, int port, int type);
-  std::vector<IpInfo> Templates();
-  int GetConfiguredPorts(int type, std::list<IpInfoPointer>& list);
+  void AddMulticastTemplate(const std::string& group, int port);
+  std::vector<IpInfo> Templates() const;
+  bool AppendEndpoints(int type, std::list<IpInfoPointer>& list);
   void __stop_servers(const std::string& name);
   void __reset_servers(const std::string& name);
   void __start_tcp_servers(const std::string& ip);
   void __start_udp_servers(const std::string& ip);
   void __RemoveIpInfo(int port);
+  void __RemoveIpInfoOfInterface(const std::string& name);
   void __RemoveServerObject(int port);
 
   // Declared before the servers, whose sockets work on them.
-  Pool tcp_ios_;
-  Pool udp_ios_;
-  Pool mcast_ios_;
-  boost::thread_group threads_;
+  IoPool tcp_ios_;
+  IoPool udp_ios_;
+  IoPool mcast_ios_;
+  std::unique_ptr<boost::thread_group> threads_;
   // The connections of all TCP servers that wait for the rest of a request.
   const boost::shared_ptr<ReadingSessions> reading_sessions_;
 
