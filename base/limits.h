@@ -32,6 +32,13 @@ constexpr std::uint64_t kControlBody = 8 * 1024 * 1024;
 constexpr unsigned kDescriptorSharePercent = 85;
 constexpr std::size_t kDescriptionRequests = 16384;
 constexpr std::size_t kListedDevices = 16384;
+// What all listed devices may hold together: descriptions, service descriptions and records.
+constexpr std::size_t kHeldDeviceBytes = 256 * 1024 * 1024;
+// Addresses probed at a time when devices that did not answer a search are checked: each takes a
+// descriptor.
+constexpr std::size_t kReachabilityBatch = 256;
+// Threads that look after descriptions that did not come; more of them wait in line.
+constexpr int kDescriptionWorkers = 8;
 // Services of one device for which descriptions are asked.
 constexpr std::size_t kServicesPerDevice = 1024;
 // Attributes of one element above which look-ups go through an index.

@@ -75,7 +75,7 @@ class Device : private VEXUncopyable {
   std::string presentation_url;
   std::string ip;
   int port = 0;
-  // Unique among the listed devices.
+  // Made when the device is listed: a prefix from the model description, and the friendly name.
   std::string display_name;
   // The local address that the description arrived on, and its interface's name or "localhost".
   std::string interface_ip;
@@ -88,7 +88,9 @@ class Device : private VEXUncopyable {
   std::list<std::unique_ptr<AdditionalFieldInfo>> additional_fields;
   // Cleared before a rescan, set again by the device's answer.
   bool is_valid = true;
-  std::string description_xml;
+  // The whole description. Shared by all devices of one description, since there may be thousands of
+  // them in one of several megabytes; null before it is known.
+  boost::shared_ptr<const std::string> description_xml;
 };
 
 }  // namespace cp_discovery

@@ -1,0 +1,367 @@
+#include "src/device_list.h"
+
+#include <algorithm>
+#include <utility>
+#include <vector>
+
+#include <boost/regex.hpp>
+#include <boost/thread/lock_guard.hpp>
+
+#include <vexupnpcp/network_layer.h>
+#include <vexupnpcp/result_codes.h>
+#include <vexupnpcp/streaming.h>
+
+#include "base/limits.h"
+#include "base/log.h"
+#include "base/log_limit.h"
+#include "base/singleton.h"
+#include "src/device_type.h"
+#include "src/upnp_constants.h"
+
+namespace vex_upnp {
+namespace cp_discovery {
+namespace {
+
+constexpr const char* kTag = log::kTagDiscovery;
+
+constexpr char kMakerPrefix[] = "Tolmark ";
+constexpr std::size_t kMakerPrefixLength = sizeof(kMakerPrefix) - 1;
+// A list's node and the allocator's own share, roughly.
+constexpr std::size_t kNodeCost = 32;
+
+bool IsGlobal(const std::string& type) { return type == kSearchAll || type == kRootDevice; }
+
+bool BelongsToSearch(const Device& device, const std::string& type) {
+  return IsGlobal(type) || device.device_type == type;
+}
+
+// The first word of the model description behind the maker's name, in brackets.
+// KEPT: a word of a single character gives no prefix, nor does one with nothing behind it.
+std::string DisplayNamePrefix(const std::string& model_description) {
+  if (model_description.compare(0, kMakerPrefixLength, kMakerPrefix) != 0) return std::string();
+  const std::string rest = model_description.substr(kMakerPrefixLength);
+  const std::size_t blank = rest.find(' ');
+  if (blank == std::string::npos || blank < 2) return std::string();
+  return "[" + rest.substr(0, blank) + "]";
+}
+
+// What a device costs in memory, give or take its short texts. The description is shared and is
+// counted with the device that brings it.
+std::size_t Footprint(const Device& device) {
+  std::size_t bytes = sizeof(Device);
+  bytes += device.icons.size() * (sizeof(DeviceIcon) + kNodeCost);
+  bytes += device.services.size() * (sizeof(ServiceInfo) + kNodeCost);
+  bytes += device.additional_fields.size() * (sizeof(AdditionalFieldInfo) + kNodeCost);
+  if (device.description_xml && device.description_xml.use_count() == 1) {
+    bytes += device.description_xml->size();
+  }
+  return bytes;
+}
+
+// The addresses with a running streaming session, and the kind of session.
+std::map<std::string, int> StreamingAddresses() {
+  std::map<std::string, int> addresses;
+  streaming::stRunningSession* sessions = nullptr;
+  if (streaming::GetRunningSessionInfo(&sessions) != result::kOk) {
+    VEX_LOG(kLogMajor, kTag, "GetRunningSession failed.");
+    return addresses;
+  }
+  for (const streaming::stRunningSession* session = sessions; session != nullptr;
+       session = session->next) {
+    if (session->ip != nullptr) addresses[session->ip] = session->type;
+  }
+  streaming::FreeRunningSession(sessions);
+  return addresses;
+}
+
+// Probes `addresses` a batch at a time; each batch takes the whole time-out.
+int ProbeInBatches(DeviceList::Addresses& addresses, int timeout,
+                   boost::unique_lock<boost::mutex>& lock, boost::condition_variable& condition,
+                   bool& stop) {
+  if (addresses.size() <= limits::kReachabilityBatch) {
+    return network_layer::IsReachable(addresses, timeout, lock, condition, stop);
+  }
+  auto next = addresses.begin();
+  while (next != addresses.end()) {
+    // The records are shared, so the answers arrive in `addresses`.
+    DeviceList::Addresses batch;
+    for (; next != addresses.end() && batch.size() < limits::kReachabilityBatch; ++next) {
+      batch.insert(*next);
+    }
+    const int result = network_layer::IsReachable(batch, timeout, lock, condition, stop);
+    if (result != result::kOk) return result;
+  }
+  return result::kOk;
+}
+
+}  // namespace
+
+boost::shared_ptr<DeviceList> DeviceList::instance_;
+boost::mutex DeviceList::singleton_mutex_;
+
+boost::shared_ptr<DeviceList> DeviceList::GetInstance() {
+  return GetOrCreateShared(instance_, singleton_mutex_, [] { return new DeviceList; });
+}
+
+void DeviceList::Terminate() {
+  const boost::shared_ptr<DeviceList> ended = ExistingShared(instance_, singleton_mutex_);
+  if (ended) ended->ClearDeviceList();
+  DestroyShared(instance_, singleton_mutex_);
+}
+
+void DeviceList::ClearDeviceList() {
+  // Declared outside the lock's scope: the devices go when it has been released.
+  Entries cleared;
+  boost::lock_guard<boost::recursive_mutex> lock(device_list_mutex);
+  cleared.swap(devices_);
+  by_udn_.clear();
+  by_device_.clear();
+  held_ = 0;
+}
+
+bool DeviceList::Add(boost::shared_ptr<Device>& device) {
+  if (!device) {
+    VEX_LOG(kLogMajor, kTag, "Error, invalid device in DeviceList::Add");
+    return false;
+  }
+  const std::size_t bytes = Footprint(*device);
+  if (devices_.size() >= limits::kListedDevices || bytes > limits::kHeldDeviceBytes - held_) {
+    static LogLimit once_a_second;
+    if (once_a_second.Due()) {
+      VEX_LOG(kLogMajor, kTag, "Device list is full, device not listed [%s]", device->udn.c_str());
+    }
+    return false;
+  }
+  const std::string name = DisplayNamePrefix(device->model_description) + device->friendly_name;
+  // A device that comes back has its name already, and others may be reading it.
+  if (device->display_name != name) device->display_name = name;
+  if (!device->friendly_name.empty()) {
+    VEX_LOG(kLogStep, kTag, "DEVICE_ADDED [%s][%s]", device->friendly_name.c_str(),
+            device->device_type.c_str());
+  }
+  device->is_valid = true;
+  device->services_ready = false;
+
+  const Entries::iterator entry =
+      devices_.insert(devices_.end(), Entry{device, by_udn_.end(), bytes});
+  entry->place = by_udn_.emplace(device->udn, entry);
+  by_device_.emplace(device.get(), entry);
+  held_ += bytes;
+  VEX_LOG(kLogStep, kTag, " the size of device list : %d", static_cast<int>(devices_.size()));
+  return true;
+}
+
+bool DeviceList::Reserve(const boost::shared_ptr<Device>& device, std::size_t bytes) {
+  const auto found = by_device_.find(device.get());
+  if (found == by_device_.end() || bytes > limits::kHeldDeviceBytes - held_) return false;
+  found->second->held += bytes;
+  held_ += bytes;
+  return true;
+}
+
+boost::shared_ptr<Device> DeviceList::Erase(Entries::iterator entry) {
+  const boost::shared_ptr<Device> device = entry->device;
+  const auto same = by_device_.equal_range(device.get());
+  by_device_.erase(std::find_if(same.first, same.second,
+                                [&](const auto& indexed) { return indexed.second == entry; }));
+  by_udn_.erase(entry->place);
+  held_ -= entry->held;
+  devices_.erase(entry);
+  return device;
+}
+
+void DeviceList::Remove(const boost::shared_ptr<Device>& device) {
+  for (auto found = by_device_.find(device.get()); found != by_device_.end();
+       found = by_device_.find(device.get())) {
+    Erase(found->second);
+  }
+}
+
+boost::shared_ptr<Device> DeviceList::RemoveByUdn(const std::string& udn) {
+  // Among equal keys the lower bound is the one that came first.
+  const auto found = by_udn_.lower_bound(udn);
+  if (found == by_udn_.end() || found->first != udn) return boost::shared_ptr<Device>();
+  return Erase(found->second);
+}
+
+void DeviceList::RemoveDeviceHierarchy(const boost::shared_ptr<Device>& device) {
+  std::vector<boost::shared_ptr<Device>> waiting(1, device);
+  while (!waiting.empty()) {
+    const boost::shared_ptr<Device> next = waiting.back();
+    waiting.pop_back();
+    Remove(next);
+    waiting.insert(waiting.end(), next->embedded_devices.begin(), next->embedded_devices.end());
+  }
+}
+
+std::unique_ptr<DeviceList::Devices> DeviceList::RemoveAndGetDevicesByInterface(
+    const std::string& name) {
+  std::unique_ptr<Devices> removed(new Devices);
+  for (const Entry& entry : devices_) {
+    const std::string& interface_name = entry.device->interface_name;
+    if (interface_name.empty() || interface_name == name) removed->push_back(entry.device);
+  }
+  for (const boost::shared_ptr<Device>& device : *removed) {
+    // What has gone with its parent took its own embedded devices along.
+    if (IsListed(device)) RemoveDeviceHierarchy(device);
+  }
+  return removed;
+}
+
+boost::shared_ptr<Device> DeviceList::IsDeviceAdded(const std::string& udn) const {
+  const auto found = by_udn_.lower_bound(udn);
+  if (found == by_udn_.end() || found->first != udn) return boost::shared_ptr<Device>();
+  return found->second->device;
+}
+
+bool DeviceList::IsListed(const boost::shared_ptr<Device>& device) const {
+  return by_device_.count(device.get()) != 0;
+}
+
+bool DeviceList::MarkReady(const boost::shared_ptr<Device>& device) {
+  if (!IsListed(device) || device->services_ready) return false;
+  device->services_ready = true;
+  return true;
+}
+
+boost::shared_ptr<Device> DeviceList::FindReady(const std::string& udn) const {
+  for (auto found = by_udn_.lower_bound(udn); found != by_udn_.end() && found->first == udn;
+       ++found) {
+    if (found->second->device->services_ready) return found->second->device;
+  }
+  return boost::shared_ptr<Device>();
+}
+
+boost::shared_ptr<Device> DeviceList::GetDeviceByUdn(const std::string& udn) const {
+  const boost::shared_ptr<Device> device = FindReady(udn);
+  if (device) VEX_LOG(kLogStep, kTag, "device udn matched");
+  return device;
+}
+
+boost::shared_ptr<Device> DeviceList::LockAndGetDeviceByUdn(const std::string& udn) {
+  boost::lock_guard<boost::recursive_mutex> lock(device_list_mutex);
+  return FindReady(udn);
+}
+
+std::unique_ptr<DeviceList::Devices> DeviceList::GetAllDevices() const {
+  std::unique_ptr<Devices> all;
+  if (devices_.empty()) return all;
+  all.reset(new Devices);
+  for (const Entry& entry : devices_) all->push_back(entry.device);
+  return all;
+}
+
+// The stems must be equal here; the observers' and the accepted types' comparisons are other ones.
+std::unique_ptr<DeviceList::Devices> DeviceList::GetDeviceListByType(
+    const std::string& type) const {
+  std::unique_ptr<Devices> matching(new Devices);
+  const DeviceTypeParts wanted = SplitDeviceType(type);
+  for (const Entry& entry : devices_) {
+    if (!entry.device->services_ready) continue;
+    if (type != kRootDevice) {
+      const DeviceTypeParts parts = SplitDeviceType(entry.device->device_type);
+      if (parts.stem != wanted.stem || !VersionAccepted(parts.version, wanted.version)) continue;
+    }
+    matching->push_back(entry.device);
+  }
+  return matching;
+}
+
+// KEPT: only the beginning of an entry counts, so a device of type "...:Foo:1" passes for an entry
+// "...:FooBar:1". It costs a description; the observers' own comparison decides about events.
+bool DeviceList::IsAcceptedDevice(const std::string& type) const {
+  if (accepted_devices_.empty()) return true;
+  const std::string stem = SplitDeviceType(type).stem;
+  if (stem.empty()) return false;
+  return std::any_of(
+      accepted_devices_.begin(), accepted_devices_.end(),
+      [&](const std::string& accepted) { return accepted.compare(0, stem.size(), stem) == 0; });
+}
+
+void DeviceList::AddAcceptedDevice(const std::string& type) {
+  if (type.empty()) return;
+  if (type == kRootDevice) {
+    VEX_LOG(kLogStep, kTag, "it's root device");
+    return;
+  }
+  if (type.compare(0, sizeof(kForumDeviceType) - 1, kForumDeviceType) != 0) {
+    // KEPT: the bars stand inside the sets, so they are allowed in the text; and only one digit of
+    // version fits, though the devices themselves may have more.
+    static const boost::regex vendor_type("urn:[a-z|A-Z|-]+:device:[a-z|A-Z]+:[0-9]");
+    if (!boost::regex_match(type, vendor_type)) return;
+  }
+  VEX_LOG(kLogStep, kTag, "accepted device_type:[%s]", type.c_str());
+  // Registering the same type for years must not make the list longer.
+  const auto end = accepted_devices_.end();
+  if (std::find(accepted_devices_.begin(), end, type) == end) accepted_devices_.push_back(type);
+}
+
+void DeviceList::ResetDeviceListValidity(const std::string& type) {
+  const std::map<std::string, int> streaming = StreamingAddresses();
+  boost::lock_guard<boost::recursive_mutex> lock(device_list_mutex);
+  for (const Entry& entry : devices_) {
+    Device& device = *entry.device;
+    if (!BelongsToSearch(device, type)) continue;
+    if (device.services_ready && streaming.count(device.ip) == 0) device.is_valid = false;
+  }
+}
+
+std::unique_ptr<DeviceList::Devices> DeviceList::RemoveAndGetInvalidDevicesByType(
+    const std::string& type, int timeout, boost::unique_lock<boost::mutex>& lock,
+    boost::condition_variable& condition, bool& stop,
+    boost::unique_lock<boost::recursive_mutex>& delivery) {
+  Addresses addresses = GetInvalidAddresses(type);
+  if (addresses.empty()) {
+    lock.unlock();
+    return std::unique_ptr<Devices>();
+  }
+  const int result = ProbeInBatches(addresses, timeout, lock, condition, stop);
+  lock.unlock();
+  if (result != result::kOk) {
+    VEX_LOG(kLogMajor, kTag, "IsReachable failed!!");
+    return std::unique_ptr<Devices>(new Devices);
+  }
+  delivery.lock();
+  return RemoveUnreachable(type, addresses);
+}
+
+DeviceList::Addresses DeviceList::GetInvalidAddresses(const std::string& type) {
+  Addresses addresses;
+  boost::lock_guard<boost::recursive_mutex> lock(device_list_mutex);
+  for (const Entry& entry : devices_) {
+    const Device& device = *entry.device;
+    if (device.is_valid || !BelongsToSearch(device, type)) continue;
+    boost::shared_ptr<network_layer::valid_address_info> info(
+        new network_layer::valid_address_info);
+    info->ip = device.ip;
+    info->port = device.port;
+    addresses[device.udn] = info;
+  }
+  return addresses;
+}
+
+std::unique_ptr<DeviceList::Devices> DeviceList::RemoveUnreachable(const std::string& type,
+                                                                   const Addresses& addresses) {
+  std::unique_ptr<Devices> removed(new Devices);
+  boost::lock_guard<boost::recursive_mutex> lock(device_list_mutex);
+  for (auto entry = devices_.begin(); entry != devices_.end();) {
+    const auto current = entry++;
+    Device& device = *current->device;
+    // Whatever announced itself in the meantime is valid again.
+    if (device.is_valid || !BelongsToSearch(device, type)) continue;
+    const auto probed = addresses.find(device.udn);
+    if (probed == addresses.end()) {
+      VEX_LOG(kLogMajor, kTag, "invalid device info not found!!");
+    } else if (probed->second->valid) {
+      device.is_valid = true;
+      VEX_LOG(kLogStep, kTag, "Device is valid and busy in performing other activity!!");
+    } else {
+      VEX_LOG(kLogStep, kTag, "Invalid device found. adding to list!!");
+      removed->push_back(Erase(current));
+    }
+  }
+  return removed;
+}
+
+}  // namespace cp_discovery
+}  // namespace vex_upnp
