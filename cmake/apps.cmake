@@ -12,6 +12,10 @@ add_executable(vexsim ${VEXSIM_SOURCES})
 target_link_libraries(vexsim PRIVATE vex_app_flags)
 target_compile_definitions(vexsim PRIVATE VEXSIM_DEVICES_DIR="${VEXSIM_DEVICES_DIR}")
 
+file(GLOB VEXCP_SOURCES CONFIGURE_DEPENDS apps/vexcp/*.cpp)
+add_executable(vexcp ${VEXCP_SOURCES})
+target_link_libraries(vexcp PRIVATE vexupnpcp vex_app_flags)
+
 if(VEX_BUILD_TESTS)
   add_test(NAME program_tests
            COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/tools/two_hosts

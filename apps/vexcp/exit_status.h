@@ -1,0 +1,38 @@
+#ifndef VEXCP_EXIT_STATUS_H_
+#define VEXCP_EXIT_STATUS_H_
+
+#include <stdexcept>
+#include <string>
+
+namespace vexcp {
+
+// What the program ends with; --help tells them.
+constexpr int kDone = 0;
+constexpr int kNotFound = 1;
+constexpr int kWrongArguments = 2;
+constexpr int kNoInterface = 3;
+constexpr int kNotStarted = 4;
+
+constexpr char kExitStatusHelp[] = R"(
+Exit status:
+  0  done
+  1  nothing was found: no device, not that device, or not that service
+  2  wrong arguments
+  3  no network interface to work on
+  4  the control point could not start
+)";
+
+// Ends the program with a status and a text that says what to do.
+class Failure : public std::runtime_error {
+ public:
+  Failure(int exit_status, const std::string& text)
+      : std::runtime_error(text), status_(exit_status) {}
+  int status() const { return status_; }
+
+ private:
+  int status_;
+};
+
+}  // namespace vexcp
+
+#endif  // VEXCP_EXIT_STATUS_H_

@@ -1,0 +1,47 @@
+#include <cstdio>
+#include <exception>
+
+#include "commands.h"
+#include "exit_status.h"
+
+namespace {
+
+constexpr char kDescription[] =
+    "vexcp finds the UPnP devices of the local network and shows what they offer.";
+
+constexpr char kExamples[] = R"(
+Examples:
+  vexcp discover                         all devices, embedded ones under their roots
+  vexcp discover --type MediaRenderer    renderers only
+  vexcp discover --watch                 who comes and goes, until Ctrl-C
+  vexcp info uuid:12714036-1c97-45a6-8146-03c7ec877e30
+  vexcp scpd uuid:12714036-1c97-45a6-8146-03c7ec877e30 SwitchPower
+
+VEXUPNPCP_LOG=16 in the environment shows the library's major log lines, 4 and 2 show more.
+)";
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app{kDescription, "vexcp"};
+  app.footer(std::string(kExamples) + vexcp::kExitStatusHelp);
+  app.require_subcommand(1);
+  vexcp::Run run;
+  vexcp::AddDiscoverCommand(app, run);
+  vexcp::AddInfoCommand(app, run);
+  vexcp::AddScpdCommand(app, run);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? vexcp::kDone : vexcp::kWrongArguments;
+  }
+  try {
+    return run();
+  } catch (const vexcp::Failure& failure) {
+    std::fprintf(stderr, "vexcp: %s\n", failure.what());
+    return failure.status();
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "vexcp: %s\n", error.what());
+    return vexcp::kNotStarted;
+  }
+}
