@@ -51,13 +51,12 @@ void Run(const Options& options) {
   vexsim::Simulation simulation(loop, options);
   vexsim::Commands commands(simulation, options.json, [&loop] { loop.Stop(); });
   StartDevices(simulation, options);
-  std::printf("%s\n", commands.ReadyLine().c_str());
-  std::fflush(stdout);
-
   loop.Watch(signals.get(), EPOLLIN, [&loop](std::uint32_t) { loop.Stop(); });
   vexsim::ControlChannel control(
       loop, [&commands](const std::string& line) { return commands.Execute(line); });
   if (!options.control_socket.empty()) control.Listen(options.control_socket);
+  std::printf("%s\n", commands.ReadyLine().c_str());
+  std::fflush(stdout);
   control.ReadStandardInput([&] {
     if (options.exit_with_stdin) loop.Stop();
   });
