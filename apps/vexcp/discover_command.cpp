@@ -184,8 +184,9 @@ void AddDiscoverCommand(CLI::App& app, Run& run) {
                    "gone; all devices at once are searched for at most every 120 seconds, given "
                    "types every 10")
       ->capture_default_str();
-  AddCommonOptions(*command, *options,
-                   "seconds to wait for devices; --watch goes on until Ctrl-C unless this is given");
+  AddCommonOptions(
+      *command, *options,
+      "seconds to wait for devices; --watch goes on until Ctrl-C unless this is given");
   command->callback([options, command, &run] {
     if (options->watch && command->count("--wait") == 0) options->wait_s = 0;
     run = [options] { return Discover(*options); };
