@@ -31,6 +31,10 @@ constexpr int kAddressChangePauseMs = 500;
 constexpr int kAcceptPauseMs = 100;
 // How long a thread that can't go on without memory waits before it tries again.
 constexpr int kMemoryRetryMs = 100;
+// How long a synchronous streaming client waits for its connection.
+constexpr int kSyncConnectTimeoutMs = 5000;
+// Between the last byte of a served payload and the close.
+constexpr int kServedConnectionPauseMs = 20;
 // How long an event with an unknown SID waits for a SUBSCRIBE answer in handling.
 constexpr int kSubscribeAnswerWaitMs = 1000;
 

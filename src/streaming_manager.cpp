@@ -1,22 +1,58 @@
 #include "src/streaming_manager.h"
 
+#include <algorithm>
+#include <cstdlib>
 #include <new>
+#include <vector>
 
 #include <boost/thread/lock_guard.hpp>
 
 #include <vexupnpcp/networkmonitor.h>
 #include <vexupnpcp/result_codes.h>
+#include <vexupnpcp/streaming.h>
+
+#include "base/io_threads.h"
 #include "base/log.h"
+#include "src/streaming_incoming_session.h"
+#include "src/streaming_outgoing_session.h"
+#include "src/streaming_outgoing_sync_session.h"
+#include "src/streaming_server.h"
+#include "src/streaming_utils.h"
 
 namespace vex_upnp {
 namespace streaming {
 
 using log::kTagStreaming;
+using network_layer::NetInfo;
+using ServerLock = boost::lock_guard<boost::recursive_mutex>;
+
+namespace {
+
+constexpr char kAllInterfaces[] = "ALL_INTERFACES";
+constexpr int kPoolThreads = 20;
+constexpr int kFirstClientId = 101;
+constexpr int kClientIdEnd = 1000;
+
+}  // namespace
 
 boost::mutex& StreamingManager::m_singleton_mutex_ = *new boost::mutex;
 boost::shared_ptr<StreamingManager>& StreamingManager::m_instance_ =
     *new boost::shared_ptr<StreamingManager>;
 std::atomic<int> StreamingManager::ref_count_{0};
+boost::recursive_mutex StreamingManager::m_server_list_mutex_;
+boost::mutex StreamingManager::m_sync_client_list_mutex_;
+boost::mutex StreamingManager::m_client_list_mutex_;
+
+configuration_server_info::~configuration_server_info() {
+  for (const boost::shared_ptr<TCPServer>& server : servers) server->Stop();
+}
+
+// Life of the manager.
+
+StreamingManager::StreamingManager()
+    : m_io_service_(new io_service), m_work_(new io_work(KeepRunning(*m_io_service_))) {}
+
+StreamingManager::~StreamingManager() { __StopStreaming(); }
 
 boost::shared_ptr<StreamingManager> StreamingManager::GetInstance() {
   try {
@@ -32,6 +68,11 @@ boost::shared_ptr<StreamingManager> StreamingManager::GetInstance() {
   }
 }
 
+boost::shared_ptr<StreamingManager> StreamingManager::GetExisting() {
+  boost::lock_guard<boost::mutex> lock(m_singleton_mutex_);
+  return m_instance_;
+}
+
 void StreamingManager::DestroyInstance() {
   VEX_LOG(kLogStep, kTagStreaming, "StreamingManager::DestroyInstance Ref Count [%d]",
           ref_count_.load());
@@ -41,8 +82,11 @@ void StreamingManager::DestroyInstance() {
     boost::lock_guard<boost::mutex> lock(m_singleton_mutex_);
     if (ref_count_.load() < 1) last.swap(m_instance_);
   }
-  // Outside the lock: unregistering waits for a network event in progress.
-  if (last) last->__UnregisterNetworkListener();
+  if (!last) return;
+  // Outside the lock: unregistering waits for a network event in progress, and a pool thread that
+  // is joined may ask for the instance.
+  last->__UnregisterNetworkListener();
+  last->__StopStreaming();
 }
 
 void StreamingManager::AddReference() {
@@ -57,16 +101,31 @@ void StreamingManager::DeleteReference() {
     left = --ref_count_;
     VEX_LOG(kLogStep, kTagStreaming, "StreamingManager::DeleteReference Ref Count [%d]", left);
   }
-  if (left == 0) VEX_LOG(kLogStep, kTagStreaming, "Stopping streaming threads");
+  if (left != 0) return;
+  VEX_LOG(kLogStep, kTagStreaming, "Stopping streaming threads");
+  __StopStreaming();
 }
 
-int StreamingManager::GetRunningSessionInfo(stRunningSession** sessions) {
-  *sessions = nullptr;
-  return result::kOk;
-}
-
-void StreamingManager::OnNetworkChanged(std::string& name, network_layer::NicEvent) {
-  VEX_LOG(kLogStep, kTagStreaming, "NW event arrived for interface name %s", name.c_str());
+void StreamingManager::__StopStreaming() {
+  __StopThreads();
+  std::list<Configuration> configurations;
+  {
+    ServerLock lock(m_server_list_mutex_);
+    configurations.swap(m_configurations_);
+  }
+  configurations.clear();
+  std::map<int, boost::shared_ptr<OutgoingSession>> clients;
+  {
+    boost::lock_guard<boost::mutex> lock(m_client_list_mutex_);
+    clients.swap(m_clients_);
+  }
+  for (const auto& client : clients) client.second->CloseConnection();
+  std::map<int, boost::shared_ptr<OutgoingSyncSession>> sync_clients;
+  {
+    boost::lock_guard<boost::mutex> lock(m_sync_client_list_mutex_);
+    sync_clients.swap(m_sync_clients_);
+  }
+  for (const auto& client : sync_clients) client.second->CloseConnection();
 }
 
 void StreamingManager::__RegisterNetworkListener() {
@@ -80,6 +139,425 @@ void StreamingManager::__RegisterNetworkListener() {
 void StreamingManager::__UnregisterNetworkListener() {
   if (m_listener_registered_) network_layer::UnRegisterEventListener(m_network_listener_id_);
   m_listener_registered_ = false;
+}
+
+// Threads.
+
+int StreamingManager::__EnsureThreads() {
+  boost::lock_guard<boost::recursive_mutex> lock(m_threads_mutex_);
+  if (m_threads_running_) return result::kOk;
+  if (StartStreamingThreads(kPoolThreads) != result::kOk) {
+    VEX_LOG(kLogMajor, kTagStreaming, "Configure Server Threads failed.");
+    return result::kFailure;
+  }
+  VEX_LOG(kLogStep, kTagStreaming, "Streaming threads initialized");
+  return result::kOk;
+}
+
+int StreamingManager::StartStreamingThreads(int count) {
+  VEX_LOG(kLogMajor, kTagStreaming, "StreamingManager::StartStreamingThreads");
+  std::string prefix;
+  if (!ThreadNamePrefix(prefix)) {
+    VEX_LOG(kLogMajor, kTagStreaming, "pthread_getname_np : Error in getting Thread Name");
+  }
+  try {
+    if (m_io_service_->stopped()) m_io_service_->restart();
+    const boost::shared_ptr<io_service> io = m_io_service_;
+    for (int i = 0; i < count; ++i) {
+      m_threads_.push_back(boost::shared_ptr<boost::thread>(
+          StartNamedThread(prefix + "VexStrmIo" + std::to_string(i), [io] { io->run(); })));
+    }
+    m_threads_running_ = true;
+    return result::kOk;
+  } catch (const boost::thread_resource_error& error) {
+    VEX_LOG(kLogMajor, kTagStreaming, "thread_resource_error exception:[%s]", error.what());
+  } catch (...) {
+    VEX_LOG(kLogMajor, kTagStreaming, "Unknown Exception in StartStreamingThreads");
+  }
+  return result::kFailure;
+}
+
+void StreamingManager::__StopThreads() {
+  std::list<boost::shared_ptr<boost::thread>> threads;
+  {
+    boost::lock_guard<boost::recursive_mutex> lock(m_threads_mutex_);
+    if (m_threads_.empty()) return;
+    m_io_service_->stop();
+    threads.swap(m_threads_);
+    m_threads_running_ = false;
+  }
+  for (const boost::shared_ptr<boost::thread>& thread : threads) {
+    if (thread->get_id() == boost::this_thread::get_id()) {
+      VEX_LOG(kLogMajor, kTagStreaming, "streaming stopped from a streaming thread, not joined");
+      thread->detach();
+    } else {
+      thread->join();
+    }
+  }
+}
+
+int StreamingManager::ConfigureStreamingThreads(int count, bool start) {
+  if (!start) {
+    __StopThreads();
+    return result::kOk;
+  }
+  boost::lock_guard<boost::recursive_mutex> lock(m_threads_mutex_);
+  return StartStreamingThreads(count == 0 ? kPoolThreads : count);
+}
+
+// Servers.
+
+boost::shared_ptr<TCPServer> StreamingManager::__MakeServer(const ServerAppCallbacks* callbacks,
+                                                            const std::string& ip,
+                                                            const std::string& interface,
+                                                            int port) {
+  return boost::shared_ptr<TCPServer>(new TCPServer(*m_io_service_, DupServerCallbacks(callbacks),
+                                                    ip, interface, m_server_id_, port));
+}
+
+int StreamingManager::StartServers(const ServerAppCallbacks* callbacks, const char* interface_ip,
+                                   int port, stServer** servers, int* configuration_id) {
+  if (__EnsureThreads() != result::kOk) return result::kFailure;
+  return interface_ip == nullptr
+             ? __StartOnAll(callbacks, port, servers, configuration_id)
+             : __StartOnInterface(callbacks, interface_ip, port, servers, configuration_id);
+}
+
+int StreamingManager::__StartOnAll(const ServerAppCallbacks* callbacks, int port,
+                                   stServer** servers, int* configuration_id) {
+  ServerLock lock(m_server_list_mutex_);
+  FreePtr<ServerAppCallbacks> copy(DupServerCallbacks(callbacks));
+  if (!copy) return result::kStreamingOutOfMemory;
+  const Configuration configuration(
+      new configuration_server_info(m_configuration_id_, kAllInterfaces, port, copy.release()));
+  m_configurations_.push_back(configuration);
+  *configuration_id = m_configuration_id_++;
+  _CreateServerOnAllNWInterfaces(configuration, servers);
+  return result::kOk;
+}
+
+void StreamingManager::_CreateServerOnAllNWInterfaces(const Configuration& configuration,
+                                                      stServer** servers) {
+  std::vector<NetInfo> interfaces;
+  network_layer::GetActiveSelectedNetworkInterfaces(&interfaces);
+  for (const NetInfo& interface : interfaces) {
+    int port = configuration->port;
+    const boost::shared_ptr<TCPServer> server =
+        __MakeServer(configuration->callbacks.get(), interface.ip_address, interface.name, port);
+    if (server->Start(port) != result::kOk) continue;
+    AddServerInfo(m_server_id_, interface.ip_address, interface.name, port, servers);
+    ++m_server_id_;
+    configuration->servers.push_back(server);
+  }
+}
+
+int StreamingManager::__StartOnInterface(const ServerAppCallbacks* callbacks, const std::string& ip,
+                                         int port, stServer** servers, int* configuration_id) {
+  VEX_LOG(kLogMajor, kTagStreaming, "Got request to start on interface %s", ip.c_str());
+  NetInfo interface;
+  if (network_layer::GetNetworkInterfaceByIP(ip, interface) != result::kOk) {
+    VEX_LOG(kLogMajor, kTagStreaming, "Network Info Not found for interface %s", ip.c_str());
+    return result::kStreamingNoInterface;
+  }
+  ServerLock lock(m_server_list_mutex_);
+  FreePtr<ServerAppCallbacks> copy(DupServerCallbacks(callbacks));
+  if (!copy) return result::kStreamingOutOfMemory;
+  int bound = port;
+  const boost::shared_ptr<TCPServer> server = __MakeServer(callbacks, ip, interface.name, port);
+  if (server->Start(bound) != result::kOk) return result::kStreamingBindFailed;
+  const Configuration configuration(
+      new configuration_server_info(m_configuration_id_, interface.name, port, copy.release()));
+  configuration->servers.push_back(server);
+  m_configurations_.push_back(configuration);
+  AddServerInfo(m_server_id_, ip, interface.name, bound, servers);
+  VEX_LOG(kLogMajor, kTagStreaming, "Server started on interface %s @759", ip.c_str());
+  *configuration_id = m_configuration_id_;
+  ++m_configuration_id_;
+  ++m_server_id_;
+  return result::kOk;
+}
+
+boost::shared_ptr<TCPServer> StreamingManager::GetServer(int server_id) {
+  ServerLock lock(m_server_list_mutex_);
+  for (const Configuration& configuration : m_configurations_) {
+    for (const boost::shared_ptr<TCPServer>& server : configuration->servers) {
+      if (server->GetServerId() == server_id) return server;
+    }
+  }
+  return boost::shared_ptr<TCPServer>();
+}
+
+boost::shared_ptr<IncomingSession> StreamingManager::GetSessionInfo(int server_id, int session_id) {
+  boost::shared_ptr<IncomingSession> session;
+  const boost::shared_ptr<TCPServer> server = GetServer(server_id);
+  if (!server) {
+    VEX_LOG(kLogMajor, kTagStreaming, "Server not found in the list.");
+  } else if (server->FindSession(session_id, session) != result::kYes) {
+    VEX_LOG(kLogMajor, kTagStreaming, "Session not found on the server.");
+  }
+  return session;
+}
+
+stServer* StreamingManager::GetConfiguredServers(int server_id) {
+  const boost::shared_ptr<TCPServer> server = GetServer(server_id);
+  stServer* info = nullptr;
+  if (server) {
+    AddServerInfo(server_id, server->GetIP(), server->GetInterfaceName(), server->GetPort(), &info);
+  }
+  return info;
+}
+
+int StreamingManager::GetStreamingServerPort(int configuration_id, const std::string& ip,
+                                             int* port) {
+  ServerLock lock(m_server_list_mutex_);
+  for (const Configuration& configuration : m_configurations_) {
+    if (configuration->configuration_id != configuration_id) continue;
+    for (const boost::shared_ptr<TCPServer>& server : configuration->servers) {
+      if (server->GetIP() != ip) continue;
+      *port = server->GetPort();
+      return result::kOk;
+    }
+  }
+  return result::kStreamingNoServer;
+}
+
+int StreamingManager::StopServers(int configuration_id) {
+  Configuration stopped;
+  ServerLock lock(m_server_list_mutex_);
+  const auto found = std::find_if(m_configurations_.begin(), m_configurations_.end(),
+                                  [&](const Configuration& configuration) {
+                                    return configuration->configuration_id == configuration_id;
+                                  });
+  if (found == m_configurations_.end()) return result::kStreamingNoServer;
+  stopped = *found;
+  m_configurations_.erase(found);
+  return result::kOk;
+}
+
+int StreamingManager::StopServerTransfer(int server_id, int session_id) {
+  const boost::shared_ptr<TCPServer> server = GetServer(server_id);
+  if (!server) return result::kStreamingNoServer;
+  server->SessionCompleted(session_id);
+  return result::kOk;
+}
+
+int StreamingManager::SendHTTPResponse(int server_id, int session_id, const ResHeaderInfo* response,
+                                       bool final) {
+  const boost::shared_ptr<TCPServer> server = GetServer(server_id);
+  if (server) return server->SendResponse(session_id, response, final);
+  VEX_LOG(kLogMajor, kTagStreaming, "Server %d not found.", server_id);
+  return result::kStreamingNoServer;
+}
+
+// Clients.
+
+int StreamingManager::__NextClientId() {
+  const int id = m_client_id_++;
+  if (m_client_id_ == kClientIdEnd) m_client_id_ = kFirstClientId;
+  return id;
+}
+
+int StreamingManager::StartClient(const ClientAppCallbacks* callbacks, const std::string& ip,
+                                  int port, int* client_id) {
+  if (__EnsureThreads() != result::kOk) return result::kFailure;
+  FreePtr<ClientAppCallbacks> copy(DupClientCallbacks(callbacks));
+  if (!ValidateClientCallbacks(copy.get())) return result::kStreamingOutOfMemory;
+  boost::shared_ptr<OutgoingSession> session;
+  {
+    boost::lock_guard<boost::mutex> lock(m_client_list_mutex_);
+    const int id = __NextClientId();
+    *client_id = id;
+    session.reset(new OutgoingSession(*m_io_service_, copy.release(), id, this));
+    // An id that came around again leaves the session that has it in place; only that one is
+    // driven.
+    m_clients_.insert(std::make_pair(id, session));
+  }
+  const int connecting = session->Connect(ip, port);
+  if (connecting != result::kOk) {
+    VEX_LOG(kLogMajor, kTagStreaming, "Unable to connect to the server %s", ip.c_str());
+  }
+  return connecting;
+}
+
+int StreamingManager::StartSyncClient(int* client_id) {
+  boost::lock_guard<boost::mutex> sync_lock(m_sync_client_list_mutex_);
+  boost::lock_guard<boost::mutex> lock(m_client_list_mutex_);
+  const int id = __NextClientId();
+  *client_id = id;
+  m_sync_clients_.insert(std::make_pair(
+      id,
+      boost::shared_ptr<OutgoingSyncSession>(new OutgoingSyncSession(*m_io_service_, id, this))));
+  return result::kOk;
+}
+
+boost::shared_ptr<OutgoingSession> StreamingManager::GetClientSessionInfo(int client_id) {
+  boost::lock_guard<boost::mutex> lock(m_client_list_mutex_);
+  const auto found = m_clients_.find(client_id);
+  return found == m_clients_.end() ? boost::shared_ptr<OutgoingSession>() : found->second;
+}
+
+boost::shared_ptr<OutgoingSyncSession> StreamingManager::GetSyncClient(int client_id) {
+  boost::lock_guard<boost::mutex> lock(m_sync_client_list_mutex_);
+  const auto found = m_sync_clients_.find(client_id);
+  return found == m_sync_clients_.end() ? boost::shared_ptr<OutgoingSyncSession>() : found->second;
+}
+
+int StreamingManager::SendHTTPRequest(int client_id, const ReqHeaderInfo* request) {
+  const boost::shared_ptr<OutgoingSession> session = GetClientSessionInfo(client_id);
+  if (!session) {
+    VEX_LOG(kLogMajor, kTagStreaming, "Session not found for client id %d.", client_id);
+    return result::kStreamingNoSession;
+  }
+  session->SetClientHandlerId(client_handler_id_);
+  return session->RegisterWrite(request);
+}
+
+int StreamingManager::StopClientTransfer(int client_id) {
+  ClientSessionCompleted(client_id);
+  return result::kOk;
+}
+
+void StreamingManager::ClientSessionCompleted(int client_id) {
+  boost::shared_ptr<OutgoingSession> session;
+  {
+    boost::lock_guard<boost::mutex> lock(m_client_list_mutex_);
+    const auto found = m_clients_.find(client_id);
+    if (found != m_clients_.end()) {
+      session = found->second;
+      m_clients_.erase(found);
+    }
+  }
+  if (session) {
+    session->CloseConnection();
+    return;
+  }
+  boost::shared_ptr<OutgoingSyncSession> sync_session;
+  {
+    boost::lock_guard<boost::mutex> lock(m_sync_client_list_mutex_);
+    const auto found = m_sync_clients_.find(client_id);
+    if (found != m_sync_clients_.end()) {
+      sync_session = found->second;
+      m_sync_clients_.erase(found);
+    }
+  }
+  if (sync_session) {
+    sync_session->CloseConnection();
+    return;
+  }
+  VEX_LOG(kLogMajor, kTagStreaming, "No client found!!");
+}
+
+int StreamingManager::SendHTTPPayload(int id, int session_id, void* data, unsigned int length,
+                                      bool final) {
+  if (id == client_handler_id_) {
+    const boost::shared_ptr<OutgoingSession> session = GetClientSessionInfo(session_id);
+    if (session) return session->RegisterWrite(data, length, final);
+    VEX_LOG(kLogMajor, kTagStreaming, "Session not found for client id %d.", session_id);
+    return result::kStreamingNoSession;
+  }
+  const boost::shared_ptr<TCPServer> server = GetServer(id);
+  if (server) return server->SendPayload(session_id, data, length, final);
+  VEX_LOG(kLogMajor, kTagStreaming, "Server %d not found.", id);
+  return result::kStreamingNoServer;
+}
+
+int StreamingManager::GetRunningSessionInfo(stRunningSession** sessions) {
+  stRunningSession* head = nullptr;
+  stRunningSession* tail = nullptr;
+  std::vector<std::string> peers;
+  {
+    boost::lock_guard<boost::mutex> lock(m_client_list_mutex_);
+    for (const auto& client : m_clients_) peers.push_back(client.second->GetOutgoingSessionIp());
+  }
+  bool complete = true;
+  for (const std::string& peer : peers) {
+    if (peer.empty()) continue;
+    FreePtr<stRunningSession> entry(CallocRecord<stRunningSession>());
+    if (entry) entry->ip = MallocString(peer);
+    complete = entry && entry->ip != nullptr;
+    if (!complete) break;
+    entry->type = 1;
+    AppendNode(head, tail, entry.release());
+  }
+  if (complete) {
+    ServerLock lock(m_server_list_mutex_);
+    for (const Configuration& configuration : m_configurations_) {
+      for (const boost::shared_ptr<TCPServer>& server : configuration->servers) {
+        if (complete) complete = server->GetAllConnectedDeviceInfo(head, tail) == result::kOk;
+      }
+    }
+  }
+  if (!complete) {
+    FreeRunningSession(head);
+    return result::kFailure;
+  }
+  *sessions = head;
+  return result::kOk;
+}
+
+// Interfaces.
+
+void StreamingManager::OnNetworkChanged(std::string& name, network_layer::NicEvent event) {
+  VEX_LOG(kLogMajor, kTagStreaming, "NW event arrived for interface name %s", name.c_str());
+  if (event == network_layer::NIC_REMOVED) {
+    StopStreamingServers(name);
+    return;
+  }
+  if (event != network_layer::NIC_ADDED && event != network_layer::NIC_IPCHANGED) return;
+  NetInfo interface;
+  if (network_layer::GetNetworkInterface(name, interface) != result::kOk) {
+    VEX_LOG(kLogMajor, kTagStreaming, "Network Info Not found for interface %s", name.c_str());
+    return;
+  }
+  ConfigureStreamingServers(name, interface.ip_address);
+}
+
+void StreamingManager::StopStreamingServers(const std::string& interface) {
+  ServerLock lock(m_server_list_mutex_);
+  // Copies: the callback may change both lists.
+  const std::list<Configuration> configurations = m_configurations_;
+  for (const Configuration& configuration : configurations) {
+    const std::list<boost::shared_ptr<TCPServer>> servers = configuration->servers;
+    for (const boost::shared_ptr<TCPServer>& server : servers) {
+      if (server->GetInterfaceName() != interface) continue;
+      VEX_LOG(kLogMajor, kTagStreaming, "Sending Network Notification to profile");
+      configuration->callbacks->on_status(server->GetServerId(), 0, STREAMING_SERVER_STOPPED);
+      server->Stop();
+      configuration->servers.remove(server);
+    }
+  }
+}
+
+// KEPT: by name, not by address. A server on an interface whose address changed stays bound to the
+// old one until the interface goes.
+bool StreamingManager::_IsServerRunning(const configuration_server_info& configuration,
+                                        const std::string& interface) {
+  return std::any_of(configuration.servers.begin(), configuration.servers.end(),
+                     [&](const boost::shared_ptr<TCPServer>& server) {
+                       return server->GetInterfaceName() == interface;
+                     });
+}
+
+void StreamingManager::ConfigureStreamingServers(const std::string& interface,
+                                                 const std::string& ip) {
+  ServerLock lock(m_server_list_mutex_);
+  const std::list<Configuration> configurations = m_configurations_;
+  for (const Configuration& configuration : configurations) {
+    const bool wanted = configuration->name == kAllInterfaces || configuration->name == interface;
+    if (!wanted || _IsServerRunning(*configuration, interface)) continue;
+    int port = configuration->port;
+    const int server_id = m_server_id_;
+    const boost::shared_ptr<TCPServer> server =
+        __MakeServer(configuration->callbacks.get(), ip, interface, port);
+    ++m_server_id_;
+    if (server->Start(port) != result::kOk) {
+      VEX_LOG(kLogMajor, kTagStreaming, "Not able to start TCP server!");
+      VEX_LOG(kLogMajor, kTagStreaming, "Not able to start TCP on interface %s", ip.c_str());
+      continue;
+    }
+    configuration->servers.push_back(server);
+    configuration->callbacks->on_status(server_id, 0, STREAMING_SERVER_STARTED);
+  }
 }
 
 }  // namespace streaming

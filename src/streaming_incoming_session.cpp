@@ -1,0 +1,360 @@
+#include "src/streaming_incoming_session.h"
+
+#include <cstdlib>
+
+#include <boost/asio/bind_executor.hpp>
+#include <boost/asio/write.hpp>
+#include <boost/thread/lock_guard.hpp>
+
+#include <vexupnpcp/result_codes.h>
+
+#include "base/current_exception.h"
+#include "base/log.h"
+#include "base/timing.h"
+#include "src/http_feed.h"
+#include "src/streaming_manager.h"
+#include "src/streaming_server.h"
+#include "src/streaming_utils.h"
+
+namespace vex_upnp {
+namespace streaming {
+
+using log::kTagStreaming;
+
+namespace {
+
+constexpr std::size_t kHeaderReserve = 1024;
+constexpr char kInternalError[] = "HTTP/1.1 500 Internal Server Error\r\n\r\n";
+
+// The two places from which a response's header is written, as the log has them.
+constexpr int kAfterRequest = 3;
+constexpr int kAfterData = 4;
+
+}  // namespace
+
+IncomingSession::IncomingSession(io_service& io, const ServerAppCallbacks& callbacks,
+                                 const boost::shared_ptr<TCPServer>& server, int session_id)
+    : session_id_(session_id),
+      server_id_(server->GetServerId()),
+      callbacks_(callbacks),
+      server_(server),
+      socket_(io),
+      close_timer_(io),
+      http_info_(new utils::HTTPInfo) {}
+
+bool IncomingSession::__IsListed() {
+  const boost::shared_ptr<StreamingManager> manager = StreamingManager::GetExisting();
+  if (manager && manager->GetSessionInfo(server_id_, session_id_).get() == this) return true;
+  VEX_LOG(kLogMajor, kTagStreaming, "Server %d's Session %d info not found", server_id_,
+          session_id_);
+  return false;
+}
+
+// The edge of every handler: a completion of a session that has left its server is dropped, and
+// nothing passes on to the event loop.
+template <typename Step>
+void IncomingSession::__RunListed(Step step) {
+  try {
+    if (__IsListed()) step();
+  } catch (...) {
+    LogCurrentException(VEX_LOG_SITE, kLogMajor, kTagStreaming, "Exception: %s",
+                        "Unknown Exception");
+  }
+}
+
+template <typename Member>
+auto IncomingSession::Bound(Member member) {
+  const boost::shared_ptr<IncomingSession> self = shared_from_this();
+  return boost::asio::bind_executor(socket_.strand(),
+                                    [self, member](const error_code& error, std::size_t bytes) {
+                                      self->__RunListed([&] { ((*self).*member)(error, bytes); });
+                                    });
+}
+
+void IncomingSession::RegisterRead() {
+  const boost::shared_ptr<IncomingSession> self = shared_from_this();
+  boost::asio::post(socket_.strand(),
+                    [self] { self->__RunListed([&] { self->__StartReading(); }); });
+}
+
+void IncomingSession::__StartReading() {
+  if (!alive_ || !socket_.MarkOpen()) return;
+  // One byte behind the block: the parser looks for the end of a first line up to a NUL.
+  buffer_.reset(static_cast<char*>(std::malloc(kMediaBlock + 1)));
+  error_code error;
+  socket_.socket().non_blocking(true, error);
+  if (error || !buffer_) {
+    __FailSocket(error, true);
+    return;
+  }
+  const MediaOptionResult options = SetMediaSocketOptions(socket_.socket());
+  if (options.no_delay) {
+    VEX_LOG(kLogMajor, kTagStreaming, "socket set_option failed for tcp::no_delay, [%s]!",
+            options.no_delay.message().c_str());
+  }
+  if (options.receive_buffer) {
+    VEX_LOG(kLogMajor, kTagStreaming, "Set option failed for recv size: err:%s",
+            options.receive_buffer.message().c_str());
+  }
+  if (options.send_buffer) {
+    VEX_LOG(kLogMajor, kTagStreaming, "Set option failed for send size: err:%s",
+            options.send_buffer.message().c_str());
+  }
+  __ReadHeader();
+}
+
+void IncomingSession::__ReadHeader() {
+  socket_.socket().async_read_some(boost::asio::buffer(buffer_.get(), kMediaBlock),
+                                   Bound(&IncomingSession::CallbackRead));
+}
+
+void IncomingSession::__ReadBody() {
+  socket_.socket().async_read_some(boost::asio::buffer(buffer_.get(), kMediaBlock),
+                                   Bound(&IncomingSession::DataRecvdCallback));
+}
+
+bool IncomingSession::__Parse(std::size_t bytes) {
+  buffer_.get()[bytes] = '\0';
+  const int parsed = utils::FeedParser(buffer_.get(), static_cast<unsigned int>(bytes), http_info_);
+  if (parsed == result::kOk && !HeaderTooLong(*http_info_)) return true;
+  VEX_LOG(kLogMajor, kTagStreaming, "Parsing Failure!");
+  // KEPT: the answer formed here is never written. Peers that send nonsense get no reply, and their
+  // connection waits for the session's stop.
+  RegisterWriteWithErrorCode(HTTP_BAD_REQUEST);
+  return false;
+}
+
+void IncomingSession::CallbackRead(const error_code& error, std::size_t bytes) {
+  if (!alive_) return;
+  if (error) {
+    __FailSocket(error, true);
+    return;
+  }
+  if (!__Parse(bytes)) return;
+  if (http_info_->GetStatus() != utils::HEADER_COMPLETE) {
+    __ReadHeader();
+    return;
+  }
+  header_read_ = true;
+  __HandleRequest();
+}
+
+void IncomingSession::__HandleRequest() {
+  ReqHeaderInfo* const request = FormRequestHeaderInfo(http_info_);
+  if (request == nullptr) {
+    VEX_LOG(kLogMajor, kTagStreaming, "Alloc Failure!");
+    RegisterWriteWithErrorCode(HTTP_INTERNAL_ERROR);
+    return;
+  }
+  request_type_ = request->request_type;
+  const bool reads_body = request->request_type == utils::HTTP_POST && request->expect == nullptr;
+  unsigned int length = 0;
+  char* const body = http_info_->GetBody(length);
+  const bool final = http_info_->GetState() == utils::MESSAGE_COMPLETE;
+  __RememberPeer();
+  callbacks_.on_request(server_id_, session_id_, request, body, length, final);
+  bool answered = false;
+  {
+    boost::lock_guard<boost::mutex> lock(response_mutex_);
+    answered = !response_header_.empty();
+  }
+  if (answered) {
+    __WriteResponse(kAfterRequest);
+  } else if (!final && alive_ && reads_body) {
+    __ReadBody();
+  }
+}
+
+void IncomingSession::__RememberPeer() {
+  error_code error;
+  const tcp::endpoint peer = socket_.socket().remote_endpoint(error);
+  if (error) {
+    VEX_LOG(kLogMajor, kTagStreaming, "retrieving peer ip failed");
+    return;
+  }
+  const std::string ip = peer.address().to_string();
+  http_info_->SetClientIpAddress(ip);
+  boost::lock_guard<boost::mutex> lock(response_mutex_);
+  peer_ip_ = ip;
+}
+
+void IncomingSession::DataRecvdCallback(const error_code& error, std::size_t bytes) {
+  if (!alive_) return;
+  if (error) {
+    __FailSocket(error, true);
+    return;
+  }
+  if (!__Parse(bytes)) return;
+  unsigned int length = 0;
+  char* const data = http_info_->GetBody(length);
+  const bool final = http_info_->GetState() == utils::MESSAGE_COMPLETE;
+  callbacks_.on_data(server_id_, session_id_, data, length, final);
+  if (final_) {
+    __WriteResponse(kAfterData);
+  } else if (alive_ && !final) {
+    __ReadBody();
+  }
+}
+
+int IncomingSession::RegisterWrite(const ResHeaderInfo*& header, const bool& final) {
+  final_ = final;
+  boost::lock_guard<boost::mutex> lock(response_mutex_);
+  response_header_.reserve(kHeaderReserve);
+  const int formed = FormResHeader(header, response_header_);
+  if (formed != result::kOk) {
+    response_header_ = kInternalError;
+    final_ = true;
+    return formed;
+  }
+  if (header->status_code == HTTP_CONTINUE) {
+    final_ = false;
+    is_continue_ = true;
+  }
+  chunked_ = IsChunked(header->transfer_encoding) && header->http_version == HTTP_1_1 &&
+             request_type_ != utils::HTTP_POST;
+  return result::kOk;
+}
+
+int IncomingSession::RegisterWriteWithErrorCode(const unsigned int& status) {
+  final_ = true;
+  ResHeaderInfo header = {};
+  header.http_version = HTTP_1_1;
+  header.status_code = status;
+  const ResHeaderInfo* pointer = &header;
+  const int formed = RegisterWrite(pointer, true);
+  if (formed != result::kOk) VEX_LOG(kLogMajor, kTagStreaming, "Register Write failed.");
+  return formed;
+}
+
+void IncomingSession::__WriteResponse(int place) {
+  boost::shared_ptr<std::string> header;
+  {
+    boost::lock_guard<boost::mutex> lock(response_mutex_);
+    header.reset(new std::string(response_header_));
+  }
+  VEX_LOG(kLogDetail, kTagStreaming, "async_write %d [%d] [%d]", place, server_id_, session_id_);
+  if (!alive_) return;
+  const boost::shared_ptr<IncomingSession> self = shared_from_this();
+  boost::asio::async_write(
+      socket_.socket(), boost::asio::buffer(*header),
+      boost::asio::bind_executor(socket_.strand(),
+                                 [self, header](const error_code& error, std::size_t) {
+                                   self->__RunListed([&] { self->CallbackWriteHeader(error); });
+                                 }));
+}
+
+void IncomingSession::CallbackWriteHeader(const error_code& error) {
+  if (!alive_) return;
+  {
+    boost::lock_guard<boost::mutex> lock(response_mutex_);
+    response_header_.clear();
+  }
+  if (error) {
+    __FailSocket(error, !final_);
+  } else if (final_) {
+    VEX_LOG(kLogStep, kTagStreaming, "Closing Socket for session_id = [%d]", session_id_);
+    ShutDown();
+    CompleteSession();
+  } else if (is_continue_) {
+    __ReadBody();
+  } else {
+    callbacks_.on_write_complete(server_id_, session_id_, 0);
+  }
+}
+
+int IncomingSession::RegisterWrite(void* data, const unsigned int& length, const bool& final) {
+  final_ = final;
+  payload_length_ = length;
+  if (length == 0 && !final) {
+    callbacks_.on_write_complete(server_id_, session_id_, 0);
+    return result::kOk;
+  }
+  boost::shared_ptr<void> framed;
+  const void* bytes = data;
+  unsigned int size = length;
+  if (chunked_) {
+    framed.reset(FrameChunked(data, length, final, size), &std::free);
+    if (!framed) {
+      ShutDown();
+      CompleteSession();
+      return result::kStreamingOutOfMemory;
+    }
+    bytes = framed.get();
+  }
+  VEX_LOG(kLogDetail, kTagStreaming, "async_write 2 [%d] [%d]", server_id_, session_id_);
+  const boost::shared_ptr<void> last(final ? data : nullptr, &std::free);
+  const boost::shared_ptr<IncomingSession> self = shared_from_this();
+  boost::asio::post(socket_.strand(), [self, framed, last, bytes, size] {
+    if (!self->alive_) return;
+    boost::asio::async_write(
+        self->socket_.socket(), boost::asio::buffer(bytes, size),
+        boost::asio::bind_executor(self->socket_.strand(),
+                                   [self, framed, last](const error_code& error, std::size_t) {
+                                     self->__RunListed([&] { self->CallbackWritePayload(error); });
+                                   }));
+  });
+  return result::kOk;
+}
+
+void IncomingSession::CallbackWritePayload(const error_code& error) {
+  if (error) {
+    if (alive_) __FailSocket(error, !final_);
+  } else if (final_) {
+    __CloseAfterPause();
+  } else if (alive_) {
+    callbacks_.on_write_complete(server_id_, session_id_, payload_length_);
+  }
+}
+
+// A moment for the last bytes to get away; it holds no thread.
+void IncomingSession::__CloseAfterPause() {
+  VEX_LOG(kLogStep, kTagStreaming, "Closing Socket for session_id = [%d]", session_id_);
+  close_timer_.expires_after(
+      std::chrono::milliseconds(timing::Scaled(timing::kServedConnectionPauseMs)));
+  const boost::shared_ptr<IncomingSession> self = shared_from_this();
+  close_timer_.async_wait(boost::asio::bind_executor(socket_.strand(), [self](const error_code&) {
+    self->__RunListed([&] {
+      self->ShutDown();
+      self->CompleteSession();
+    });
+  }));
+}
+
+void IncomingSession::__FailSocket(const error_code& error, bool tell_host) {
+  VEX_LOG(kLogMajor, kTagStreaming, "Exception: %s", error.message().c_str());
+  ShutDown();
+  if (tell_host) callbacks_.on_status(server_id_, session_id_, STREAMING_SOCKET_FAILED);
+  CompleteSession();
+}
+
+int IncomingSession::GetConnectedDeviceInfo(std::string& ip) const {
+  boost::lock_guard<boost::mutex> lock(response_mutex_);
+  if (peer_ip_.empty()) return result::kFailure;
+  ip = peer_ip_;
+  return result::kOk;
+}
+
+void IncomingSession::CompleteSession() {
+  if (alive_) server_->SessionCompleted(session_id_);
+}
+
+void IncomingSession::CloseConnection() {
+  alive_ = false;
+  ShutDown();
+}
+
+void IncomingSession::ShutDown() {
+  error_code error;
+  const bool first = socket_.End(error);
+  if (error) VEX_LOG(kLogMajor, kTagStreaming, "Error in shutting down streaming TCP socket!");
+  if (!first) return;
+  const boost::shared_ptr<IncomingSession> self = shared_from_this();
+  boost::asio::post(socket_.strand(), [self] {
+    error_code close_error;
+    self->socket_.Close(close_error);
+    if (close_error) VEX_LOG(kLogMajor, kTagStreaming, "Error in closing TCP socket!");
+  });
+}
+
+}  // namespace streaming
+}  // namespace vex_upnp

@@ -1,0 +1,109 @@
+#ifndef VEXUPNPCP_SRC_STREAMING_OUTGOING_SESSION_H_
+#define VEXUPNPCP_SRC_STREAMING_OUTGOING_SESSION_H_
+
+#include <atomic>
+#include <string>
+
+#include <boost/enable_shared_from_this.hpp>
+#include <boost/shared_ptr.hpp>
+#include <boost/thread/mutex.hpp>
+
+#include <vexupnpcp/httpinfo.h>
+#include <vexupnpcp/streaming_types.h>
+#include <vexupnpcp/vexuncopyable.h>
+
+#include "base/host_memory.h"
+#include "src/streaming_socket.h"
+
+namespace vex_upnp {
+namespace streaming {
+
+class StreamingManager;
+
+// One HTTP client exchange, driven by completion handlers on the streaming pool: one connection,
+// one request, one response. Bodies of any size go in pieces; no message is ever held whole. Apart
+// from the outgoing session of the network layer, which carries small UPnP messages.
+class OutgoingSession : public VEXUncopyable,
+                        public boost::enable_shared_from_this<OutgoingSession> {
+ public:
+  // `callbacks` is the session's own copy, from DupClientCallbacks. The manager outlives the
+  // session.
+  OutgoingSession(io_service& io, ClientAppCallbacks* callbacks, int session_id,
+                  StreamingManager* manager);
+  ~OutgoingSession() override;
+
+  // Starts connecting. 0, kStreamingConnectFailed or kStreamingInvalidPort.
+  int Connect(const std::string& ip, const int& port);
+  // Forms the request header and writes it as soon as the connection stands.
+  int RegisterWrite(const ReqHeaderInfo*& header);
+  // Writes a payload. On success the last one (`final`) passes to the session.
+  int RegisterWrite(void* data, const unsigned int& length, const bool& final);
+
+  // From any thread: nothing is called back after it, but for a callback that is running.
+  void CloseConnection();
+  void CompleteSession();
+
+  void SetClientHandlerId(const int& id) { client_handler_id_ = id; }
+  const int& GetSessionId() const { return session_id_; }
+  std::string GetOutgoingSessionIp() const { return ip_; }
+
+ private:
+  using Handler = void (OutgoingSession::*)(const error_code&, std::size_t);
+
+  // Binds a member to the strand; a completion of a session that has left the manager is dropped.
+  template <typename Member>
+  auto Bound(Member member);
+  bool __IsListed();
+
+  void CallbackConnect(const error_code& error);
+  void CallbackWriteHeader(const error_code& error);
+  void CallbackWritePayload(const error_code& error);
+  void CallbackRead(const error_code& error, std::size_t bytes);
+  void DataRecvdCallback(const error_code& error, std::size_t bytes);
+
+  void __Connect(const tcp::endpoint& endpoint);
+  void __WriteHeader(const boost::shared_ptr<std::string>& header);
+  void RegisterRead();
+  void __ReadHeader();
+  void __ReadBody();
+  std::size_t __RescueBytes(const error_code& error, std::size_t bytes, bool& gone);
+  bool __Parse(std::size_t bytes);
+  void __SettleFraming(const ResHeaderInfo& header);
+  void __HandleContinue(ResHeaderInfo* header, bool gone);
+  void __HandleResponse(ResHeaderInfo* header, bool gone);
+  void __Fail(int code);
+  void ShutDown();
+
+  const FreePtr<ClientAppCallbacks> callbacks_;
+  MediaSocket socket_;
+  // Used on the strand only.
+  const FreePtr<char> buffer_;
+  boost::shared_ptr<utils::HTTPInfo> http_info_;
+  bool got_continue_ = false;
+  bool has_length_ = false;
+  bool header_read_ = false;
+
+  // Set by Connect, before anything else can run.
+  std::string ip_;
+  int port_ = 0;
+  const int session_id_;
+  StreamingManager* const manager_;
+
+  std::atomic<int> client_handler_id_{0};
+  std::atomic<bool> alive_{true};
+
+  // The request: set by the host's calls, read on the strand.
+  std::atomic<int> request_type_{utils::HTTP_UNKNOWN_REQUEST};
+  std::atomic<bool> chunked_{false};
+  std::atomic<bool> final_{false};
+  std::atomic<unsigned int> payload_length_{0};
+
+  boost::mutex request_mutex_;
+  std::string request_header_ VEX_GUARDED_BY(request_mutex_);
+  bool connected_ VEX_GUARDED_BY(request_mutex_) = false;
+};
+
+}  // namespace streaming
+}  // namespace vex_upnp
+
+#endif  // VEXUPNPCP_SRC_STREAMING_OUTGOING_SESSION_H_
