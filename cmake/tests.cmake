@@ -13,6 +13,10 @@ add_library(vex_test_support STATIC ${VEX_SUPPORT_SOURCES})
 target_link_libraries(vex_test_support PUBLIC vex_testable GTest::gmock GTest::gtest
                       PRIVATE vex_flags)
 
+# Lets tests/support/fail_alloc.cpp fail an allocation; the sanitizers' own allocator stays in place.
+target_link_options(vex_test_support INTERFACE
+  LINKER:--wrap=malloc LINKER:--wrap=calloc LINKER:--wrap=realloc)
+
 # vex_test_program(NAME FOLDER): one program of all tests in a folder.
 function(vex_test_program name folder)
   file(GLOB sources CONFIGURE_DEPENDS ${folder}/*_test.cpp)

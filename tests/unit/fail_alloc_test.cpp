@@ -1,0 +1,79 @@
+#include "tests/support/fail_alloc.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <memory>
+#include <new>
+#include <string>
+#include <thread>
+
+namespace vex_test {
+namespace {
+
+// Kept out of the optimizer's sight, which may drop an allocation that nobody uses.
+void* volatile kept;
+
+TEST(FailAlloc, OnlyTheNthAllocationFails) {
+  void* blocks[3] = {};
+  bool failed = false;
+  {
+    const FailAlloc fail(2);
+    blocks[0] = kept = std::malloc(10);
+    blocks[1] = kept = std::calloc(1, 10);
+    blocks[2] = kept = std::malloc(10);
+    failed = fail.Failed();
+  }
+  EXPECT_TRUE(failed);
+  EXPECT_NE(nullptr, blocks[0]);
+  EXPECT_EQ(nullptr, blocks[1]);
+  EXPECT_NE(nullptr, blocks[2]);
+  std::free(blocks[0]);
+  std::free(blocks[2]);
+}
+
+TEST(FailAlloc, NewThrowsAlsoInsideTheStandardLibrary) {
+  bool thrown = false;
+  {
+    const FailAlloc fail(1);
+    try {
+      // Too long for the text's own buffer; it grows inside the shared standard library.
+      std::string text("x");
+      text.append(1000, 'y');
+      kept = &text;
+    } catch (const std::bad_alloc&) {
+      thrown = true;
+    }
+  }
+  EXPECT_TRUE(thrown);
+}
+
+TEST(FailAlloc, OtherThreadsHaveTheirMemory) {
+  void* block = nullptr;
+  std::unique_ptr<std::thread> other(new std::thread([&] { block = kept = std::malloc(10); }));
+  {
+    const FailAlloc fail(1);
+    other->join();
+    EXPECT_FALSE(fail.Failed());
+  }
+  EXPECT_NE(nullptr, block);
+  std::free(block);
+}
+
+TEST(FailAlloc, RunsUntilNothingFails) {
+  int runs = 0;
+  const int failed = EachAllocationFails(
+      [&] {
+        ++runs;
+        for (int i = 0; i < 3; ++i) {
+          kept = std::malloc(10);
+          std::free(kept);
+        }
+      },
+      [](bool) {});
+  EXPECT_EQ(3, failed);
+  EXPECT_EQ(4, runs);
+}
+
+}  // namespace
+}  // namespace vex_test
