@@ -14,6 +14,7 @@
 #include "base/log.h"
 #include "base/singleton.h"
 #include "src/incoming_tcp_session.h"
+#include "src/listener_hooks.h"
 #include "src/servermanager.h"
 #include "src/soap_fault.h"
 
@@ -194,12 +195,16 @@ int CallBackHandler::InvokeUDPRequestHandler(boost::shared_ptr<utils::HTTPInfo>&
 
 int CallBackHandler::InvokeResponseHandler(const int& session_id,
                                            boost::shared_ptr<utils::HTTPInfo>& response) {
+  boost::shared_ptr<ResponseListener> listener;
   {
     boost::lock_guard<boost::mutex> lock(response_mutex_);
     const auto context = outgoing_contexts_.lower_bound(session_id);
     if (context == outgoing_contexts_.end() || context->first != session_id) return result::kOk;
     context->second.response = response;
+    listener = context->second.listener;
   }
+  AnswerArrivalListener* const waiting = dynamic_cast<AnswerArrivalListener*>(listener.get());
+  if (waiting != nullptr) waiting->OnAnswerArrived(session_id);
   const int id = session_id;
   Post(tcp_res_handling_ios_,
        [id](CallBackHandler& self) { self.InvokeUpperLayerResponseHandler(id); });

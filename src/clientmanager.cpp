@@ -21,6 +21,7 @@
 #include "base/singleton.h"
 #include "base/timing.h"
 #include "src/callbackhandler.h"
+#include "src/listener_hooks.h"
 #include "src/networkinterface.h"
 #include "src/outgoing_datagram.h"
 #include "src/outgoingsession.h"
@@ -209,6 +210,11 @@ int ClientManager::CancelTcpPacket(const int& session_id) {
   return result::kOk;
 }
 
+bool ClientManager::HasAnswerBegun(const int& session_id) {
+  const SessionPointer session = __FindSession(session_id);
+  return session && session->HasAnswerBegun();
+}
+
 void ClientManager::SessionCompleted(const int& id) {
   const SessionPointer session = __TakeSession(id);
   if (session) session->stop();
@@ -361,6 +367,11 @@ std::vector<ClientManager::SessionPointer> ClientManager::__TakeOldestAboveLimit
 void ClientManager::__UnRegisterListener(const int& id) {
   const boost::shared_ptr<CallBackHandler> handler = CallBackHandler::ExistingInstance();
   if (handler) handler->UnRegisterResponseListener(id);
+}
+
+bool HasAnswerBegun(const int& session_id) {
+  const boost::shared_ptr<ClientManager> manager = ClientManager::ExistingInstance();
+  return manager && manager->HasAnswerBegun(session_id);
 }
 
 }  // namespace network_layer

@@ -68,6 +68,9 @@ class ClientManager : public Notify {
   // for a call that had begun.
   int CancelTcpPacket(const int& session_id);
 
+  // Whether anything of the answer has reached this host. False for an unknown session.
+  bool HasAnswerBegun(const int& session_id);
+
   void SessionCompleted(const int& id) override;
   void HandleFailureCondition(const int& id) override;
 

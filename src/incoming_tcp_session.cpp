@@ -18,6 +18,7 @@
 #include "base/timing.h"
 #include "src/callbackhandler.h"
 #include "src/http_feed.h"
+#include "src/listener_hooks.h"
 #include "src/soap_fault.h"
 
 namespace vex_upnp {
@@ -340,6 +341,8 @@ boost::shared_ptr<IncomingTCPSession> TakeSession(void* session_context) {
       static_cast<boost::shared_ptr<IncomingTCPSession>*>(session_context));
   return holder ? *holder : boost::shared_ptr<IncomingTCPSession>();
 }
+
+void ReleaseSessionContext(void* session_context) { TakeSession(session_context); }
 
 }  // namespace network_layer
 }  // namespace vex_upnp

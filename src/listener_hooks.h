@@ -18,6 +18,11 @@ class AnswerArrivalListener {
   ~AnswerArrivalListener() = default;
 };
 
+// Whether the answer to this request has reached this host, as a whole or in part, and has not been
+// announced by OnAnswerArrived yet. Between the kernel and the listener it may lie for as long as
+// the machine is busy.
+bool HasAnswerBegun(const int& session_id);
+
 // Uses up the context of an incoming request without an answer: the connection stays as it is until
 // its server ends. Null is ignored.
 void ReleaseSessionContext(void* session_context);

@@ -19,6 +19,7 @@
 #include "src/callbackhandler.h"
 #include "src/http_feed.h"
 #include "src/outgoing_address.h"
+#include "src/outgoing_arrival.h"
 #include "src/outgoing_datagram.h"
 #include "src/outgoing_limits.h"
 #include "src/soap_fault.h"
@@ -366,6 +367,11 @@ void OutgoingSession::TimeoutClose(const error_code& error) {
           error.value());
   if (notify_ != nullptr) notify_->HandleFailureCondition(handler_id_);
   reset();
+}
+
+bool OutgoingSession::HasAnswerBegun() {
+  boost::lock_guard<boost::mutex> lock(mutex_);
+  return socket_.is_open() && HasReceived(socket_.native_handle());
 }
 
 void OutgoingSession::stop() {

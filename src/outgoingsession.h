@@ -56,6 +56,9 @@ class OutgoingSession : public boost::enable_shared_from_this<OutgoingSession> {
   int SyncRequest(const std::string& ip, const int& port, const std::string& data,
                   boost::shared_ptr<utils::HTTPInfo>& response);
 
+  // Whether anything has come from the peer.
+  bool HasAnswerBegun();
+
   // Ends all activity of the socket. From any thread, in any state, any number of times.
   void stop();
 
