@@ -15,6 +15,9 @@
 namespace vex_upnp {
 namespace cp_control {
 
+// Of the tests.
+struct ControlRequestorProbe;
+
 // Sends actions and cancels them.
 class ControlRequestor : public VEXUncopyable {
  public:
@@ -34,6 +37,8 @@ class ControlRequestor : public VEXUncopyable {
   void GetDefaultUserAgent(std::string& agent);
 
  private:
+  friend struct ControlRequestorProbe;
+
   ControlRequestor() = default;
 
   int __SendActionRequestPacket(const std::string& host_header,

@@ -1,7 +1,6 @@
 #include "src/subscribe_info.h"
 
 #include <algorithm>
-#include <vector>
 
 #include <boost/thread/lock_guard.hpp>
 #include <boost/thread/locks.hpp>
@@ -12,6 +11,7 @@
 
 #include "base/log.h"
 #include "base/timing.h"
+#include "src/listener_hooks.h"
 
 namespace vex_upnp {
 namespace cp_control {
@@ -141,20 +141,41 @@ void SubscribeInfoList::AnswerHandled(int session_id) {
   answers_changed_.notify_all();
 }
 
+std::vector<int> SubscribeInfoList::__AnswersInHand() const {
+  std::vector<int> sessions;
+  for (const Pointer& record : subscriptions_) {
+    if (record->answered_session_id != 0) {
+      sessions.push_back(record->answered_session_id);
+    } else if (record->answer_timer_id != 0 &&
+               network_layer::HasAnswerBegun(record->nwsession_id)) {
+      // No answer can be announced while the list is locked, so none is missed.
+      sessions.push_back(record->nwsession_id);
+    }
+  }
+  return sessions;
+}
+
+bool SubscribeInfoList::__AnyInHand(const std::vector<int>& sessions) const {
+  const auto wanted = [&sessions](int session_id) {
+    return session_id != 0 &&
+           std::find(sessions.begin(), sessions.end(), session_id) != sessions.end();
+  };
+  return __Find([&wanted](const SubscribeInfo& info) {
+           return wanted(info.answered_session_id) ||
+                  (info.answer_timer_id != 0 && wanted(info.nwsession_id));
+         }) != nullptr;
+}
+
+VEX_NO_THREAD_SAFETY_ANALYSIS
 bool SubscribeInfoList::WaitForAnswers() {
   boost::unique_lock<boost::mutex> lock(mutex);
-  std::vector<int> arrived;
-  for (const Pointer& record : subscriptions_) {
-    if (record->answered_session_id != 0) arrived.push_back(record->answered_session_id);
+  const std::vector<int> sessions = __AnswersInHand();
+  if (sessions.empty()) return false;
+  const auto end = boost::chrono::steady_clock::now() +
+                   boost::chrono::milliseconds(timing::Scaled(timing::kSubscribeAnswerWaitMs));
+  while (!closed_ && __AnyInHand(sessions)) {
+    if (answers_changed_.wait_until(lock, end) == boost::cv_status::timeout) break;
   }
-  if (arrived.empty()) return false;
-  answers_changed_.wait_for(
-      lock, boost::chrono::milliseconds(timing::Scaled(timing::kSubscribeAnswerWaitMs)), [&] {
-        return closed_ || !__Find([&arrived](const SubscribeInfo& info) {
-                 return std::find(arrived.begin(), arrived.end(), info.answered_session_id) !=
-                        arrived.end();
-               });
-      });
   return true;
 }
 

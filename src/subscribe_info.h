@@ -3,6 +3,7 @@
 
 #include <list>
 #include <string>
+#include <vector>
 
 #include <boost/shared_ptr.hpp>
 #include <boost/thread/condition_variable.hpp>
@@ -51,7 +52,7 @@ class SubscribeInfo : public VEXUncopyable {
   // Runs out when the last SUBSCRIBE or renewal stays without an answer, of which the network layer
   // says nothing. 0 once the answer is being handled.
   int answer_timer_id = 0;
-  // The session whose answer has arrived and is not handled to its end yet, else 0.
+  // The session whose answer waits for its turn or is being handled, else 0.
   int answered_session_id = 0;
   // Renewals in a row that the device asked for at once.
   int quick_renewals = 0;
@@ -96,12 +97,12 @@ class SubscribeInfoList : public VEXUncopyable {
   // Lets no further record in and ends the waits of events for an answer.
   void Close();
 
-  // The answer of this session has arrived, and has been handled to its end.
+  // The answer of this session waits for its turn; it has been handled to its end.
   void AnswerArrived(int session_id);
   void AnswerHandled(int session_id);
-  // For an event whose SID is unknown: the answer that brings it may have arrived a moment before.
-  // Waits until the answers that have arrived by now are handled, for a second at most. False when
-  // there was none to wait for.
+  // For an event whose SID is unknown: the answer that brings it may have reached this host a
+  // moment before. Waits until the answers that have come by now are handled, for a second at most.
+  // False when there was none to wait for.
   bool WaitForAnswers();
 
   // When it has returned, no delivery that had begun before runs on another thread.
@@ -115,6 +116,9 @@ class SubscribeInfoList : public VEXUncopyable {
 
   template <typename Matches>
   Pointer __Find(Matches matches) const VEX_REQUIRES(mutex);
+  // The sessions whose answers have come and are not handled to their end.
+  std::vector<int> __AnswersInHand() const VEX_REQUIRES(mutex);
+  bool __AnyInHand(const std::vector<int>& sessions) const VEX_REQUIRES(mutex);
 
   std::list<Pointer> subscriptions_ VEX_GUARDED_BY(mutex);
   int last_handler_id_ VEX_GUARDED_BY(mutex) = 0;
