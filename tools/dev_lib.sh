@@ -85,7 +85,7 @@ dev_build() {
 dev_demo() {
   need $BUILD_PACKAGES $PROGRAM_PACKAGES iproute2
   build release vexcp vexsim -- -DVEX_BUILD_TESTS=OFF
-  tools/demo.sh build/release "$@"
+  VEX_BUILD_DIR=$PWD/build/release tools/demo.sh "$@"
 }
 
 dev_test() {
@@ -98,10 +98,8 @@ dev_test() {
     return
   fi
   run_tests debug
-  if ls tests/programs/*_test.py >/dev/null 2>&1; then
-    say "program tests"
-    python3 -m unittest discover -s tests/programs -p '*_test.py'
-  fi
+  say "program tests"
+  VEX_BUILD_DIR=$PWD/build/debug python3 -m unittest discover -s tests/programs
   say "foreign programs against the installed library"
   tests/consumer/run.sh build/debug
   if [ "$(id -u)" = 0 ]; then
@@ -117,7 +115,7 @@ dev_lab() {
   need_lab_packages
   build debug all
   say "real devices"
-  tools/lab.sh build/debug
+  VEX_BUILD_DIR=$PWD/build/debug tools/lab.sh test
 }
 
 # Real devices as packages; none of them may start by itself on this machine.
@@ -126,8 +124,8 @@ need_lab_packages() {
   if [ ! -e "$policy" ]; then
     printf '#!/bin/sh\nexit 101\n' >"$policy"; chmod +x "$policy"; made=1
   fi
-  need minidlna gerbera rygel rygel-playbin gstreamer1.0-plugins-base gstreamer1.0-plugins-good \
-    dbus dbus-daemon xvfb xauth curl iproute2
+  need minidlna gerbera rygel rygel-playbin gupnp-tools gstreamer1.0-plugins-base \
+    gstreamer1.0-plugins-good dbus dbus-daemon xvfb xauth iproute2 nftables
   [ -z "$made" ] || rm -f "$policy"
 }
 
