@@ -163,15 +163,15 @@ check_tidy() {
 }
 
 check_symbols() {
+  build debug vexupnpcp
   say "symbols"
-  build release vexupnpcp -- -DVEX_BUILD_TESTS=OFF
-  python3 tools/symbols.py check build/release/libvexupnpcp.so
+  python3 tools/symbols.py check build/debug/libvexupnpcp.so
 }
 
 dev_symbols() {
   need $BUILD_PACKAGES
-  build release vex_objects -- -DVEX_BUILD_TESTS=OFF
-  find build/release -path '*vex_objects*' -name '*.o' -print0 | xargs -0 python3 tools/symbols.py update
+  build debug vex_objects
+  find build/debug -path '*vex_objects*' -name '*.o' -print0 | xargs -0 python3 tools/symbols.py update
 }
 
 dev_coverage() {
