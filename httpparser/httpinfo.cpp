@@ -23,7 +23,9 @@ constexpr char kUnknown[] = "UNKNOWN";
 constexpr std::string_view kNameEnd = ": ";
 constexpr std::string_view kLineEnd = "\r\n";
 // What a piece of body is counted as at least: block and record of the smallest one.
-constexpr unsigned int kPieceCost = 64;
+constexpr unsigned long long kPieceCost = 64;
+// A block with less room to spare is not worth being cut.
+constexpr unsigned int kKeptRoom = 64;
 // Texts and lists that grew beyond this are given back when the object is cleaned for reuse.
 constexpr std::size_t kKeptCapacity = 8192;
 
@@ -378,23 +380,31 @@ unsigned int HTTPInfo::LimitToEncoding(unsigned int length) {
   }
 }
 
-bool HTTPInfo::AppendPiece(const char* data, unsigned int length) {
+// Adds a piece whose block has room for `capacity` bytes.
+bool HTTPInfo::AppendPiece(const char* data, unsigned int length, unsigned int capacity) {
   try {
     body_pieces_.emplace_back();
   } catch (const std::exception&) {
     return false;
   }
   DataLengthPair& piece = body_pieces_.back();
-  piece.data.reset(static_cast<char*>(std::malloc(length)));
+  piece.data.reset(static_cast<char*>(std::malloc(capacity)));
   if (!piece.data) {
     body_pieces_.pop_back();
     return false;
   }
   std::memcpy(piece.data.get(), data, length);
   piece.length = length;
+  piece_room_ = capacity - length;
   body_size_ += length;
-  body_cost_ += std::max(length, kPieceCost);
   return true;
+}
+
+int HTTPInfo::FailForMemory() {
+  VEX_LOG(kLogMajor, kTag, "malloc failed!");
+  parsing_status_ = PARSING_RETURN;
+  state_ = MESSAGE_FAILED;
+  return result::kFailure;
 }
 
 int HTTPInfo::StoreData(const char* data, const unsigned int& length) {
@@ -403,11 +413,36 @@ int HTTPInfo::StoreData(const char* data, const unsigned int& length) {
     return result::kFailure;
   }
   const unsigned int size = LimitToEncoding(length);
-  if (size == 0 || AppendPiece(data, size)) return result::kOk;
-  VEX_LOG(kLogMajor, kTag, "malloc failed!");
-  parsing_status_ = PARSING_RETURN;
-  state_ = MESSAGE_FAILED;
-  return result::kFailure;
+  if (size == 0) return result::kOk;
+  return AppendPiece(data, size, size) ? result::kOk : FailForMemory();
+}
+
+// The chunks of one buffer share a block, which has room for all that the buffer can still hold: a
+// buffer becomes one piece, however small its chunks are.
+int HTTPInfo::StoreChunk(const char* data, unsigned int length, unsigned int left_in_buffer) {
+  if (length == 0) return result::kOk;
+  if (piece_room_ < length) {
+    return AppendPiece(data, length, left_in_buffer) ? result::kOk : FailForMemory();
+  }
+  DataLengthPair& piece = body_pieces_.back();
+  std::memcpy(piece.data.get() + piece.length, data, length);
+  piece.length += length;
+  piece_room_ -= length;
+  body_size_ += length;
+  return result::kOk;
+}
+
+// Ends the piece of a buffer and gives back the room that its framing took.
+void HTTPInfo::ClosePiece() {
+  if (piece_room_ > kKeptRoom) {
+    DataLengthPair& piece = body_pieces_.back();
+    void* const exact = std::realloc(piece.data.get(), piece.length);
+    if (exact != nullptr) {
+      static_cast<void>(piece.data.release());
+      piece.data.reset(static_cast<char*>(exact));
+    }
+  }
+  piece_room_ = 0;
 }
 
 int HTTPInfo::SetHeader(const std::string& name, const std::string& value) {
@@ -463,7 +498,7 @@ char* HTTPInfo::GetBody(unsigned int& size) {
 void HTTPInfo::DropBody() {
   ClearForReuse(body_pieces_);
   body_size_ = 0;
-  body_cost_ = 0;
+  piece_room_ = 0;
 }
 
 void HTTPInfo::FormatStartLine() {
@@ -491,11 +526,14 @@ unsigned int HTTPInfo::GetHeaderCount() const {
   return static_cast<unsigned int>(headers_.size() + header_spans_.size());
 }
 
-unsigned long long HTTPInfo::GetBodyCost() const { return body_cost_; }
+unsigned long long HTTPInfo::GetBodyCost() const {
+  const unsigned long long records = body_pieces_.size();
+  return std::max(body_size_, records * kPieceCost);
+}
 
 unsigned long long HTTPInfo::GetHeldSize() const {
   return sizeof(HTTPInfo) + raw_header_.size() + header_spans_.size() * sizeof(HeaderSpan) +
-         headers_.size() * (sizeof(NameValue) + sizeof(NameValue*)) + body_cost_;
+         headers_.size() * (sizeof(NameValue) + sizeof(NameValue*)) + GetBodyCost();
 }
 
 }  // namespace utils

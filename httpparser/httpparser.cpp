@@ -35,7 +35,6 @@ namespace {
 constexpr const char* kTag = log::kTagUtils;
 constexpr std::string_view kCrlf = "\r\n";
 constexpr unsigned int kCrlfLength = 2;
-constexpr std::string_view kBlankLine = "\r\n\r\n";
 constexpr std::string_view kResponseStart = "HTTP/";
 // Of a first line that does not end, this much is logged.
 constexpr unsigned int kLoggedBytes = 1024;
@@ -61,12 +60,13 @@ std::size_t FindCrlf(std::string_view text, std::size_t from) {
   return std::string_view::npos;
 }
 
-// Bytes up to the end of the first blank line, 0 without one. Line by line, since a line is what
-// memchr skips fastest.
+// Bytes up to the end of the first blank line, 0 without one. Goes from line to line, since that is
+// what memchr skips fastest.
 std::size_t EndOfBlankLine(std::string_view text) {
-  for (std::size_t lf = text.find('\n'); lf != std::string_view::npos;
+  for (std::size_t lf = text.find('\n'); lf != std::string_view::npos && lf + 2 < text.size();
        lf = text.find('\n', lf + 1)) {
-    if (lf > 0 && text.compare(lf - 1, kBlankLine.size(), kBlankLine) == 0) return lf + 3;
+    if (text[lf + 1] == '\r' && text[lf + 2] == '\n' && lf > 0 && text[lf - 1] == '\r')
+      return lf + 3;
   }
   return 0;
 }
@@ -87,19 +87,23 @@ std::size_t BytesOfHeader(std::string_view raw_header, std::string_view buffer) 
   return EndOfBlankLine(buffer);
 }
 
-// Bytes up to the end of a chunk-size line, 0 when it goes on behind the buffer. `held` is what
-// earlier buffers gave of the line; the search is the one that never steps back, continued.
-unsigned int EndOfSizeLine(std::string_view held, std::string_view buffer) {
+// Whether what is held of a chunk-size line ends inside a match of CRLF. Of two CRs in a row the
+// second one has failed the match that the first one began.
+bool EndsInOpenMatch(std::string_view held) {
+  if (held.empty() || held.back() != '\r') return false;
   const std::size_t last = held.find_last_not_of('\r');
-  const std::size_t trailing_crs =
-      last == std::string_view::npos ? held.size() : held.size() - last - 1;
-  // Of two CRs in a row the second one has failed the match that the first one began.
-  const bool match_open = trailing_crs % 2 == 1;
-  if (match_open && buffer[0] == '\n') return 1;
-  const std::size_t begin = match_open ? 1 : 0;
-  const char* const crlf = StringUtils::StrNStr(
-      buffer.data() + begin, static_cast<unsigned int>(buffer.size() - begin), kCrlf.data());
-  return crlf == nullptr ? 0 : static_cast<unsigned int>(crlf - buffer.data()) + 2;
+  const std::size_t trailing = held.size() - (last == std::string_view::npos ? 0 : last + 1);
+  return trailing % 2 == 1;
+}
+
+// Bytes up to the end of a chunk-size line, 0 when it goes on behind the buffer. The search is the
+// one that never steps back, continued from what earlier buffers gave of the line.
+unsigned int EndOfSizeLine(std::string_view held, const char* data, unsigned int size) {
+  const bool match_open = EndsInOpenMatch(held);
+  if (match_open && *data == '\n') return 1;
+  const unsigned int begin = match_open ? 1 : 0;
+  const char* const crlf = StringUtils::StrNStr(data + begin, size - begin, kCrlf.data());
+  return crlf == nullptr ? 0 : static_cast<unsigned int>(crlf - data) + kCrlfLength;
 }
 
 int HexDigit(char c) {
@@ -427,8 +431,10 @@ int HTTPParser::HandleBody(const Bytes& buffer, HTTPInfo& info) {
   Bytes rest = buffer;
   rest.Skip(info.body_offset_);
   info.body_offset_ = 0;
-  if (info.encoding_ == ENC_CHUNKED) return ParseChunkedHTTPBody(rest, info);
-  return info.StoreData(rest.data, rest.size);
+  if (info.encoding_ != ENC_CHUNKED) return info.StoreData(rest.data, rest.size);
+  const int chunk_result = ParseChunkedHTTPBody(rest, info);
+  info.ClosePiece();
+  return chunk_result;
 }
 
 int HTTPParser::ParseChunkedHTTPBody(const Bytes& buffer, HTTPInfo& info) {
@@ -457,7 +463,7 @@ int HTTPParser::CopyRemainingData(const Bytes& rest, HTTPInfo& info) {
   if (remaining > rest.size) {
     info.chunk_remaining_ = remaining - rest.size;
     info.parsing_status_ = PARSING_RETURN;
-    return info.StoreData(rest.data, rest.size);
+    return info.StoreChunk(rest.data, rest.size, rest.size);
   }
   info.chunk_remaining_ = 0;
   const unsigned int behind = rest.size - remaining;
@@ -465,7 +471,7 @@ int HTTPParser::CopyRemainingData(const Bytes& rest, HTTPInfo& info) {
     info.parsing_status_ = PARSING_RETURN;
     info.chunk_crlf_pending_ = kCrlfLength - behind;
   }
-  return info.StoreData(rest.data, remaining);
+  return info.StoreChunk(rest.data, remaining, rest.size);
 }
 
 int HTTPParser::StoreChunkedData(Bytes rest, HTTPInfo& info) {
@@ -489,7 +495,7 @@ int HTTPParser::StoreChunkedData(Bytes rest, HTTPInfo& info) {
       VEX_LOG(kLogStep, kTag, "End of current packet!");
       return end_result;
     }
-    const int store_result = info.StoreData(rest.data, chunk_length);
+    const int store_result = info.StoreChunk(rest.data, chunk_length, rest.size);
     if (store_result != result::kOk) return store_result;
     rest.Skip(chunk_length);
     rest.Skip(kCrlfLength);
@@ -500,8 +506,7 @@ int HTTPParser::StoreChunkedData(Bytes rest, HTTPInfo& info) {
 
 int HTTPParser::FindChunkLength(const Bytes& rest, HTTPInfo& info, unsigned int& consumed,
                                 unsigned int& chunk_length) {
-  const std::string_view buffer(rest.data, rest.size);
-  const unsigned int end = EndOfSizeLine(info.chunk_hex_, buffer);
+  const unsigned int end = EndOfSizeLine(info.chunk_hex_, rest.data, rest.size);
   const std::size_t longest = limits::kChunkSizeLine + (end > 0 ? kCrlfLength : 1);
   if (info.chunk_hex_.size() + (end > 0 ? end : rest.size) > longest) {
     VEX_LOG(kLogMajor, kTag, "Invalid Val, can not convert to unsigned");
@@ -511,7 +516,7 @@ int HTTPParser::FindChunkLength(const Bytes& rest, HTTPInfo& info, unsigned int&
     info.parsing_status_ = PARSING_RETURN;
     return HoldSizeLine(rest, info);
   }
-  std::string_view line = buffer.substr(0, end);
+  std::string_view line(rest.data, end);
   if (!info.chunk_hex_.empty()) {
     const int hold_result = HoldSizeLine(Bytes{rest.data, end}, info);
     if (hold_result != result::kOk) return hold_result;
@@ -549,10 +554,10 @@ int HTTPParser::CheckEndOfData(const Bytes& rest, unsigned int chunk_length, HTT
   info.parsing_status_ = PARSING_RETURN;
   if (rest.size < chunk_length) {
     info.chunk_remaining_ = chunk_length - rest.size;
-    return info.StoreData(rest.data, rest.size);
+    return info.StoreChunk(rest.data, rest.size, rest.size);
   }
   info.chunk_crlf_pending_ = kCrlfLength - (rest.size - chunk_length);
-  return info.StoreData(rest.data, chunk_length);
+  return info.StoreChunk(rest.data, chunk_length, rest.size);
 }
 
 }  // namespace utils

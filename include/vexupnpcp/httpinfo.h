@@ -206,8 +206,8 @@ class VEX_EXPORT HTTPInfo : public VEXUncopyable {
   unsigned long long GetRawHeaderSize() const;
   /// Headers stored; 0 until the header is complete.
   unsigned int GetHeaderCount() const;
-  /// Bytes of body held, a small piece counted with what its record costs: a body in chunks of one
-  /// byte takes many times its size.
+  /// Bytes of body held, or what their records cost when that is more: a body that comes in reads
+  /// of one byte takes many times its size.
   unsigned long long GetBodyCost() const;
   /// About what the whole object occupies.
   unsigned long long GetHeldSize() const;
@@ -237,7 +237,10 @@ class VEX_EXPORT HTTPInfo : public VEXUncopyable {
 
   void MakeRecords();
   unsigned int LimitToEncoding(unsigned int length);
-  bool AppendPiece(const char* data, unsigned int length);
+  bool AppendPiece(const char* data, unsigned int length, unsigned int capacity);
+  int StoreChunk(const char* data, unsigned int length, unsigned int left_in_buffer);
+  void ClosePiece();
+  int FailForMemory();
   char* JoinPieces(unsigned int size);
   void DropBody();
 
@@ -259,7 +262,6 @@ class VEX_EXPORT HTTPInfo : public VEXUncopyable {
   unsigned long long processed_length_ = 0;
   unsigned long long content_length_ = 0;
   unsigned long long body_size_ = 0;
-  unsigned long long body_cost_ = 0;
   HTTPRequest request_type_ = HTTP_UNKNOWN_REQUEST;
   unsigned int status_code_ = 0;
   int http_major_ = 0;
@@ -267,6 +269,8 @@ class VEX_EXPORT HTTPInfo : public VEXUncopyable {
   EncodingType encoding_ = ENC_UNIDENTIFIED;
   // Where the body begins in the current buffer; nonzero for one pass of the parser only.
   unsigned int body_offset_ = 0;
+  // Bytes that the last piece's block has left, while the chunks of one buffer are gathered in it.
+  unsigned int piece_room_ = 0;
   // Bytes of the CRLF behind a chunk that are still to be skipped.
   unsigned int chunk_crlf_pending_ = 0;
   // Bytes of the current chunk that have not arrived yet.
