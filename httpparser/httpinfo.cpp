@@ -335,17 +335,16 @@ int HTTPInfo::GetHeader(std::vector<NameValue*>& headers) {
 }
 
 int HTTPInfo::GetHeader(std::string& header) {
-  FormatStartLine();
-  const std::string_view start_line = HeaderView::StartLine(*this);
-  std::size_t size = start_line.size() + kLineEnd.size();
-  HeaderView::AnyHeader(*this, [&](std::string_view name, std::string_view value) {
-    size += name.size() + kNameEnd.size() + value.size() + kLineEnd.size();
-    return false;
-  });
   try {
+    formatted_start_line_ = FormattedStartLine();
+    std::size_t size = formatted_start_line_.size() + kLineEnd.size();
+    HeaderView::AnyHeader(*this, [&](std::string_view name, std::string_view value) {
+      size += name.size() + kNameEnd.size() + value.size() + kLineEnd.size();
+      return false;
+    });
     std::string text;
     text.reserve(size);
-    text.append(start_line);
+    text.append(formatted_start_line_);
     HeaderView::AnyHeader(*this, [&](std::string_view name, std::string_view value) {
       text.append(name).append(kNameEnd).append(value).append(kLineEnd);
       return false;
@@ -501,20 +500,23 @@ void HTTPInfo::DropBody() {
   piece_room_ = 0;
 }
 
+std::string HTTPInfo::FormattedStartLine() const {
+  const std::string version =
+      "HTTP/" + std::to_string(http_major_) + '.' + std::to_string(http_minor_);
+  std::string line;
+  if (is_request_) {
+    line.append(GetRequestString(request_type_)).append(1, ' ').append(uri_).append(1, ' ');
+    line.append(version);
+  } else {
+    line.append(version).append(1, ' ').append(std::to_string(status_code_)).append(1, ' ');
+    line.append(GetStatusString(status_code_));
+  }
+  return line.append(kLineEnd);
+}
+
 void HTTPInfo::FormatStartLine() {
   try {
-    const std::string version =
-        "HTTP/" + std::to_string(http_major_) + '.' + std::to_string(http_minor_);
-    std::string line;
-    if (is_request_) {
-      line.append(GetRequestString(request_type_)).append(1, ' ').append(uri_).append(1, ' ');
-      line.append(version);
-    } else {
-      line.append(version).append(1, ' ').append(std::to_string(status_code_)).append(1, ' ');
-      line.append(GetStatusString(status_code_));
-    }
-    line.append(kLineEnd);
-    formatted_start_line_.swap(line);
+    formatted_start_line_ = FormattedStartLine();
   } catch (const std::exception&) {
     VEX_LOG(kLogMajor, kTag, "Memory allocation failed");
   }

@@ -235,6 +235,7 @@ class VEX_EXPORT HTTPInfo : public VEXUncopyable {
   // Reads start line and headers in place.
   struct HeaderView;
 
+  std::string FormattedStartLine() const;
   void MakeRecords();
   unsigned int LimitToEncoding(unsigned int length);
   bool AppendPiece(const char* data, unsigned int length, unsigned int capacity);

@@ -381,7 +381,7 @@ TEST(HttpParser, MemoryRunsOutAtAnyAllocation) {
   for (int nth = 1;; ++nth) {
     InfoPtr info = boost::make_shared<HTTPInfo>();
     int code = 0;
-    bool happened = false;
+    bool failed = false;
     {
       const FailAlloc fail(nth);
       code = HTTPParser::Parse(head.data(), static_cast<unsigned int>(head.size()), info);
@@ -389,9 +389,9 @@ TEST(HttpParser, MemoryRunsOutAtAnyAllocation) {
         info->SetParsingStatus(PARSING_CONTINUE);
         code = HTTPParser::Parse(tail.data(), static_cast<unsigned int>(tail.size()), info);
       }
-      happened = fail.Happened();
+      failed = fail.Failed();
     }
-    if (!happened) {
+    if (!failed) {
       EXPECT_GT(nth, 6);
       EXPECT_EQ(result::kOk, code);
       EXPECT_EQ(1, info->GetState());

@@ -311,15 +311,15 @@ TEST(StringUtils, ParseUriWithoutMemoryFailsAndLeavesTheOutputs) {
   std::string path = "before";
   int failures = 0;
   for (int nth = 1;; ++nth) {
-    bool happened = false;
+    bool failed = false;
     bool good = false;
     const LogCapture log;
     {
       const FailAlloc fail(nth);
       good = StringUtils::ParseURI(uri, host, port, path);
-      happened = fail.Happened();
+      failed = fail.Failed();
     }
-    if (!happened) break;
+    if (!failed) break;
     ++failures;
     EXPECT_FALSE(good);
     EXPECT_EQ("before", host);
