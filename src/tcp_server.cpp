@@ -1,6 +1,7 @@
 #include "src/tcp_server.h"
 
 #include <chrono>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -71,6 +72,7 @@ int TCPServer::Start(int& port) {
     CloseAcceptor();
     return result::kTcpStartFailed;
   }
+  acceptor_.non_blocking(true, error);
   stopped_ = false;
   AsyncAccept();
   VEX_LOG(kLogDetail, kTag, "TCPServer Started: %s:%d", ip_.c_str(), port);
@@ -125,12 +127,14 @@ void TCPServer::CloseAcceptor() {
   if (error) VEX_LOG(kLogMajor, kTag, "Error in closing TCP acceptor!");
 }
 
+// Waits for a connection before it is accepted: without a free descriptor an accept fails even when
+// nobody is there to be let in.
 void TCPServer::AsyncAccept() {
   const boost::shared_ptr<TCPServer> self = shared_from_this();
   const unsigned int generation = generation_;
-  acceptor_.async_accept([self, generation](const error_code& error, tcp::socket socket) {
+  acceptor_.async_wait(tcp::acceptor::wait_read, [self, generation](const error_code& error) {
     try {
-      self->handle_accept(error, std::move(socket), generation);
+      self->handle_accept(error, generation);
     } catch (...) {
       LogCurrentException(VEX_LOG_SITE, kLogMajor, kTag, "Exception in handle_accept: %s",
                           "Unknown Exception in handle_accept");
@@ -162,8 +166,8 @@ void TCPServer::AcceptAfterPause() {
   });
 }
 
-void TCPServer::handle_accept(const error_code& error, tcp::socket socket,
-                              unsigned int generation) {
+void TCPServer::handle_accept(error_code error, unsigned int generation) {
+  std::optional<tcp::socket> socket;
   {
     boost::lock_guard<boost::mutex> lock(mutex_);
     if (stopped_) {
@@ -177,6 +181,13 @@ void TCPServer::handle_accept(const error_code& error, tcp::socket socket,
               error.message().c_str());
       return;
     }
+    socket.emplace(acceptor_.get_executor());
+    if (!error) acceptor_.accept(*socket, error);
+    if (error == boost::asio::error::would_block) {
+      // The peer has gone again.
+      AsyncAccept();
+      return;
+    }
   }
   if (error) {
     VEX_LOG(kLogMajor, kTag, "[TCPServer::handle_accept] Accept Error [%s]",
@@ -187,8 +198,8 @@ void TCPServer::handle_accept(const error_code& error, tcp::socket socket,
     if (generation == generation_ && !stopped_) AcceptAfterPause();
     return;
   }
-  if (DescriptorsScarce(socket.native_handle())) reading_->CloseMostSilent();
-  const SessionPointer session = AddSession(std::move(socket), generation);
+  if (DescriptorsScarce(socket->native_handle())) reading_->CloseMostSilent();
+  const SessionPointer session = AddSession(std::move(*socket), generation);
   if (session) session->RegisterRead();
   boost::lock_guard<boost::mutex> lock(mutex_);
   if (generation == generation_ && !stopped_) AsyncAccept();

@@ -57,7 +57,7 @@ class TCPServer : public ServerNotify, public boost::enable_shared_from_this<TCP
   void AsyncAccept() VEX_REQUIRES(mutex_);
   void AcceptAfterPause() VEX_REQUIRES(mutex_);
   void KeepAccepting(unsigned int generation);
-  void handle_accept(const error_code& error, tcp::socket socket, unsigned int generation);
+  void handle_accept(error_code error, unsigned int generation);
   SessionPointer AddSession(tcp::socket socket, unsigned int generation);
   void EndSessions();
 

@@ -2,25 +2,39 @@
 
 #include <dirent.h>
 
+#include <algorithm>
+#include <fstream>
+
 namespace vex_test {
 namespace {
 
-int CountEntries(const char* folder) {
+std::vector<std::string> Entries(const char* folder) {
+  std::vector<std::string> names;
   DIR* const directory = opendir(folder);
-  if (directory == nullptr) return -1;
-  int count = 0;
+  if (directory == nullptr) return names;
   while (const dirent* const entry = readdir(directory)) {
-    if (entry->d_name[0] != '.') ++count;
+    if (entry->d_name[0] != '.') names.emplace_back(entry->d_name);
   }
   closedir(directory);
-  return count;
+  return names;
 }
 
 }  // namespace
 
-int ThreadCount() { return CountEntries("/proc/self/task"); }
+int ThreadCount() { return static_cast<int>(Entries("/proc/self/task").size()); }
 
 // The listing itself uses one.
-int DescriptorCount() { return CountEntries("/proc/self/fd") - 1; }
+int DescriptorCount() { return static_cast<int>(Entries("/proc/self/fd").size()) - 1; }
+
+std::vector<std::string> ThreadNames(const std::string& leave_out) {
+  std::vector<std::string> names;
+  for (const std::string& thread : Entries("/proc/self/task")) {
+    std::string name;
+    std::getline(std::ifstream("/proc/self/task/" + thread + "/comm"), name);
+    if (name != leave_out) names.push_back(name);
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
 
 }  // namespace vex_test

@@ -1,0 +1,120 @@
+#include "src/packet_queue.h"
+
+#include <gmock/gmock.h>
+
+#include <string>
+#include <vector>
+
+namespace vex_upnp {
+namespace network_layer {
+namespace {
+
+using testing::ElementsAre;
+using Queue = PacketQueue<int>;
+
+int TakeOne(Queue& queue, std::string& key) {
+  int packet = -1;
+  queue.Take(key, packet);
+  return packet;
+}
+
+TEST(PacketQueue, GivesOutInOrderOfArrival) {
+  Queue queue(10, 100);
+  for (int i = 1; i <= 3; ++i) EXPECT_EQ(Queue::Entry::kReady, queue.Append("", i, 1));
+  std::string key;
+  EXPECT_EQ(1, TakeOne(queue, key));
+  EXPECT_EQ(2, TakeOne(queue, key));
+  EXPECT_EQ(3, TakeOne(queue, key));
+  int packet = 0;
+  EXPECT_FALSE(queue.Take(key, packet));
+}
+
+TEST(PacketQueue, HoldsBackASecondPacketOfAKeyUntilTheFirstIsFinished) {
+  Queue queue(10, 100);
+  EXPECT_EQ(Queue::Entry::kReady, queue.Append("a", 1, 1));
+  EXPECT_EQ(Queue::Entry::kHeldBack, queue.Append("a", 2, 1));
+  EXPECT_EQ(Queue::Entry::kHeldBack, queue.Append("a", 3, 1));
+  EXPECT_EQ(Queue::Entry::kReady, queue.Append("b", 4, 1));
+  std::string a;
+  std::string b;
+  EXPECT_EQ(1, TakeOne(queue, a));
+  EXPECT_EQ("a", a);
+  EXPECT_EQ(4, TakeOne(queue, b));
+  EXPECT_EQ("b", b);
+  std::string none;
+  EXPECT_EQ(-1, TakeOne(queue, none));
+  EXPECT_FALSE(queue.Finish(b));
+  EXPECT_TRUE(queue.Finish(a));
+  EXPECT_EQ(2, TakeOne(queue, a));
+  EXPECT_TRUE(queue.Finish(a));
+  EXPECT_EQ(3, TakeOne(queue, a));
+  EXPECT_FALSE(queue.Finish(a));
+  EXPECT_EQ(Queue::Entry::kReady, queue.Append("a", 5, 1));
+}
+
+TEST(PacketQueue, PacketsWithoutAKeyNeverWaitForEachOther) {
+  Queue queue(10, 100);
+  std::string key = "x";
+  queue.Append("", 1, 1);
+  EXPECT_EQ(1, TakeOne(queue, key));
+  EXPECT_EQ("", key);
+  EXPECT_EQ(Queue::Entry::kReady, queue.Append("", 2, 1));
+  EXPECT_FALSE(queue.Finish(key));
+}
+
+TEST(PacketQueue, RefusesWhatIsPastTheNumber) {
+  Queue queue(2, 100);
+  EXPECT_EQ(Queue::Entry::kReady, queue.Append("", 1, 1));
+  EXPECT_EQ(Queue::Entry::kReady, queue.Append("a", 2, 1));
+  EXPECT_EQ(Queue::Entry::kRefused, queue.Append("a", 3, 1));
+  EXPECT_EQ(Queue::Entry::kRefused, queue.Append("", 3, 0));
+  EXPECT_EQ(2U, queue.size());
+  std::string key;
+  EXPECT_EQ(1, TakeOne(queue, key));
+  EXPECT_EQ(Queue::Entry::kReady, queue.Append("", 4, 1));
+}
+
+TEST(PacketQueue, RefusesWhatIsPastTheBytesAndTakesWhatFitsExactly) {
+  Queue queue(10, 100);
+  EXPECT_EQ(Queue::Entry::kReady, queue.Append("", 1, 60));
+  EXPECT_EQ(Queue::Entry::kRefused, queue.Append("", 2, 41));
+  EXPECT_EQ(Queue::Entry::kReady, queue.Append("", 3, 40));
+  EXPECT_EQ(Queue::Entry::kRefused, queue.Append("", 4, 1));
+  std::string key;
+  EXPECT_EQ(1, TakeOne(queue, key));
+  EXPECT_EQ(Queue::Entry::kReady, queue.Append("", 5, 60));
+}
+
+TEST(PacketQueue, RefusedPacketDoesNotHoldBackItsKey) {
+  Queue queue(1, 100);
+  queue.Append("", 1, 1);
+  EXPECT_EQ(Queue::Entry::kRefused, queue.Append("a", 2, 1));
+  std::string key;
+  TakeOne(queue, key);
+  EXPECT_EQ(Queue::Entry::kReady, queue.Append("a", 3, 1));
+}
+
+TEST(PacketQueue, TakeAllGivesReadyAndHeldBackPacketsAndMakesRoom) {
+  Queue queue(3, 3);
+  queue.Append("a", 1, 1);
+  queue.Append("a", 2, 1);
+  queue.Append("", 3, 1);
+  EXPECT_THAT(queue.TakeAll(), testing::UnorderedElementsAre(1, 2, 3));
+  EXPECT_EQ(0U, queue.size());
+  EXPECT_THAT(queue.TakeAll(), ElementsAre());
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(Queue::Entry::kReady, queue.Append("", i, 1));
+}
+
+TEST(PacketQueue, FinishAfterTakeAllFindsNothing) {
+  Queue queue(10, 100);
+  queue.Append("a", 1, 1);
+  queue.Append("a", 2, 1);
+  std::string key;
+  TakeOne(queue, key);
+  queue.TakeAll();
+  EXPECT_FALSE(queue.Finish(key));
+}
+
+}  // namespace
+}  // namespace network_layer
+}  // namespace vex_upnp
