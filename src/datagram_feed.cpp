@@ -30,8 +30,8 @@ std::size_t DatagramFeed::Receive(udp::socket& socket, error_code& error) {
 DatagramFeed::Result DatagramFeed::Parse(std::size_t size) {
   if (!http_info_) http_info_.reset(new utils::HTTPInfo);
   joined_bytes_ += size;
-  message_bytes_ += size + kLineOverhead * static_cast<std::size_t>(std::count(
-                                               buffer_.data(), buffer_.data() + size, '\n'));
+  joined_cost_ += size + kLineOverhead * static_cast<std::size_t>(std::count(
+                                             buffer_.data(), buffer_.data() + size, '\n'));
   if (utils::FeedParser(buffer_.data(), size, http_info_) != result::kOk) return Result::kFailed;
   if (http_info_->GetState() == utils::MESSAGE_COMPLETE ||
       http_info_->GetStatus() >= utils::HEADER_COMPLETE) {
@@ -51,9 +51,8 @@ DatagramFeed::Result DatagramFeed::Parse(std::size_t size) {
 boost::shared_ptr<utils::HTTPInfo> DatagramFeed::Complete(const std::string& my_ip) {
   boost::shared_ptr<utils::HTTPInfo> message;
   message.swap(http_info_);
-  const std::size_t bytes = message_bytes_;
+  message_bytes_ = joined_cost_;
   Drop();
-  message_bytes_ = bytes;
   message->SetMyIpAddress(my_ip);
   message->SetClientIpAddress(remote_endpoint_.address().to_string());
   message->SetClientPort(remote_endpoint_.port());
@@ -64,7 +63,7 @@ void DatagramFeed::Drop() {
   if (http_info_) http_info_->CleanInfo();
   header_end_ = HeaderEnd();
   joined_bytes_ = 0;
-  message_bytes_ = 0;
+  joined_cost_ = 0;
 }
 
 void AskForReceiveBuffer(udp::socket& socket) {

@@ -59,8 +59,9 @@ class DatagramFeed {
   udp::endpoint remote_endpoint_;
   boost::shared_ptr<utils::HTTPInfo> http_info_;
   HeaderEnd header_end_;
-  // Bytes that the message being parsed has taken so far.
+  // What the message being parsed has taken so far, in bytes received and of memory.
   std::size_t joined_bytes_ = 0;
+  std::size_t joined_cost_ = 0;
   std::size_t message_bytes_ = 0;
   OncePerSecond too_long_line_;
   // One more than a read: the search for a first line's end wants a NUL behind what came.
