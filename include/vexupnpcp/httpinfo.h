@@ -215,7 +215,7 @@ class VEX_EXPORT HTTPInfo : public VEXUncopyable {
  private:
   friend class HTTPParser;
 
-  struct FreeBlock {
+  struct VEX_LOCAL FreeBlock {
     void operator()(char* block) const;
   };
   struct DataLengthPair {
@@ -235,15 +235,15 @@ class VEX_EXPORT HTTPInfo : public VEXUncopyable {
   // Reads start line and headers in place.
   struct HeaderView;
 
-  std::string FormattedStartLine() const;
-  void MakeRecords();
-  unsigned int LimitToEncoding(unsigned int length);
-  bool AppendPiece(const char* data, unsigned int length, unsigned int capacity);
-  int StoreChunk(const char* data, unsigned int length, unsigned int left_in_buffer);
-  void ClosePiece();
-  int FailForMemory();
-  char* JoinPieces(unsigned int size);
-  void DropBody();
+  VEX_LOCAL std::string FormattedStartLine() const;
+  VEX_LOCAL void MakeRecords();
+  VEX_LOCAL unsigned int LimitToEncoding(unsigned int length);
+  VEX_LOCAL bool AppendPiece(const char* data, unsigned int length, unsigned int capacity);
+  VEX_LOCAL int StoreChunk(const char* data, unsigned int length, unsigned int left_in_buffer);
+  VEX_LOCAL void ClosePiece();
+  VEX_LOCAL int FailForMemory();
+  VEX_LOCAL char* JoinPieces(unsigned int size);
+  VEX_LOCAL void DropBody();
 
   // All header bytes so far; cut behind the blank line once that is seen.
   std::string raw_header_;

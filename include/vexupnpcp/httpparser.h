@@ -40,25 +40,28 @@ class VEX_EXPORT HTTPParser {
  private:
   struct Bytes;
 
-  static int ParseBuffer(const Bytes& buffer, HTTPInfo& info);
-  static int HandleHeader(const Bytes& buffer, HTTPInfo& info);
-  static bool TakeUpHeader(const Bytes& buffer, HTTPInfo& info, unsigned int& header_part);
-  static int HandleFirstLine(const Bytes& buffer, unsigned int header_part, HTTPInfo& info);
-  static int ParseHTTPRequestLine(HTTPInfo& info);
-  static int ParseHTTPStatusLine(HTTPInfo& info);
-  static int ParseHTTPHeader(const Bytes& buffer, unsigned int header_part, HTTPInfo& info);
-  static int StoreHeaders(HTTPInfo& info);
-  static int StoreHeader(const HTTPInfo::Span& line, HTTPInfo& info);
-  static void GetEncodingType(HTTPInfo& info);
-  static int HandleBody(const Bytes& buffer, HTTPInfo& info);
-  static int ParseChunkedHTTPBody(const Bytes& buffer, HTTPInfo& info);
-  static int StoreChunkedData(Bytes rest, HTTPInfo& info);
-  static int FindChunkLength(const Bytes& rest, HTTPInfo& info, unsigned int& consumed,
-                             unsigned int& chunk_length);
-  static int HoldSizeLine(const Bytes& part, HTTPInfo& info);
-  static int CheckEndOfData(const Bytes& rest, unsigned int chunk_length, HTTPInfo& info);
-  static int CopyRemainingData(const Bytes& rest, HTTPInfo& info);
-  static int Fail(HTTPInfo& info);
+  VEX_LOCAL static int ParseBuffer(const Bytes& buffer, HTTPInfo& info);
+  VEX_LOCAL static int HandleHeader(const Bytes& buffer, HTTPInfo& info);
+  VEX_LOCAL static bool TakeUpHeader(const Bytes& buffer, HTTPInfo& info,
+                                     unsigned int& header_part);
+  VEX_LOCAL static int HandleFirstLine(const Bytes& buffer, unsigned int header_part,
+                                       HTTPInfo& info);
+  VEX_LOCAL static int ParseHTTPRequestLine(HTTPInfo& info);
+  VEX_LOCAL static int ParseHTTPStatusLine(HTTPInfo& info);
+  VEX_LOCAL static int ParseHTTPHeader(const Bytes& buffer, unsigned int header_part,
+                                       HTTPInfo& info);
+  VEX_LOCAL static int StoreHeaders(HTTPInfo& info);
+  VEX_LOCAL static int StoreHeader(const HTTPInfo::Span& line, HTTPInfo& info);
+  VEX_LOCAL static void GetEncodingType(HTTPInfo& info);
+  VEX_LOCAL static int HandleBody(const Bytes& buffer, HTTPInfo& info);
+  VEX_LOCAL static int ParseChunkedHTTPBody(const Bytes& buffer, HTTPInfo& info);
+  VEX_LOCAL static int StoreChunkedData(Bytes rest, HTTPInfo& info);
+  VEX_LOCAL static int FindChunkLength(const Bytes& rest, HTTPInfo& info, unsigned int& consumed,
+                                       unsigned int& chunk_length);
+  VEX_LOCAL static int HoldSizeLine(const Bytes& part, HTTPInfo& info);
+  VEX_LOCAL static int CheckEndOfData(const Bytes& rest, unsigned int chunk_length, HTTPInfo& info);
+  VEX_LOCAL static int CopyRemainingData(const Bytes& rest, HTTPInfo& info);
+  VEX_LOCAL static int Fail(HTTPInfo& info);
 };
 
 }  // namespace utils
