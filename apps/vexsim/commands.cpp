@@ -91,6 +91,10 @@ Commands::Commands(Simulation& simulation, bool json, std::function<void()> quit
                 {"answers", &Commands::Answers},
                 {"fault", &Commands::SetFault},
                 {"interfaces", &Commands::Interfaces},
+                {"set", &Commands::Set},
+                {"get", &Commands::Get},
+                {"action", &Commands::SetActionFault},
+                {"events", &Commands::Events},
                 {"stats", &Commands::Stats},
                 {"quit", &Commands::Quit}} {}
 
@@ -173,10 +177,7 @@ json Commands::ForEach(const Words& words, const std::function<void(Device&)>& a
   if (words[1] == "all") {
     for (const auto& [id, device] : simulation_.fleet().devices()) ids.push_back(id);
   } else {
-    const auto id = ToNumber<unsigned>(words[1]);
-    if (!id || simulation_.fleet().Find(*id) == nullptr)
-      throw std::runtime_error("no device " + words[1]);
-    ids.push_back(*id);
+    ids.push_back(FindDevice(words[1]).id());
   }
   for (const unsigned id : ids) action(*simulation_.fleet().Find(id));
   return json{{"ids", ids}};
@@ -227,6 +228,75 @@ json Commands::Interfaces(const Words& words) {
   for (const Interface& interface : simulation_.ssdp().interfaces())
     list.push_back(interface.name + " " + interface.text);
   return json{{"interfaces", list}};
+}
+
+Device& Commands::FindDevice(const std::string& word) {
+  const auto id = ToNumber<unsigned>(word);
+  Device* device = id ? simulation_.fleet().Find(*id) : nullptr;
+  if (device == nullptr) throw std::runtime_error("no device " + word);
+  return *device;
+}
+
+json Commands::Set(const Words& words) {
+  if (words.size() != 4) throw std::runtime_error("set wants an id, Service.Variable and a value");
+  if (!simulation_.services().Set(FindDevice(words[1]), words[2], words[3]))
+    throw std::runtime_error("no variable " + words[2]);
+  return json::object();
+}
+
+json Commands::Get(const Words& words) {
+  if (words.size() != 3) throw std::runtime_error("get wants an id and Service.Variable");
+  const std::optional<std::string> value =
+      simulation_.services().Get(FindDevice(words[1]), words[2]);
+  if (!value) throw std::runtime_error("no variable " + words[2]);
+  return json{{"value", *value}};
+}
+
+json Commands::SetActionFault(const Words& words) {
+  std::vector<ActionFault>& faults = simulation_.services().faults();
+  if (words.size() == 2 && words[1] == "clear") {
+    faults.clear();
+    return json::object();
+  }
+  if (words.size() < 3) throw std::runtime_error("action wants ID/Service.Action and error=CODE");
+  ActionFault fault;
+  fault.pattern = words[1];
+  for (std::size_t i = 2; i < words.size(); ++i) {
+    const KeyValue pair = SplitKey(words[i]);
+    if (pair.key == "error") {
+      fault.code = static_cast<int>(Count(pair));
+    } else if (pair.key == "description") {
+      fault.description = pair.value;
+    } else if (pair.key == "times") {
+      fault.times = static_cast<int>(Count(pair));
+    } else {
+      throw std::runtime_error("action knows error=CODE, description=TEXT and times=N");
+    }
+  }
+  faults.push_back(fault);
+  return json::object();
+}
+
+json Commands::Events(const Words& words) {
+  EventOptions& options = simulation_.services().events().options();
+  for (std::size_t i = 1; i < words.size(); ++i) {
+    const KeyValue pair = SplitKey(words[i]);
+    if (pair.key == "before") {
+      options.initial = EventOptions::Initial::kBefore;
+    } else if (pair.key == "after") {
+      options.initial = EventOptions::Initial::kAfter;
+    } else if (pair.key == "never") {
+      options.initial = EventOptions::Initial::kNever;
+    } else if (pair.key == "late") {
+      options.initial = EventOptions::Initial::kLate;
+      options.late = Milliseconds(Count(pair));
+    } else if (pair.key == "timeout") {
+      options.timeout_s = Count(pair);
+    } else {
+      throw std::runtime_error("events knows before, after, never, late=MS and timeout=SECONDS");
+    }
+  }
+  return json{{"subscriptions", simulation_.services().events().Count()}};
 }
 
 json Commands::Stats(const Words& words) {

@@ -36,9 +36,14 @@ class Commands {
   nlohmann::json Answers(const Words& words);
   nlohmann::json SetFault(const Words& words);
   nlohmann::json Interfaces(const Words& words);
+  nlohmann::json Set(const Words& words);
+  nlohmann::json Get(const Words& words);
+  nlohmann::json SetActionFault(const Words& words);
+  nlohmann::json Events(const Words& words);
   nlohmann::json Stats(const Words& words);
   nlohmann::json Quit(const Words& words);
   nlohmann::json ForEach(const Words& words, const std::function<void(Device&)>& action);
+  Device& FindDevice(const std::string& word);
   nlohmann::json Describe(const Device& device);
   std::string Format(const nlohmann::json& answer) const;
 

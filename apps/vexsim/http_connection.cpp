@@ -108,7 +108,15 @@ bool HttpConnection::Answer() {
     return AnswerWithFault(*fault, response);
   output_ = FormatResponse(response, Framing::kLength, 0, !close_after_);
   if (request_.method == "HEAD") output_.erase(output_.find("\r\n\r\n") + 4);
-  return Write();
+  return WriteAfter(response.delay);
+}
+
+bool HttpConnection::WriteAfter(Milliseconds delay) {
+  if (delay.count() == 0) return Write();
+  timer_ = server_.loop_.After(delay, [this] {
+    if (Write()) ServeRequests();
+  });
+  return true;
 }
 
 bool HttpConnection::AnswerWithFault(const Fault& fault, const HttpResponse& response) {
@@ -136,11 +144,7 @@ bool HttpConnection::AnswerWithFault(const Fault& fault, const HttpResponse& res
     const auto step = fault.rate * static_cast<std::size_t>(kDripStep.count()) / 1000;
     drip_ = std::max<std::size_t>(step, 1);
   }
-  if (fault.delay_ms == 0) return Write();
-  timer_ = server_.loop_.After(Milliseconds(fault.delay_ms), [this] {
-    if (Write()) ServeRequests();
-  });
-  return true;
+  return WriteAfter(std::max(Milliseconds(fault.delay_ms), response.delay));
 }
 
 bool HttpConnection::Write() {

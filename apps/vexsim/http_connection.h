@@ -31,6 +31,7 @@ class HttpConnection {
   bool ServeRequests();
   bool Answer();
   bool AnswerWithFault(const Fault& fault, const HttpResponse& response);
+  bool WriteAfter(Milliseconds delay);
   bool Write();
   bool Finish();
   bool Drip();

@@ -1,6 +1,7 @@
 #ifndef VEXSIM_HTTP_MESSAGE_H_
 #define VEXSIM_HTTP_MESSAGE_H_
 
+#include <chrono>
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -29,6 +30,8 @@ struct HttpRequest {
 };
 
 struct HttpResponse {
+  // Leaves so much later.
+  std::chrono::milliseconds delay{0};
   int status = 200;
   std::string content_type;
   Headers headers;

@@ -34,6 +34,14 @@ Commands, one a line, on standard input or on the control socket; each gets one 
                                     delay=MS status=CODE cut=BYTES reset chunked=SIZE no-length
                                     garbage=BYTES silent rate=BYTES_PER_SECOND times=N
   fault clear [PATTERN]             as before
+  set ID SERVICE.VARIABLE VALUE     as "set 1 SwitchPower.Status 1"; subscribers are told
+  get ID SERVICE.VARIABLE           its value
+  action PATTERN error=CODE [description=TEXT] [times=N]
+                                    calls like "1/SwitchPower.*" get this UPnP error
+  action clear                      as before
+  events [before|after|never|late=MS] [timeout=SECONDS]
+                                    when a new subscriber gets its first event, against the answer;
+                                    the longest time granted; answers how many subscriptions there are
   interfaces                        look for new interfaces
   stats [reset]                     what has been asked and answered
   quit                              byebye for all, and the end

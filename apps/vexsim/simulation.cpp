@@ -17,12 +17,35 @@ HttpResponse Status(int status) {
   return response;
 }
 
+// Cuts the body down to "bytes=FIRST-LAST" or "bytes=FIRST-"; any other form gets the whole.
+void ApplyRange(std::string_view range, HttpResponse& response) {
+  constexpr std::string_view kBytes = "bytes=";
+  const std::size_t dash = range.find('-');
+  if (range.substr(0, kBytes.size()) != kBytes || dash == std::string_view::npos) return;
+  const std::size_t size = response.body.size();
+  const auto first = ToNumber<std::size_t>(range.substr(kBytes.size(), dash - kBytes.size()));
+  if (!first) return;
+  const auto last = ToNumber<std::size_t>(range.substr(dash + 1)).value_or(size);
+  if (*first >= size || last < *first) {
+    response = Status(416);
+    response.headers.emplace_back("CONTENT-RANGE", "bytes */" + std::to_string(size));
+    return;
+  }
+  response.status = 206;
+  response.body = response.body.substr(*first, last - *first + 1);
+  response.headers.emplace_back("CONTENT-RANGE",
+                                "bytes " + std::to_string(*first) + "-" +
+                                    std::to_string(*first + response.body.size() - 1) + "/" +
+                                    std::to_string(size));
+}
+
 }  // namespace
 
 Simulation::Simulation(EventLoop& loop, const Options& options)
     : loop_(loop),
       options_(options),
       fleet_(options.seed),
+      services_(loop, statistics_),
       http_(loop, statistics_, !options.close_connections,
             [this](const HttpRequest& request) { return Respond(request); }),
       ssdp_(loop, fleet_, statistics_, options.ssdp),
@@ -83,6 +106,7 @@ void Simulation::Remove(unsigned id, bool silent) {
   if (device == nullptr) return;
   if (device->alive && !silent) ssdp_.Byebye(*device);
   if (device->alive) ClosePort(*device);
+  services_.Forget(id);
   fleet_.Remove(id);
 }
 
@@ -93,6 +117,8 @@ void Simulation::RemoveAll(bool silent) {
 void Simulation::Kill(Device& device) {
   if (!device.alive) return;
   device.alive = false;
+  // Its subscribers and the settings of its owner are lost with the power.
+  services_.Forget(device.id());
   ClosePort(device);
 }
 
@@ -114,6 +140,7 @@ HttpResponse Simulation::Respond(const HttpRequest& request) {
 
 HttpResponse Simulation::RespondFor(Device& device, const std::string& path,
                                     const HttpRequest& request) {
+  if (const auto response = services_.Handle(device, path, request)) return *response;
   if (request.method != "GET" && request.method != "HEAD") return Status(405);
   HttpResponse response;
   if (path == kDescriptionPath) {
@@ -131,6 +158,7 @@ HttpResponse Simulation::RespondFor(Device& device, const std::string& path,
   }
   response.content_type = document->second.content_type;
   response.body = document->second.body;
+  ApplyRange(request.Header("Range"), response);
   return response;
 }
 

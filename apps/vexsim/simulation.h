@@ -10,6 +10,7 @@
 #include "fleet.h"
 #include "http_server.h"
 #include "options.h"
+#include "service_host.h"
 #include "ssdp_server.h"
 #include "statistics.h"
 
@@ -34,6 +35,7 @@ class Simulation {
   Fleet& fleet() { return fleet_; }
   SsdpServer& ssdp() { return ssdp_; }
   HttpServer& http() { return http_; }
+  ServiceHost& services() { return services_; }
   Statistics& statistics() { return statistics_; }
 
  private:
@@ -48,6 +50,7 @@ class Simulation {
   const Options options_;
   Statistics statistics_;
   Fleet fleet_;
+  ServiceHost services_;
   HttpServer http_;
   SsdpServer ssdp_;
   // Serves all devices that have no port of their own; 0 before the first of these.

@@ -65,9 +65,8 @@ class Simulator:
         return self.devices()[number]
 
     def stop(self):
-        if self.process.poll() is None:
-            self.process.stdin.close()
-            self.process.wait(LIMIT_S)
+        self.process.stdin.close()
+        self.process.wait(LIMIT_S)
         self.process.stdout.close()
         return self.process.returncode
 
