@@ -16,6 +16,15 @@ file(GLOB VEXCP_SOURCES CONFIGURE_DEPENDS apps/vexcp/*.cpp)
 add_executable(vexcp ${VEXCP_SOURCES})
 target_link_libraries(vexcp PRIVATE vexupnpcp vex_app_flags)
 
+file(GLOB VEX_EXAMPLE_SOURCES CONFIGURE_DEPENDS examples/*.cpp)
+foreach(source ${VEX_EXAMPLE_SOURCES})
+  get_filename_component(name ${source} NAME_WE)
+  add_executable(example_${name} ${source})
+  set_target_properties(example_${name} PROPERTIES OUTPUT_NAME ${name}
+                        RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/examples)
+  target_link_libraries(example_${name} PRIVATE vexupnpcp vex_flags)
+endforeach()
+
 if(VEX_BUILD_TESTS)
   add_test(NAME program_tests
            COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/tools/two_hosts
