@@ -32,3 +32,7 @@ if(VEX_BUILD_TESTS)
   set_tests_properties(program_tests PROPERTIES
                        ENVIRONMENT VEX_BINARY_DIR=${CMAKE_CURRENT_BINARY_DIR})
 endif()
+
+if(VEX_BUILD_BENCH)
+  add_subdirectory(bench/discovery)
+endif()
