@@ -8,12 +8,20 @@
 
 namespace {
 
-// Allocations until the one that fails; 0 when none is to fail.
+// Allocations until the first one that fails; 0 when none is to fail.
 thread_local int countdown = 0;
+// Failures in a row that are still to come.
+thread_local int failures = 0;
 thread_local bool has_failed = false;
+thread_local bool is_suspended = false;
 
 bool FailsNow() {
-  if (countdown == 0 || --countdown != 0) return false;
+  if (countdown == 0 || is_suspended) return false;
+  if (countdown > 1) {
+    --countdown;
+    return false;
+  }
+  if (--failures == 0) countdown = 0;
   has_failed = true;
   return true;
 }
@@ -34,14 +42,17 @@ NewFunction Original(const char* name) {
 
 namespace vex_test {
 
-FailAlloc::FailAlloc(int nth) {
+FailAlloc::FailAlloc(int nth, int count) {
   has_failed = false;
+  failures = count;
   countdown = nth;
 }
 
 FailAlloc::~FailAlloc() { countdown = 0; }
 
 bool FailAlloc::Failed() const { return has_failed; }
+
+void SuspendFailAlloc(bool suspended) { is_suspended = suspended; }
 
 }  // namespace vex_test
 

@@ -5,10 +5,11 @@ namespace vex_test {
 
 // From here to the end of the scope the n-th allocation of the calling thread fails, counted from 1
 // over malloc, calloc, realloc and new: the first three give null, new throws std::bad_alloc. Only
-// that one fails. Other threads are not touched. One at a time in a thread.
+// that one fails, or `count` of them in a row. Other threads are not touched. One at a time in a
+// thread.
 class FailAlloc {
  public:
-  explicit FailAlloc(int nth);
+  explicit FailAlloc(int nth, int count = 1);
   FailAlloc(const FailAlloc&) = delete;
   FailAlloc& operator=(const FailAlloc&) = delete;
   ~FailAlloc();
@@ -16,6 +17,10 @@ class FailAlloc {
   // Whether as many allocations were made.
   bool Failed() const;
 };
+
+// For what the tests' own tools allocate meanwhile: allocations of this thread are neither failed
+// nor counted.
+void SuspendFailAlloc(bool suspended);
 
 // Runs `act` with its first allocation failing, then with its second, and so on, up to the run in
 // which none fails any more. `check(failed)` follows each run, with memory to be had again. Returns

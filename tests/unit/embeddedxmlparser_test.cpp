@@ -7,6 +7,7 @@
 
 #include <vexupnpcp/embeddedxmlparser.h>
 
+#include "tests/support/fail_alloc.h"
 #include "tests/support/log_capture.h"
 
 namespace vex_upnp {
@@ -390,6 +391,49 @@ TEST(XmlDocument, DepthAndDocumentAreSet) {
   EXPECT_EQ(kDomDocument, document->document->nodeType);
   EXPECT_EQ(document->document, document->document->firstChild->firstChild->ownerDocument);
   EXPECT_EQ(&*document, document->document->firstChild->domParser);
+}
+
+// Faults that come up when one allocation after the other fails, in order; ends with "" for
+// success.
+std::vector<std::string> FaultsShortOfMemory(const std::string& text) {
+  std::vector<std::string> faults;
+  bool failed = true;
+  for (int nth = 1; failed; ++nth) {
+    const vex_test::LogCapture log;
+    Document document(text);
+    int result = 0;
+    {
+      const vex_test::FailAlloc fail(nth);
+      result = document.Parse();
+      failed = fail.Failed();
+    }
+    EXPECT_EQ(failed ? -1 : 0, result);
+    faults.push_back(failed ? log.Lines().back().text : "");
+  }
+  return faults;
+}
+
+// The first nodes come in one piece of memory; the piece that fails last is for the ninth.
+TEST(XmlDocument, ShortageHasTheNumberOfWhatWasToBeMade) {
+  const auto last_fault = [](const std::string& text) {
+    const std::vector<std::string> faults = FaultsShortOfMemory(text);
+    EXPECT_EQ("CreateDocumentDomDocument failed", faults[0]);
+    return faults[faults.size() - 2];
+  };
+  EXPECT_EQ("Xml Parser Failure, Error 005", last_fault("<r><a/><a/><a/><a/><a/><a/><b/></r>"));
+  EXPECT_EQ("Xml Parser Failure, Error 011", last_fault("<r><a/><a/><a/><a/><a/><b>t</b></r>"));
+  EXPECT_EQ("Xml Parser Failure, Error 017", last_fault("<r><a/><a/><a/><a/><a/><a/>t</r>"));
+  EXPECT_EQ("Xml Parser Failure, Error 005", last_fault("<r><a/><a/><a/><a/><a/><a c='d'/></r>"));
+}
+
+TEST(XmlDocument, ShortageOfTheAttributeIndexIsAFault) {
+  std::string text = "<a";
+  for (int i = 0; i < 40; ++i) text += " n" + std::to_string(i) + "=''";
+  const std::vector<std::string> faults = FaultsShortOfMemory(text + "/>");
+  EXPECT_LT(40U, faults.size());
+  for (std::size_t i = 3; i + 1 < faults.size(); ++i) {
+    EXPECT_EQ("Xml Parser Failure, Error 005", faults[i]);
+  }
 }
 
 // No cut leads the scanner over the edge, and none is taken for the whole.

@@ -7,6 +7,7 @@
 
 #include "base/limits.h"
 #include "tests/support/cpu_seconds.h"
+#include "tests/support/fail_alloc.h"
 #include "tests/support/log_capture.h"
 #include "xmlparser/src/number_references.h"
 
@@ -107,6 +108,26 @@ TEST(XmlUnescape, EscapedTextComesBack) {
   }
   EXPECT_EQ(text, Unescaped(Escaped(text)));
   EXPECT_EQ("one\ncontrol", Unescaped(Escaped("one\ncontrol")));
+}
+
+TEST(XmlUnescape, ShortageOfMemoryIsACodeAndLeavesTheOutput) {
+  const std::string text =
+      "a text that is long enough for the heap: &lt;&#65;&#66; &#38; &#38;#65; &quot;";
+  using Function = int (*)(const std::string&, std::string&);
+  for (const Function function : {&XmlEscapeValue, &XmlUnescapeValue}) {
+    bool failed = true;
+    for (int nth = 1; failed; ++nth) {
+      std::string out = "untouched";
+      int code = -1;
+      {
+        const vex_test::FailAlloc fail(nth);
+        code = function(text, out);
+        failed = fail.Failed();
+      }
+      EXPECT_EQ(failed ? 3000 : 0, code) << nth;
+      EXPECT_EQ(failed, out == "untouched") << nth;
+    }
+  }
 }
 
 TEST(NumberReferences, DecimalAndHexadecimal) {

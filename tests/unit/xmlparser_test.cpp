@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/fail_alloc.h"
 #include "tests/support/log_capture.h"
 #include "xmlparser/src/xml_scope.h"
 
@@ -245,6 +246,32 @@ TEST(XmlAccess, BackslashProtectsAQuoteInAnAttribute) {
   const NodePtr root = FirstNode(parser.get());
   ASSERT_TRUE(root);
   EXPECT_THAT(root->attributes, ElementsAre("b", "x\\\"y", "c", "2"));
+}
+
+TEST(XmlAccess, ShortageOfMemoryIsAFailureAndNoThrow) {
+  const std::string xml =
+      "<root attribute='a value that is no short string'>text, also long enough "
+      "for the heap<child/></root>";
+  bool failed = true;
+  for (int nth = 1; failed; ++nth) {
+    ScopedXmlParser parser;
+    NodePtr root;
+    std::string name = "attr";
+    std::string value = "untouched";
+    std::vector<std::string> all{"untouched"};
+    int got = 0;
+    {
+      const vex_test::FailAlloc fail(nth);
+      if (parser.Parse(xml)) root = FirstNode(parser.get());
+      got += XmlGetAttribute(root.get(), name, value);
+      got += XmlGetAllNodeAttributes(root.get(), all);
+      failed = fail.Failed();
+    }
+    EXPECT_EQ(failed, got < 2) << nth;
+    if (!failed) {
+      EXPECT_LT(5, nth);
+    }
+  }
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 #include "xmlparser/src/dom_node_pool.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <new>
 
 namespace vex_upnp {
@@ -60,7 +59,7 @@ void AttributeIndex::Forget(const DomNode& element) {
 DomNodePool::~DomNodePool() {
   while (blocks_ != nullptr) {
     Block* const next = blocks_->next;
-    std::free(blocks_);
+    ::operator delete(blocks_);
     blocks_ = next;
   }
 }
@@ -71,7 +70,7 @@ void DomNodePool::ExpectText(std::size_t bytes) {
 
 bool DomNodePool::AddBlock() {
   constexpr std::size_t kHeader = std::max(sizeof(Block), alignof(DomNode));
-  void* const memory = std::malloc(kHeader + next_block_nodes_ * sizeof(DomNode));
+  void* const memory = ::operator new(kHeader + next_block_nodes_ * sizeof(DomNode), std::nothrow);
   if (memory == nullptr) return false;
   Block* const block = static_cast<Block*>(memory);
   block->next = blocks_;

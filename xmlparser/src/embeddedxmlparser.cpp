@@ -253,9 +253,9 @@ int EmXmlParser::SkipSpaces(DomParser& parser) { return XmlScanner(parser).SkipS
 
 int EmXmlParser::ParseXmlData(DomParser& parser) {
   DomNodePool* const pool = PoolOf(parser);
-  if (pool != nullptr) pool->ExpectText(static_cast<std::size_t>(parser.end - parser.buffer));
   DomNode* document = nullptr;
-  if (MakeDomTree::CreateDocumentDomDocument(parser, document) == 0) {
+  if (pool != nullptr) pool->ExpectText(static_cast<std::size_t>(parser.end - parser.buffer));
+  if (pool == nullptr || MakeDomTree::CreateDocumentDomDocument(parser, document) == 0) {
     VEX_LOG(kLogMajor, kTag, "CreateDocumentDomDocument failed");
     return -1;
   }

@@ -1,6 +1,5 @@
 #include <vexupnpcp/makedomtree.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <new>
 
@@ -22,10 +21,7 @@ bool SameName(const char* a, const char* b) {
 }
 
 // A node that outlives its parser's document, as the entries of a list may.
-DomNode* AllocateLoneNode() {
-  void* const memory = std::malloc(sizeof(DomNode));
-  return memory == nullptr ? nullptr : new (memory) DomNode();
-}
+DomNode* AllocateLoneNode() { return new (std::nothrow) DomNode(); }
 
 DomNode* CreateNode(DomNode* document, const char* name, const char* value, std::int32_t type) {
   DomNode* const node = MakeDomTree::AllocateANode(document->domParser);
@@ -148,7 +144,7 @@ int MakeDomTree::ClearDomNode(DomNode* node) {
   if (node == nullptr) return result::kBadInput;
   DomNodePool* const pool = node->pool;
   if (pool == nullptr) {
-    std::free(node);
+    delete node;
     return result::kOk;
   }
   if (node->attributeCount > 0) pool->attribute_index().Forget(*node);
