@@ -9,7 +9,7 @@ BUILD_PACKAGES="g++ cmake ninja-build ccache pkg-config
   libboost-date-time-dev"
 PROGRAM_PACKAGES="libcli11-dev nlohmann-json3-dev"
 TEST_PACKAGES="libgtest-dev libgmock-dev iproute2 python3 gcc"
-CHECK_PACKAGES="clang-14 clang-tidy-14 clang-format-14 libclang-rt-14-dev"
+CHECK_PACKAGES="git clang-14 clang-tidy-14 clang-format-14 libclang-rt-14-dev"
 BENCH_PACKAGES="libbenchmark-dev libpugixml-dev libxml2-dev libexpat1-dev"
 FUZZ_PACKAGES="clang-14 libclang-rt-14-dev libexpat1-dev"
 
