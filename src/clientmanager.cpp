@@ -288,8 +288,7 @@ bool ClientManager::__AwaitProbes(int timeout, boost::unique_lock<boost::mutex>&
 
 ClientManager::SessionPointer ClientManager::__MakeSession() {
   try {
-    return boost::make_shared<OutgoingSession>(boost::ref(io_service_), this, utils::PROTOCOL_TCP,
-                                               &timeouts_);
+    return boost::make_shared<OutgoingSession>(io_service_, this, utils::PROTOCOL_TCP, &timeouts_);
   } catch (const std::bad_alloc&) {
     VEX_LOG(kLogMajor, kTag, "malloc failed!");
     return SessionPointer();

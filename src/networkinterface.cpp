@@ -69,12 +69,12 @@ void NetworkInterface::DestroyInstance() {
   DestroyShared(instance_, singleton_mutex_);
 }
 
-NetworkInterface::NetworkInterface() : notify_work_(KeepRunning(notify_io_service_)) {
+NetworkInterface::NetworkInterface() {
   VEX_LOG(kLogStep, kTag, "NetworkInterface::VexNetiIo");
   try {
     std::string prefix;
     ThreadNamePrefix(prefix);
-    StartIoThreads(notify_threads_, notify_io_service_, kNotifyThreads, prefix, "VexNetiIo");
+    StartIoThreads(notify_threads_, notify_io_service_.io, kNotifyThreads, prefix, "VexNetiIo");
   } catch (...) {
     LogCurrentException(VEX_LOG_SITE, kLogMajor, kTag, "thread_resource_error exception:[%s]",
                         "Unknown Exception in StartCallbackThreads");
@@ -85,8 +85,13 @@ NetworkInterface::~NetworkInterface() { __EndThreads(); }
 
 void NetworkInterface::__EndThreads() {
   try {
-    notify_io_service_.stop();
-    notify_threads_.join_all();
+    notify_io_service_.io->stop();
+    if (notify_threads_.is_this_thread_in()) {
+      // A listener ends the layer: it holds what it needs, and nobody can wait for it.
+      VEX_LOG(kLogMajor, kTag, "Delivery threads stopped by one of them, they are not waited for");
+    } else {
+      notify_threads_.join_all();
+    }
     StopScanNetworkInterface();
     boost::lock_guard<boost::mutex> lock(listeners_mutex_);
     listeners_.clear();

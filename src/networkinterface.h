@@ -7,6 +7,7 @@
 
 #include <net/if.h>
 
+#include <boost/enable_shared_from_this.hpp>
 #include <boost/shared_ptr.hpp>
 #include <boost/thread/mutex.hpp>
 #include <boost/thread/thread.hpp>
@@ -15,7 +16,7 @@
 #include <vexupnpcp/network_types.h>
 #include <vexupnpcp/vexuncopyable.h>
 
-#include "base/asio.h"
+#include "base/io_threads.h"
 #include "base/thread_marks.h"
 #include "src/net_change_listener.h"
 
@@ -38,7 +39,8 @@ class NetworkMonitor {
 // wants served (selected), which may be up or not. An interface is active when it is both.
 //
 // Results differ from function to function and callers rely on them; each says its own.
-class NetworkInterface : public VEXUncopyable {
+class NetworkInterface : public VEXUncopyable,
+                         public boost::enable_shared_from_this<NetworkInterface> {
  public:
   // Made at the first call.
   static boost::shared_ptr<NetworkInterface> GetInstance();
@@ -127,8 +129,7 @@ class NetworkInterface : public VEXUncopyable {
   boost::thread* monitor_thread_ VEX_GUARDED_BY(monitor_mutex_) = nullptr;
 
   // Before the listeners, whose strands refer to it.
-  io_service notify_io_service_;
-  io_work notify_work_;
+  IoPool notify_io_service_;
 
   // The three leaves below are held for one list operation each and never nested.
   boost::mutex listeners_mutex_;

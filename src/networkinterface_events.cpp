@@ -204,12 +204,15 @@ void NetworkInterface::NotifyNICIfEvent(const NicEvent& event, const std::string
     VEX_LOG(kLogStep, kTag, "event listener vector is empty!!");
     return;
   }
+  // Weak: an event that is never delivered keeps nothing alive.
+  const boost::weak_ptr<NetworkInterface> weak_self = weak_from_this();
   for (const boost::shared_ptr<NetChangeListener>& listener : listeners_) {
     // The id, not the listener: one that goes before its turn is skipped.
     const int id = listener->GetID();
-    boost::asio::post(listener->strand(), [this, id, name, event]() {
+    boost::asio::post(listener->strand(), [weak_self, id, name, event]() {
+      const boost::shared_ptr<NetworkInterface> self = weak_self.lock();
       std::string copy = name;
-      NotifyNICEventByID(id, copy, event);
+      if (self) self->NotifyNICEventByID(id, copy, event);
     });
   }
   VEX_LOG(kLogStep, kTag, "%u event listeners are notified!!!",
@@ -237,7 +240,7 @@ void NetworkInterface::NotifyNICEventByID(int id, std::string& name, NicEvent ev
 int NetworkInterface::AddNetIfListener(NetworkEventListener* listener) {
   if (listener == nullptr) return -1;
   const int id = next_listener_id_++;
-  const auto entry = boost::make_shared<NetChangeListener>(id, listener, notify_io_service_);
+  const auto entry = boost::make_shared<NetChangeListener>(id, listener, *notify_io_service_.io);
   boost::lock_guard<boost::mutex> lock(listeners_mutex_);
   listeners_.push_back(entry);
   return id;

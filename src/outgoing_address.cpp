@@ -21,6 +21,8 @@ std::vector<tcp::endpoint> EndpointsOfAddress(const std::string& host, int port)
 }
 
 std::vector<tcp::endpoint> EndpointsOfName(io_service& io, const std::string& host, int port) {
+  // The resolver takes an empty name for this machine.
+  if (host.empty()) throw system_error(boost::asio::error::host_not_found);
   tcp::resolver resolver(io);
   return EndpointsOf(
       resolver.resolve(tcp::v4(), host, std::to_string(port), tcp::resolver::address_configured));

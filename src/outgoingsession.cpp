@@ -122,7 +122,7 @@ int OutgoingSession::InitiateConnection(const std::string& ip, const int& port) 
 void OutgoingSession::__BeginConnect(const std::string& ip, int port, ConnectHandler handler) {
   endpoints_ = EndpointsOfAddress(ip, port);
   const bool is_name = endpoints_.empty();
-  const bool may_wait = !OnLibraryThread();
+  const bool may_wait = ip.empty() || !OnLibraryThread();
   if (is_name && may_wait) endpoints_ = EndpointsOfName(*io_service_, ip, port);
   {
     boost::lock_guard<boost::mutex> lock(mutex_);
