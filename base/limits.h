@@ -28,6 +28,8 @@ constexpr std::size_t kChunkSizeLine = 4 * 1024;
 constexpr std::size_t kChunkSizeDigits = 8;
 // Body of an answer on the control side.
 constexpr std::uint64_t kControlBody = 8 * 1024 * 1024;
+// What it may occupy, with the records of small pieces counted.
+constexpr std::uint64_t kControlBodyCost = 2 * kControlBody;
 // Share of the soft descriptor limit from which the event server closes its most silent connection.
 constexpr unsigned kDescriptorSharePercent = 85;
 constexpr std::size_t kDescriptionRequests = 16384;

@@ -13,7 +13,8 @@ namespace network_layer {
 inline bool AnswerFits(const utils::HTTPInfo& answer) {
   return answer.GetRawHeaderSize() <= limits::kHttpHeaderBytes &&
          answer.GetHeaderCount() <= limits::kHttpHeaderLines &&
-         answer.GetBodyCost() <= limits::kControlBody;
+         answer.GetProcessedBodySize() <= limits::kControlBody &&
+         answer.GetBodyCost() <= limits::kControlBodyCost;
 }
 
 }  // namespace network_layer
