@@ -171,11 +171,13 @@ void CPDiscoveryManager::RescanForRegisteredCP() {
   }
 }
 
-void CPDiscoveryManager::StartRescanCheck(int timer_id, void* data) {
-  const bool started = discovery_threads_.Start(
-      timer_id, kRescanThread, [this, timer_id, data] { RescanTimerExpired(timer_id, data); });
+void CPDiscoveryManager::StartRescanCheck(const boost::shared_ptr<CPDiscoveryManager>& manager,
+                                          int timer_id, void* data) {
+  const bool started = manager->discovery_threads_.Start(
+      timer_id, kRescanThread,
+      [manager, timer_id, data] { manager->RescanTimerExpired(timer_id, data); });
   // Without its check the search would stand in the way of the next one for ever.
-  if (!started) rescans_.Remove(timer_id);
+  if (!started) manager->rescans_.Remove(timer_id);
 }
 
 void CPDiscoveryManager::RescanTimerExpired(int timer_id, void* data) {
@@ -300,11 +302,12 @@ void CPDiscoveryManager::NotifyRemovedDeviceHierarchy(const boost::shared_ptr<De
   }
 }
 
-void CPDiscoveryManager::StartDescriptionCheck(int timer_id) {
-  const bool started = discovery_threads_.StartInLine(
-      timer_id, kRetryThread, [this, timer_id] { CheckNowRequesting(timer_id); });
+void CPDiscoveryManager::StartDescriptionCheck(const boost::shared_ptr<CPDiscoveryManager>& manager,
+                                               int timer_id) {
+  const bool started = manager->discovery_threads_.StartInLine(
+      timer_id, kRetryThread, [manager, timer_id] { manager->CheckNowRequesting(timer_id); });
   // With no thread to be had, a request must still not stay in the list for ever.
-  if (!started) CheckNowRequesting(timer_id);
+  if (!started) manager->CheckNowRequesting(timer_id);
 }
 
 void CPDiscoveryManager::CheckNowRequesting(int timer_id) {

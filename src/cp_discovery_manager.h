@@ -51,7 +51,11 @@ class CPDiscoveryManager : public Observable {
   void clearRescanProgress() { rescans_.clearRescanProgress(); }
   void SetRescanConnectTimeout(int seconds) { rescans_.SetRescanConnectTimeout(seconds); }
   void RescanTimerExpired(int timer_id, void* data);
-  void StartRescanCheck(int timer_id, void* data);
+  // These two put the work of an expired timer on a thread, which keeps the manager alive.
+  static void StartRescanCheck(const boost::shared_ptr<CPDiscoveryManager>& manager, int timer_id,
+                               void* data);
+  static void StartDescriptionCheck(const boost::shared_ptr<CPDiscoveryManager>& manager,
+                                    int timer_id);
   void ProgressTimerExpired(int timer_id);
 
   int EnableAutoRescan();
@@ -100,7 +104,6 @@ class CPDiscoveryManager : public Observable {
   // told as added, so it goes without an event.
   void LoseDevice(const std::string& udn);
   void CheckNowRequesting(int timer_id);
-  void StartDescriptionCheck(int timer_id);
 
  private:
   CPDiscoveryManager() = default;

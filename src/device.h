@@ -88,8 +88,8 @@ class Device : private VEXUncopyable {
   std::list<std::unique_ptr<AdditionalFieldInfo>> additional_fields;
   // Cleared before a rescan, set again by the device's answer.
   bool is_valid = true;
-  // The whole description. Shared by all devices of one description, since there may be thousands of
-  // them in one of several megabytes; null before it is known.
+  // The whole description. Shared by all devices of one description, since there may be thousands
+  // of them in one of several megabytes; null before it is known.
   boost::shared_ptr<const std::string> description_xml;
 };
 

@@ -49,7 +49,7 @@ void NowRequesting::Stop() {
 void TimerExpiredCallBack(int timer_id, void* data) {
   (void)data;
   const boost::shared_ptr<CPDiscoveryManager> manager = CPDiscoveryManager::ExistingInstance();
-  if (manager) manager->StartDescriptionCheck(timer_id);
+  if (manager) CPDiscoveryManager::StartDescriptionCheck(manager, timer_id);
 }
 
 }  // namespace cp_discovery

@@ -194,7 +194,7 @@ void RescanTimerExpiredCallBack(int timer_id, void* data) {
   const boost::shared_ptr<CPDiscoveryManager> manager = CPDiscoveryManager::ExistingInstance();
   if (!manager) return;
   VEX_LOG(kLogStep, kTag, "Creating new thread for invalid device removal. timer_id: %d", timer_id);
-  manager->StartRescanCheck(timer_id, data);
+  CPDiscoveryManager::StartRescanCheck(manager, timer_id, data);
 }
 
 }  // namespace cp_discovery

@@ -1,0 +1,394 @@
+#include "src/device_list.h"
+
+#include <gmock/gmock.h>
+
+#include <ctime>
+#include <string>
+#include <vector>
+
+#include <boost/thread/lock_guard.hpp>
+
+#include "base/limits.h"
+#include "tests/support/log_capture.h"
+
+namespace vex_upnp {
+namespace cp_discovery {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using vex_test::LogCapture;
+
+constexpr char kTag[] = "VEX_CORE_CPDISCOVERY";
+constexpr char kForum[] = "urn:schemas-upnp-org:device:";
+
+using DevicePtr = boost::shared_ptr<Device>;
+
+DevicePtr MakeDevice(const std::string& udn, const std::string& type = "urn:x-y:device:Foo:1") {
+  DevicePtr device(new Device);
+  device->udn = udn;
+  device->device_type = type;
+  return device;
+}
+
+class DeviceListTest : public testing::Test {
+ protected:
+  DeviceListTest() : list_(DeviceList::GetInstance()) {}
+  ~DeviceListTest() override { DeviceList::Terminate(); }
+
+  DevicePtr Add(const std::string& udn, const std::string& type = "urn:x-y:device:Foo:1") {
+    DevicePtr device = MakeDevice(udn, type);
+    EXPECT_TRUE(list_->Add(device));
+    return device;
+  }
+
+  DevicePtr AddReady(const std::string& udn, const std::string& type = "urn:x-y:device:Foo:1") {
+    DevicePtr device = Add(udn, type);
+    EXPECT_TRUE(list_->MarkReady(device));
+    return device;
+  }
+
+  static std::vector<std::string> Keys(const std::unique_ptr<DeviceList::Devices>& devices) {
+    std::vector<std::string> keys;
+    if (devices) {
+      for (const DevicePtr& device : *devices) keys.push_back(device->udn);
+    }
+    return keys;
+  }
+
+  std::string DisplayName(const std::string& model_description, const std::string& name) {
+    DevicePtr device = MakeDevice("uuid:n");
+    device->model_description = model_description;
+    device->friendly_name = name;
+    list_->Add(device);
+    list_->Remove(device);
+    return device->display_name;
+  }
+
+  bool Accepts(const std::string& type) const { return list_->IsAcceptedDevice(type); }
+
+  const boost::shared_ptr<DeviceList> list_;
+};
+
+TEST_F(DeviceListTest, DisplayNames) {
+  EXPECT_EQ("[TV]Hall", DisplayName("Tolmark TV X", "Hall"));
+  EXPECT_EQ("[TV]", DisplayName("Tolmark TV X", ""));
+  EXPECT_EQ("[TV]Hall", DisplayName("Tolmark TV ", "Hall"));
+  EXPECT_EQ("[Blu-ray]Hall", DisplayName("Tolmark Blu-ray Player X", "Hall"));
+  // One character, nothing behind, a blank at once, another maker, no blank behind the maker.
+  EXPECT_EQ("Hall", DisplayName("Tolmark Y Z", "Hall"));
+  EXPECT_EQ("Hall", DisplayName("Tolmark TV", "Hall"));
+  EXPECT_EQ("Hall", DisplayName("Tolmark  TV X", "Hall"));
+  EXPECT_EQ("Hall", DisplayName("tolmark TV X", "Hall"));
+  EXPECT_EQ("Hall", DisplayName("TolmarkTV X Y", "Hall"));
+  EXPECT_EQ("Hall", DisplayName("Tolmark ", "Hall"));
+  EXPECT_EQ("", DisplayName("", ""));
+}
+
+TEST_F(DeviceListTest, ANameIsWantedForTheLineOfAnAddition) {
+  LogCapture log;
+  DevicePtr device = MakeDevice("uuid:a");
+  device->model_description = "Tolmark TV X";
+  ASSERT_TRUE(list_->Add(device));
+  EXPECT_EQ("[TV]", device->display_name);
+  EXPECT_FALSE(log.Holds("DEVICE_ADDED"));
+  EXPECT_EQ(1, log.Count(" the size of device list : 1"));
+  DevicePtr named = MakeDevice("uuid:b");
+  named->friendly_name = "Hall";
+  ASSERT_TRUE(list_->Add(named));
+  EXPECT_EQ(1, log.Count("DEVICE_ADDED [Hall][urn:x-y:device:Foo:1]"));
+  EXPECT_EQ(1, log.Count(" the size of device list : 2"));
+}
+
+TEST_F(DeviceListTest, AddingSetsTheFlags) {
+  DevicePtr device = MakeDevice("uuid:a");
+  device->is_valid = false;
+  device->services_ready = true;
+  ASSERT_TRUE(list_->Add(device));
+  EXPECT_TRUE(device->is_valid);
+  EXPECT_FALSE(device->services_ready);
+}
+
+TEST_F(DeviceListTest, ANullDeviceIsLogged) {
+  LogCapture log;
+  DevicePtr none;
+  EXPECT_FALSE(list_->Add(none));
+  EXPECT_EQ(1, log.Count(16, kTag, "Error, invalid device in DeviceList::Add"));
+  EXPECT_FALSE(list_->GetAllDevices());
+}
+
+TEST_F(DeviceListTest, ADeviceThatIsListedAgainKeepsItsName) {
+  DevicePtr device = MakeDevice("uuid:a");
+  device->friendly_name = "Hall";
+  list_->Add(device);
+  list_->Remove(device);
+  list_->Add(device);
+  EXPECT_EQ("Hall", device->display_name);
+}
+
+TEST_F(DeviceListTest, OnlyReadyDevicesCanBeFound) {
+  LogCapture log;
+  const DevicePtr device = Add("uuid:a");
+  EXPECT_EQ(device, list_->IsDeviceAdded("uuid:a"));
+  EXPECT_FALSE(list_->GetDeviceByUdn("uuid:a"));
+  EXPECT_FALSE(list_->LockAndGetDeviceByUdn("uuid:a"));
+  EXPECT_THAT(Keys(list_->GetDeviceListByType("upnp:rootdevice")), IsEmpty());
+  EXPECT_TRUE(list_->MarkReady(device));
+  EXPECT_FALSE(list_->MarkReady(device));
+  EXPECT_EQ(0, log.Count("device udn matched"));
+  EXPECT_EQ(device, list_->GetDeviceByUdn("uuid:a"));
+  EXPECT_EQ(1, log.Count(4, kTag, "device udn matched"));
+  EXPECT_EQ(device, list_->LockAndGetDeviceByUdn("uuid:a"));
+  EXPECT_EQ(1, log.Count("device udn matched"));
+  EXPECT_FALSE(list_->IsDeviceAdded("uuid:"));
+  EXPECT_FALSE(list_->IsDeviceAdded("uuid:ab"));
+  EXPECT_FALSE(list_->IsDeviceAdded(""));
+}
+
+TEST_F(DeviceListTest, ADeviceThatHasLeftIsNotMadeReady) {
+  const DevicePtr device = Add("uuid:a");
+  list_->Remove(device);
+  EXPECT_FALSE(list_->MarkReady(device));
+  EXPECT_FALSE(device->services_ready);
+}
+
+TEST_F(DeviceListTest, RemovingByKeyTakesTheFirst) {
+  const DevicePtr first = Add("uuid:a");
+  const DevicePtr second = Add("uuid:a");
+  Add("uuid:b");
+  EXPECT_EQ(first, list_->IsDeviceAdded("uuid:a"));
+  EXPECT_EQ(first, list_->RemoveByUdn("uuid:a"));
+  EXPECT_EQ(second, list_->IsDeviceAdded("uuid:a"));
+  EXPECT_EQ(second, list_->RemoveByUdn("uuid:a"));
+  EXPECT_FALSE(list_->RemoveByUdn("uuid:a"));
+  EXPECT_THAT(Keys(list_->GetAllDevices()), ElementsAre("uuid:b"));
+}
+
+TEST_F(DeviceListTest, RemovingByRecordTakesEveryEntryOfIt) {
+  DevicePtr twice = Add("uuid:a");
+  list_->Add(twice);
+  const DevicePtr other = Add("uuid:a");
+  list_->Remove(twice);
+  EXPECT_FALSE(list_->IsListed(twice));
+  EXPECT_EQ(other, list_->IsDeviceAdded("uuid:a"));
+  list_->Remove(twice);
+  EXPECT_THAT(Keys(list_->GetAllDevices()), ElementsAre("uuid:a"));
+}
+
+TEST_F(DeviceListTest, TheListKeepsItsOrder) {
+  for (const char* key : {"c", "a", "b", "d"}) Add(key);
+  EXPECT_THAT(Keys(list_->GetAllDevices()), ElementsAre("c", "a", "b", "d"));
+  list_->RemoveByUdn("a");
+  Add("a");
+  EXPECT_THAT(Keys(list_->GetAllDevices()), ElementsAre("c", "b", "d", "a"));
+  list_->ClearDeviceList();
+  EXPECT_FALSE(list_->GetAllDevices());
+  EXPECT_FALSE(list_->IsDeviceAdded("c"));
+}
+
+TEST_F(DeviceListTest, AHierarchyGoesAsAWhole) {
+  const DevicePtr root = MakeDevice("root");
+  root->embedded_devices = {MakeDevice("one"), MakeDevice("two")};
+  root->embedded_devices.front()->embedded_devices = {MakeDevice("deep")};
+  DevicePtr listed = root;
+  list_->Add(listed);
+  list_->Add(root->embedded_devices.front());
+  list_->Add(root->embedded_devices.front()->embedded_devices.front());
+  Add("stranger");
+  list_->RemoveDeviceHierarchy(root);
+  EXPECT_THAT(Keys(list_->GetAllDevices()), ElementsAre("stranger"));
+}
+
+TEST_F(DeviceListTest, AnInterfaceTakesItsDevicesAndThoseOnNone) {
+  const auto on = [&](const std::string& key, const std::string& interface_name) {
+    const DevicePtr device = Add(key);
+    device->interface_name = interface_name;
+    return device;
+  };
+  const DevicePtr root = on("root", "eth0");
+  on("other", "eth1");
+  DevicePtr embedded = on("embedded", "eth0");
+  root->embedded_devices = {embedded};
+  on("nowhere", "");
+  on("alike", "eth00");
+  EXPECT_THAT(Keys(list_->RemoveAndGetDevicesByInterface("eth0")),
+              ElementsAre("root", "embedded", "nowhere"));
+  EXPECT_THAT(Keys(list_->GetAllDevices()), ElementsAre("other", "alike"));
+  const auto none = list_->RemoveAndGetDevicesByInterface("eth9");
+  ASSERT_TRUE(none);
+  EXPECT_TRUE(none->empty());
+}
+
+TEST_F(DeviceListTest, DevicesByType) {
+  AddReady("1", "urn:x-y:device:Foo:1");
+  AddReady("2", "urn:x-y:device:Foo:2");
+  AddReady("none", "urn:x-y:device:Foo:");
+  AddReady("odd", "urn:x-y:device:Foo:x");
+  AddReady("longer", "urn:x-y:device:FooBar:3");
+  Add("unready", "urn:x-y:device:Foo:3");
+  const auto keys = [&](const std::string& type) { return Keys(list_->GetDeviceListByType(type)); };
+  EXPECT_THAT(keys("urn:x-y:device:Foo:1"), ElementsAre("1", "2", "none", "odd"));
+  EXPECT_THAT(keys("urn:x-y:device:Foo:2"), ElementsAre("2", "none", "odd"));
+  EXPECT_THAT(keys("urn:x-y:device:Foo:3"), ElementsAre("none", "odd"));
+  EXPECT_THAT(keys("urn:x-y:device:Foo:"), ElementsAre("1", "2", "none", "odd"));
+  EXPECT_THAT(keys("urn:x-y:device:Foo:any"), ElementsAre("1", "2", "none", "odd"));
+  EXPECT_THAT(keys("urn:x-y:device:Fo:1"), IsEmpty());
+  EXPECT_THAT(keys("upnp:rootdevice"), ElementsAre("1", "2", "none", "odd", "longer"));
+  EXPECT_THAT(keys("ssdp:all"), IsEmpty());
+}
+
+TEST_F(DeviceListTest, EverythingIsAcceptedBeforeATypeIsEntered) {
+  EXPECT_TRUE(Accepts("urn:x-y:device:Foo:1"));
+  EXPECT_TRUE(Accepts(""));
+  LogCapture log;
+  list_->AddAcceptedDevice("upnp:rootdevice");
+  EXPECT_EQ(1, log.Count("it's root device"));
+  list_->AddAcceptedDevice("");
+  list_->AddAcceptedDevice("ssdp:all");
+  EXPECT_TRUE(Accepts("anything"));
+  EXPECT_FALSE(log.Holds("accepted device_type"));
+}
+
+TEST_F(DeviceListTest, KeptAcceptanceLooksAtTheBeginningOfAnEntryOnly) {
+  list_->AddAcceptedDevice("urn:x-y:device:FooBar:1");
+  EXPECT_TRUE(Accepts("urn:x-y:device:FooBar:1"));
+  EXPECT_TRUE(Accepts("urn:x-y:device:FooBar:3"));
+  EXPECT_TRUE(Accepts("urn:x-y:device:FooBar:12"));
+  EXPECT_TRUE(Accepts("urn:x-y:device:Foo:1"));
+  EXPECT_TRUE(Accepts("u:1"));
+  EXPECT_FALSE(Accepts("urn:x-y:device:FooBarBaz:1"));
+  EXPECT_FALSE(Accepts("urn:x-y:device:Other:1"));
+  EXPECT_FALSE(Accepts(""));
+  EXPECT_FALSE(Accepts(":1"));
+}
+
+struct TypeCase {
+  std::string type;
+  bool entered;
+};
+
+TEST_F(DeviceListTest, TypesThatAreEntered) {
+  const std::string forum = kForum;
+  const std::vector<TypeCase> cases = {
+      {forum + "MediaServer:1", true},
+      {forum + "MediaServer:12", true},
+      {forum + "Media.Server", true},
+      {forum, true},
+      {"urn:x-y:device:Foo:1", true},
+      {"urn:tolmark:device:FileTransferServer:1", true},
+      // KEPT: the bar stands in the sets as it is.
+      {"urn:a|b:device:Fo|o:1", true},
+      {"urn:x-y:device:Foo:12", false},
+      {"urn:x.y:device:Foo:1", false},
+      {"urn:schemas-example-com2:device:Foo:1", false},
+      {"urn:x-y:device:Foo", false},
+      {"urn:x-y:device:Foo:", false},
+      {"urn:x-y:device:Foo-Bar:1", false},
+      {"urn:x-y:device:Foo2:1", false},
+      {"urn:x-y:service:Foo:1", false},
+      {"urn::device:Foo:1", false},
+      {" urn:x-y:device:Foo:1", false},
+      {"urn:x-y:device:Foo:1 ", false},
+      {"URN:x-y:device:Foo:1", false},
+      {"ssdp:all", false},
+      {"uuid:1", false},
+  };
+  for (const TypeCase& row : cases) {
+    LogCapture log;
+    list_->AddAcceptedDevice(row.type);
+    EXPECT_EQ(row.entered ? 1 : 0, log.Count("accepted device_type:[" + row.type + "]"))
+        << row.type;
+  }
+}
+
+TEST_F(DeviceListTest, RegisteringForVersionOneAcceptsVersionThree) {
+  list_->AddAcceptedDevice("urn:schemas-upnp-org:device:MediaServer:1");
+  EXPECT_TRUE(Accepts("urn:schemas-upnp-org:device:MediaServer:3"));
+  EXPECT_FALSE(Accepts("urn:schemas-upnp-org:device:MediaRenderer:1"));
+}
+
+TEST_F(DeviceListTest, AsManyAsTheBoundAreListedAndNoMore) {
+  for (std::size_t i = 0; i < limits::kListedDevices; ++i) Add("uuid:" + std::to_string(i));
+  LogCapture log;
+  DevicePtr more = MakeDevice("uuid:more");
+  EXPECT_FALSE(list_->Add(more));
+  EXPECT_FALSE(list_->Add(more));
+  EXPECT_LE(log.Count(16, kTag, "Device list is full, device not listed [uuid:more]"), 1);
+  EXPECT_FALSE(list_->IsListed(more));
+  list_->RemoveByUdn("uuid:7");
+  EXPECT_TRUE(list_->Add(more));
+}
+
+TEST_F(DeviceListTest, WhatDevicesHoldIsBounded) {
+  const DevicePtr device = Add("uuid:a");
+  // The record itself takes its share.
+  EXPECT_FALSE(list_->Reserve(device, limits::kHeldDeviceBytes));
+  const std::size_t most = limits::kHeldDeviceBytes - 64 * 1024;
+  EXPECT_TRUE(list_->Reserve(device, most));
+  EXPECT_FALSE(list_->Reserve(device, 128 * 1024));
+  DevicePtr large = MakeDevice("uuid:large");
+  large->description_xml.reset(new std::string(128 * 1024, 'x'));
+  EXPECT_FALSE(list_->Add(large));
+  // It is given back when the device goes.
+  list_->Remove(device);
+  EXPECT_TRUE(list_->Add(large));
+  EXPECT_FALSE(list_->Reserve(device, 1));
+  // A description that two devices share is counted once.
+  DevicePtr embedded = MakeDevice("uuid:embedded");
+  embedded->description_xml = large->description_xml;
+  ASSERT_TRUE(list_->Add(embedded));
+  EXPECT_TRUE(list_->Reserve(embedded, limits::kHeldDeviceBytes - 192 * 1024));
+}
+
+TEST_F(DeviceListTest, LookUpsDoNotDependOnTheNumberOfDevices) {
+  for (int i = 0; i < 10000; ++i) AddReady("uuid:" + std::to_string(i));
+  const std::clock_t before = std::clock();
+  for (int i = 0; i < 10000; ++i) {
+    EXPECT_TRUE(list_->IsDeviceAdded("uuid:" + std::to_string(i)));
+    EXPECT_FALSE(list_->IsDeviceAdded("uuid:unknown" + std::to_string(i)));
+  }
+  for (int i = 0; i < 10000; ++i) list_->RemoveByUdn("uuid:" + std::to_string(i));
+  EXPECT_LT(static_cast<double>(std::clock() - before) / CLOCKS_PER_SEC, 1.0);
+}
+
+TEST_F(DeviceListTest, EqualKeysByTheThousandsAreRemovedInTime) {
+  const DevicePtr root = MakeDevice("same");
+  DevicePtr parent = root;
+  for (int i = 0; i < 10000; ++i) {
+    list_->Add(parent);
+    parent->embedded_devices = {MakeDevice("same")};
+    parent = parent->embedded_devices.front();
+  }
+  const std::clock_t before = std::clock();
+  EXPECT_EQ(10000U, list_->RemoveAndGetDevicesByInterface("eth0")->size());
+  EXPECT_LT(static_cast<double>(std::clock() - before) / CLOCKS_PER_SEC, 1.0);
+  EXPECT_FALSE(list_->GetAllDevices());
+}
+
+TEST_F(DeviceListTest, ASearchUnconfirmsReadyDevicesOfExactlyItsType) {
+  const DevicePtr first = AddReady("1", "urn:x-y:device:Foo:1");
+  const DevicePtr second = AddReady("2", "urn:x-y:device:Foo:2");
+  const DevicePtr unready = Add("3", "urn:x-y:device:Foo:1");
+  list_->ResetDeviceListValidity("urn:x-y:device:Foo:1");
+  EXPECT_FALSE(first->is_valid);
+  EXPECT_TRUE(second->is_valid);
+  EXPECT_TRUE(unready->is_valid);
+  for (const char* global : {"ssdp:all", "upnp:rootdevice"}) {
+    second->is_valid = true;
+    list_->ResetDeviceListValidity(global);
+    EXPECT_FALSE(second->is_valid) << global;
+    EXPECT_TRUE(unready->is_valid) << global;
+  }
+}
+
+TEST_F(DeviceListTest, WhoHoldsTheListMayUseItAfterItsEnd) {
+  const boost::shared_ptr<DeviceList> held = list_;
+  AddReady("uuid:a");
+  DeviceList::Terminate();
+  EXPECT_FALSE(held->LockAndGetDeviceByUdn("uuid:a"));
+  EXPECT_NE(held, DeviceList::GetInstance());
+}
+
+}  // namespace
+}  // namespace cp_discovery
+}  // namespace vex_upnp

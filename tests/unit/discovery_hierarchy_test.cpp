@@ -1,0 +1,111 @@
+#include "src/discovery_hierarchy.h"
+
+#include <gmock/gmock.h>
+
+#include <string>
+#include <vector>
+
+#include "base/limits.h"
+#include "tests/support/log_capture.h"
+
+namespace vex_upnp {
+namespace cp_discovery {
+namespace {
+
+using testing::ElementsAre;
+
+using DevicePtr = boost::shared_ptr<Device>;
+
+DevicePtr MakeDevice(const std::string& udn, const std::list<DevicePtr>& embedded = {}) {
+  DevicePtr device(new Device);
+  device->udn = udn;
+  device->embedded_devices = embedded;
+  return device;
+}
+
+class Hierarchy : public testing::Test {
+ protected:
+  ~Hierarchy() override { DeviceList::Terminate(); }
+
+  std::vector<std::string> Keys() const {
+    std::vector<std::string> keys;
+    const auto all = list_->GetAllDevices();
+    if (all) {
+      for (const DevicePtr& device : *all) keys.push_back(device->udn);
+    }
+    return keys;
+  }
+
+  const boost::shared_ptr<DeviceList> list_ = DeviceList::GetInstance();
+  std::list<DevicePtr> dropped_;
+};
+
+TEST_F(Hierarchy, EmbeddedDevicesAreCompletedFromTheirParents) {
+  DevicePtr root = MakeDevice("root+eth0", {MakeDevice("one", {MakeDevice("deep")})});
+  root->interface_ip = "10.0.0.1";
+  root->interface_name = "eth0";
+  root->ip = "10.0.0.9";
+  root->port = 80;
+  root->base_url = "http://10.0.0.9:80";
+  root->description_url = "http://10.0.0.9:80/d.xml";
+  root->url_base = "http://other/";
+  root->description_xml.reset(new std::string("<root/>"));
+  ASSERT_TRUE(ListDeviceHierarchy(*list_, root, dropped_));
+  EXPECT_THAT(Keys(), ElementsAre("root+eth0", "one+eth0", "deep+eth0"));
+  const DevicePtr deep = list_->IsDeviceAdded("deep+eth0");
+  EXPECT_EQ("10.0.0.1", deep->interface_ip);
+  EXPECT_EQ("eth0", deep->interface_name);
+  EXPECT_EQ("10.0.0.9", deep->ip);
+  EXPECT_EQ(80, deep->port);
+  EXPECT_EQ("http://10.0.0.9:80", deep->base_url);
+  EXPECT_EQ("http://10.0.0.9:80/d.xml", deep->description_url);
+  EXPECT_EQ("<root/>", *deep->description_xml);
+  // KEPT: the base of all URLs stays with the root.
+  EXPECT_EQ("", deep->url_base);
+  EXPECT_TRUE(dropped_.empty());
+}
+
+TEST_F(Hierarchy, WithoutAnInterfaceTheKeysStayBare) {
+  vex_test::LogCapture log;
+  DevicePtr root = MakeDevice("root", {MakeDevice("one", {MakeDevice("deep")})});
+  ASSERT_TRUE(ListDeviceHierarchy(*list_, root, dropped_));
+  EXPECT_THAT(Keys(), ElementsAre("root", "one", "deep"));
+  // Of the first level nothing is said.
+  EXPECT_EQ(1, log.Count(4, "VEX_CORE_CPDISCOVERY", "interface name not avaliable..NULL"));
+}
+
+TEST_F(Hierarchy, ParentsStandBeforeTheirChildrenAndSiblingsInOrder) {
+  DevicePtr root = MakeDevice(
+      "0", {MakeDevice("1", {MakeDevice("2"), MakeDevice("3")}), MakeDevice("4"), MakeDevice("5")});
+  ASSERT_TRUE(ListDeviceHierarchy(*list_, root, dropped_));
+  EXPECT_THAT(Keys(), ElementsAre("0", "1", "2", "3", "4", "5"));
+}
+
+TEST_F(Hierarchy, WhatHasNoRoomLeavesTheTree) {
+  for (std::size_t i = 3; i < limits::kListedDevices; ++i) {
+    DevicePtr filler = MakeDevice("filler");
+    ASSERT_TRUE(list_->Add(filler));
+  }
+  DevicePtr root =
+      MakeDevice("0", {MakeDevice("1", {MakeDevice("2"), MakeDevice("3")}), MakeDevice("4")});
+  ASSERT_TRUE(ListDeviceHierarchy(*list_, root, dropped_));
+  EXPECT_EQ(1U, root->embedded_devices.size());
+  EXPECT_EQ(1U, root->embedded_devices.front()->embedded_devices.size());
+  EXPECT_EQ(2U, dropped_.size());
+  DevicePtr late = MakeDevice("late");
+  EXPECT_FALSE(ListDeviceHierarchy(*list_, late, dropped_));
+}
+
+TEST_F(Hierarchy, FindsTheFirstBelowTheRoot) {
+  const DevicePtr first = MakeDevice("same");
+  const DevicePtr root =
+      MakeDevice("root", {MakeDevice("one", {first}), MakeDevice("same"), MakeDevice("last")});
+  EXPECT_EQ(first, FindEmbeddedDevice(root, "same"));
+  EXPECT_EQ(root->embedded_devices.back(), FindEmbeddedDevice(root, "last"));
+  EXPECT_FALSE(FindEmbeddedDevice(root, "root"));
+  EXPECT_FALSE(FindEmbeddedDevice(root, "none"));
+}
+
+}  // namespace
+}  // namespace cp_discovery
+}  // namespace vex_upnp
