@@ -302,7 +302,6 @@ int HTTPInfo::ReadBody(std::string& body) {
 
 // Turns the headers that are mere positions into records of their own.
 void HTTPInfo::MakeRecords() {
-  headers_.reserve(headers_.size() + header_spans_.size());
   // A failure on the way leaves every header in one list or the other.
   std::size_t done = 0;
   try {

@@ -405,14 +405,14 @@ TEST(HttpHostile, AMillionHeaders) {
 
 TEST(HttpHostile, ManyStrayLines) {
   std::string message = "GET / HTTP/1.1\r\n";
-  for (int i = 0; i < 20000; ++i) message += "a:1\r\nstray\r\n";
+  for (int i = 0; i < 200000; ++i) message += "a:1\r\nstray\r\n";
   message += "\r\n";
   InfoPtr info = boost::make_shared<HTTPInfo>();
   EXPECT_EQ(result::kOk, Feed(info, message));
   std::string value;
   EXPECT_EQ(result::kOk, info->GetHeaderValue("A", value));
   EXPECT_EQ("1stray", value);
-  EXPECT_EQ(20000U, info->GetHeaderCount());
+  EXPECT_EQ(200000U, info->GetHeaderCount());
 }
 
 TEST(HttpHostile, DatagramsThatAreNoMessages) {
