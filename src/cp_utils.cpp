@@ -1,30 +1,34 @@
 #include <vexupnpcp/cp_utils.h>
 
+#include <algorithm>
 #include <new>
-#include <utility>
-
-#include <boost/algorithm/string/find.hpp>
-#include <boost/algorithm/string/predicate.hpp>
+#include <string_view>
 
 #include <vexupnpcp/cp_discovery.h>
 #include <vexupnpcp/makedomtree.h>
 #include <vexupnpcp/result_codes.h>
 #include <vexupnpcp/string_utils.h>
+#include <vexupnpcp/xml_utils.h>
 
 #include "base/log.h"
 #include "base/number_text.h"
+#include "src/didl_properties.h"
 #include "src/request_packets.h"
+#include "xmlparser/src/dom_cursor.h"
 #include "xmlparser/src/xml_scope.h"
 
 namespace vex_upnp {
 namespace cp_utils {
 
 using log::kTagCpUtils;
+using utils::DomNode;
 using utils::NodePtr;
 using utils::NodeXml;
 using utils::XmlParser;
 
 namespace {
+
+constexpr char kTagMrcp[] = "VEX_CORE_MRCP";
 
 constexpr char kXmlDeclaration[] = "<?xml version=\"1.0\" encoding=\"utf-8\"?>\r\n";
 // SOAP 1.1, sections 3 and 5.
@@ -50,8 +54,22 @@ std::size_t FindFirstOf(const std::string& text, const char* const (&candidates)
   return std::string::npos;
 }
 
-bool HoldsIgnoringCase(const std::string& text, const std::string& piece) {
-  return piece.empty() || !boost::ifind_first(text, piece).empty();
+char LowerAscii(char character) {
+  return character >= 'A' && character <= 'Z' ? static_cast<char>(character - 'A' + 'a')
+                                              : character;
+}
+
+bool HoldsIgnoringCase(std::string_view text, std::string_view piece) {
+  const auto found = std::search(text.begin(), text.end(), piece.begin(), piece.end(),
+                                 [](char a, char b) { return LowerAscii(a) == LowerAscii(b); });
+  return found != text.end() || piece.empty();
+}
+
+// With the attribute `val` as its value, or else its text.
+CPUtilsArgument ArgumentOf(const DomNode& element) {
+  std::string_view value = utils::ElementValue(element);
+  utils::FindAttribute(element, kValueAttribute, value);
+  return CPUtilsArgument{std::string(utils::ElementName(element)), std::string(value)};
 }
 
 CPUtilsArgument ArgumentOf(NodeXml& node) {
@@ -63,20 +81,31 @@ CPUtilsArgument ArgumentOf(NodeXml& node) {
   return argument;
 }
 
-// Whether the cursor's element has children of which the first is an element.
-bool HasElementChild(XmlParser& parser) {
-  int children = 0;
+// Descends where the cursor's element begins with an element, else goes on to the next sibling.
+DomNode* DownOrOn(XmlParser& parser) {
   int first_type = 0;
-  return utils::XmlGetCurrentNodeChildCount(parser, children) == result::kYes && children > 0 &&
-         utils::XmlGetCurNodeFirstChildType(parser, first_type) == result::kYes &&
-         first_type == utils::kDomElement;
+  const bool descends = utils::XmlGetCurNodeFirstChildType(parser, first_type) == result::kYes &&
+                        first_type == utils::kDomElement;
+  return descends ? utils::MoveToChild(parser) : utils::MoveToNext(parser);
 }
 
-NodePtr DownOrOn(XmlParser& parser) {
-  return HasElementChild(parser) ? utils::ChildNode(parser) : utils::NextNode(parser);
+// One element of a fault; false when it holds a code that is no number.
+bool ReadErrorElement(std::string_view name, std::string_view value, int& code,
+                      boost::shared_ptr<std::string>& description) {
+  if (HoldsIgnoringCase(name, kErrorCode)) {
+    int number = 0;
+    if (!ToNumber(value.data(), value.size(), number)) {
+      VEX_LOG(kLogMajor, kTagCpUtils, "Input errorCode string was not valid!!!");
+      return false;
+    }
+    code = number;
+  }
+  if (HoldsIgnoringCase(name, kErrorDescription)) {
+    description.reset(new std::string(value));
+  }
+  return true;
 }
 
-// Opens a document and stands on its root. The caller logs a missing root in its own words.
 bool OpenDocument(utils::ScopedXmlParser& document, const std::string& xml) {
   if (document.Parse(xml)) return true;
   VEX_LOG(kLogMajor, kTagCpUtils, "XML Parsing Failed");
@@ -86,7 +115,7 @@ bool OpenDocument(utils::ScopedXmlParser& document, const std::string& xml) {
 }  // namespace
 
 int GenerateSoapRequestBody(const std::string& action, const std::string& service_type,
-                            std::list<CPUtilsArgument>& args, std::string& body) {
+                            std::list<CPUtilsArgument>& args, std::string& body) try {
   std::string lines;
   for (const CPUtilsArgument& argument : args) {
     if (argument.name.empty()) continue;
@@ -105,9 +134,11 @@ int GenerateSoapRequestBody(const std::string& action, const std::string& servic
   body.append("</u:").append(action).append(">\r\n");
   body.append("</s:Body>\r\n</s:Envelope>");
   return result::kOk;
+} catch (const std::bad_alloc&) {
+  return result::kFailure;
 }
 
-int GetXMLFromSoap(const std::string& soap, std::string& xml) {
+int GetXMLFromSoap(const std::string& soap, std::string& xml) try {
   const std::size_t start = FindFirstOf(soap, kBodyStarts);
   if (start == std::string::npos) {
     VEX_LOG(kLogMajor, kTagCpUtils, "Soap body start tag is not present!");
@@ -130,104 +161,109 @@ int GetXMLFromSoap(const std::string& soap, std::string& xml) {
   if (content >= end) return result::kFailure;
   xml.assign(kXmlDeclaration).append(soap, content, end - content);
   return result::kOk;
+} catch (const std::bad_alloc&) {
+  return result::kFailure;
 }
 
-int GetOutputArglist(const std::string& xml, std::list<CPUtilsArgument>& args) {
+int GetOutputArglist(const std::string& xml, std::list<CPUtilsArgument>& args) try {
   utils::ScopedXmlParser document;
   if (!OpenDocument(document, xml)) return result::kFailure;
-  utils::FirstNode(document.get());
-  NodePtr node = utils::ChildNode(document.get());
-  if (!node) {
+  utils::MoveToFirst(document.get());
+  const DomNode* node = utils::MoveToChild(document.get());
+  if (node == nullptr) {
     VEX_LOG(kLogMajor, kTagCpUtils, "GetChildNode Failed!");
     return result::kFailure;
   }
-  for (; node; node = utils::NextNode(document.get())) {
-    CPUtilsArgument argument;
-    argument.name.swap(node->name);
-    argument.value.swap(node->value);
-    args.push_back(std::move(argument));
+  for (; node != nullptr; node = utils::MoveToNext(document.get())) {
+    args.push_back(CPUtilsArgument{std::string(utils::ElementName(*node)),
+                                   std::string(utils::ElementValue(*node))});
   }
   return result::kOk;
+} catch (const std::bad_alloc&) {
+  return result::kFailure;
 }
 
-int ParseEventNotification(const std::string& xml, std::list<CPUtilsArgument>& vars) {
+int ParseEventNotification(const std::string& xml, std::list<CPUtilsArgument>& vars) try {
   utils::ScopedXmlParser document;
   if (!OpenDocument(document, xml)) return result::kFailure;
   XmlParser& parser = document.get();
-  if (!utils::FirstNode(parser)) {
+  if (utils::MoveToFirst(parser) == nullptr) {
     VEX_LOG(kLogMajor, kTagCpUtils, "ROOT node is empty in the XML");
     return result::kFailure;
   }
-  NodePtr property = utils::ChildNode(parser);
-  if (!property) return result::kFailure;
-  for (; property; property = utils::NextNode(parser)) {
+  const DomNode* property = utils::MoveToChild(parser);
+  if (property == nullptr) return result::kFailure;
+  for (; property != nullptr; property = utils::MoveToNext(parser)) {
     // KEPT: only the first variable of a property; one without a variable clears the cursor and
     // ends the walk.
-    const NodePtr variable = utils::ChildNode(parser);
-    if (!variable) break;
+    const DomNode* const variable = utils::MoveToChild(parser);
+    if (variable == nullptr) break;
     vars.push_back(ArgumentOf(*variable));
-    utils::XmlParserStepBackToParentNode(parser);
+    utils::StepBack(parser);
   }
   return result::kOk;
+} catch (const std::bad_alloc&) {
+  return result::kFailure;
 }
 
-int MakeArgumentList(NodeXml* node, XmlParser parser, std::list<CPUtilsArgument>& args) {
+int MakeArgumentList(NodeXml* node, XmlParser parser, std::list<CPUtilsArgument>& args) try {
   NodePtr current(node);
   if (!current) {
     VEX_LOG(kLogMajor, kTagCpUtils, "XML Parsing Failed");
     utils::XmlParserDestroy(parser);
     return result::kFailure;
   }
-  while (current) {
-    args.push_back(ArgumentOf(*current));
-    NodePtr next = DownOrOn(parser);
-    if (!next) {
-      utils::XmlParserStepBackToParentNode(parser);
-      if (utils::NextNode(parser)) next = utils::ChildNode(parser);
+  args.push_back(ArgumentOf(*current));
+  for (;;) {
+    const DomNode* next = DownOrOn(parser);
+    if (next == nullptr) {
+      utils::StepBack(parser);
+      if (utils::MoveToNext(parser) != nullptr) next = utils::MoveToChild(parser);
     }
-    current = std::move(next);
+    if (next == nullptr) break;
+    args.push_back(ArgumentOf(*next));
   }
   utils::XmlParserDestroy(parser);
   return result::kOk;
+} catch (const std::bad_alloc&) {
+  return result::kFailure;
 }
 
 void _Extract_ErrorDescription(XmlParser& parser, NodeXml*& node, int& code,
-                               boost::shared_ptr<std::string>& description) {
-  NodePtr current(node);
+                               boost::shared_ptr<std::string>& description) try {
+  const NodePtr first(node);
   node = nullptr;
-  for (; current; current = DownOrOn(parser)) {
-    if (HoldsIgnoringCase(current->name, kErrorCode)) {
-      int value = 0;
-      if (!ToNumber(current->value, value)) {
-        VEX_LOG(kLogMajor, kTagCpUtils, "Input errorCode string was not valid!!!");
-        return;
-      }
-      code = value;
-    }
-    if (HoldsIgnoringCase(current->name, kErrorDescription)) {
-      description.reset(new std::string(current->value));
+  if (!first || !ReadErrorElement(first->name, first->value, code, description)) return;
+  while (const DomNode* const element = DownOrOn(parser)) {
+    if (!ReadErrorElement(utils::ElementName(*element), utils::ElementValue(*element), code,
+                          description)) {
+      return;
     }
   }
+} catch (const std::bad_alloc&) {
+  // What was found so far stands.
 }
 
 int GetErrCodeDescription(const std::string& xml, int& code,
-                          boost::shared_ptr<std::string>& description) {
+                          boost::shared_ptr<std::string>& description) try {
   if (xml.empty()) {
     VEX_LOG(kLogMajor, kTagCpUtils, "GetErrCodeDescription :: xmldata is empty");
     return result::kFailure;
   }
   utils::ScopedXmlParser document;
   if (!OpenDocument(document, xml)) return result::kFailure;
-  if (!utils::FirstNode(document.get())) {
+  if (utils::MoveToFirst(document.get()) == nullptr) {
     VEX_LOG(kLogMajor, kTagCpUtils, "ROOT node is empty in the XML");
     return result::kFailure;
   }
   NodeXml* child = utils::ChildNode(document.get()).release();
   _Extract_ErrorDescription(document.get(), child, code, description);
   return description && !description->empty() ? result::kOk : result::kFailure;
+} catch (const std::bad_alloc&) {
+  return result::kFailure;
 }
 
-int GetActionName(const std::string& xml, std::string& action) {
+int GetActionName(const std::string& xml, std::string& action) try {
   static constexpr const char* kStarts[] = {"<u:", "<m:"};
   static constexpr const char* kEnds[] = {"xmlns:u", "xmlns:m"};
   static constexpr std::size_t kPrefixLength = 3;
@@ -242,9 +278,11 @@ int GetActionName(const std::string& xml, std::string& action) {
   if (name_end == std::string::npos) return result::kFailure;
   action = element.substr(0, name_end);
   return action.empty() ? result::kFailure : result::kOk;
+} catch (const std::bad_alloc&) {
+  return result::kFailure;
 }
 
-int GetServiceType(const std::string& urn, std::string& type) {
+int GetServiceType(const std::string& urn, std::string& type) try {
   static constexpr char kControlNamespace[] = "control-1-0";
   static const std::string kService = "service:";
   if (urn.find(kControlNamespace) != std::string::npos) {
@@ -268,10 +306,12 @@ int GetServiceType(const std::string& urn, std::string& type) {
   }
   type = urn.substr(start, end - start);
   return result::kOk;
+} catch (const std::bad_alloc&) {
+  return result::kFailure;
 }
 
 int GetHostAndControlUri(const std::string& udn, std::string& service_type, std::string& host,
-                         std::string& control_uri) {
+                         std::string& control_uri) try {
   cp_discovery::DetailedDeviceInfo info;
   if (cp_discovery::GetDeviceDetailInfo(udn, &info) != result::kOk) {
     VEX_LOG(kLogMajor, kTagCpUtils, "GetDeviceDetailInfo failed!");
@@ -296,6 +336,104 @@ int GetHostAndControlUri(const std::string& udn, std::string& service_type, std:
     return result::kFailure;
   }
   return result::kOk;
+} catch (const std::bad_alloc&) {
+  return result::kFailure;
+}
+
+int ValidateDIDLProperty(const std::string& tag, std::string& value) {
+  if (tag.empty()) {
+    VEX_LOG(kLogMajor, kTagCpUtils, "Invalid DIDL tag!");
+    return result::kFailure;
+  }
+  const DIDL_Property* const property = FindDidlProperty(tag);
+  if (property == nullptr) return result::kFailure;
+  const std::size_t longest = static_cast<std::size_t>(property->max_length);
+  if (value.size() >= longest) {
+    VEX_LOG(kLogStep, kTagCpUtils, "Resizing property from %d to %d",
+            static_cast<int>(value.size()), static_cast<int>(property->max_length));
+    value.resize(longest);
+  }
+  return result::kOk;
+}
+
+int EscapeMetaDataValue(const int& passes, const std::string& in, std::string& out) try {
+  if (in.empty()) {
+    out.clear();
+    return result::kOk;
+  }
+  std::string text(in);
+  for (int pass = 0; pass < passes; ++pass) {
+    out.clear();
+    if (utils::XmlEscapeValue(text, out) != result::kOk) return result::kFailure;
+    if (out == text) break;
+    text = out;
+  }
+  return result::kOk;
+} catch (const std::bad_alloc&) {
+  return result::kFailure;
+}
+
+void ResizeEscapedString(std::string& text) {
+  const std::size_t last = text.rfind('&');
+  if (last != std::string::npos && text.find(';', last) == std::string::npos) text.resize(last);
+}
+
+int ParseProtocolInfo(const std::string& info, std::string& protocol, std::string& content_format,
+                      std::string& additional_info) try {
+  const std::size_t first = info.find(':');
+  if (first == std::string::npos) return result::kNo;
+  protocol = info.substr(0, first);
+  // KEPT: without a second ":" the search goes on from the beginning, and the first field comes
+  // out once more.
+  const std::size_t second = info.find(':', first + 1);
+  const std::size_t start = second == std::string::npos ? 0 : second + 1;
+  const std::size_t third = info.find(':', start);
+  if (third == std::string::npos) return result::kNo;
+  content_format = info.substr(start, third - start);
+  additional_info = info.substr(third + 1);
+  return result::kYes;
+} catch (const std::bad_alloc&) {
+  return result::kNo;
+}
+
+int ParseProtocolInfo(const std::string& info, std::string& protocol, std::string& network,
+                      std::string& content_format, std::string& additional_info) try {
+  std::size_t start = 0;
+  for (std::string* const field : {&protocol, &network, &content_format}) {
+    const std::size_t end = info.find(':', start);
+    if (end == std::string::npos) return result::kNo;
+    *field = info.substr(start, end - start);
+    start = end + 1;
+  }
+  additional_info = info.substr(start);
+  return result::kYes;
+} catch (const std::bad_alloc&) {
+  return result::kNo;
+}
+
+int GetIPFromResource(const std::string& uri, std::string& ip) try {
+  static constexpr std::string_view kScheme("http://");
+  if (uri.compare(0, kScheme.size(), kScheme) != 0) {
+    VEX_LOG(kLogMajor, kTagCpUtils, "URI empty!!!");
+    return result::kFailure;
+  }
+  const std::size_t end = uri.find(':', kScheme.size());
+  if (end == std::string::npos) {
+    // KEPT: this one line has a tag of its own.
+    VEX_LOG(kLogMajor, kTagMrcp, "Error in the URL");
+    return result::kFailure;
+  }
+  ip = uri.substr(kScheme.size(), end - kScheme.size());
+  return result::kOk;
+} catch (const std::bad_alloc&) {
+  return result::kFailure;
+}
+
+void SetListArgument(const std::string& name, const std::string& value,
+                     std::list<CPUtilsArgument>& list) try {
+  if (!name.empty()) list.push_back(CPUtilsArgument{name, value});
+} catch (const std::bad_alloc&) {
+  // The list stays as it was.
 }
 
 }  // namespace cp_utils

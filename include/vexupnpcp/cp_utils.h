@@ -14,7 +14,8 @@
 //
 // 1. The functions hold no state: any thread may call any of them, also from inside a callback.
 // 2. 0 is success and 1 failure, except for the two ParseProtocolInfo, where 1 is success.
-// 3. A function that fails leaves its outputs as far as they were filled by then.
+// 3. A function that fails leaves its outputs as far as they were filled by then. Nothing throws;
+//    shortness of memory is a failure.
 
 namespace vex_upnp {
 namespace cp_utils {
@@ -32,7 +33,7 @@ struct CPUtilsArgument {
 /// @param args  An argument without a name is left out; values go in as they stand, escaped by the
 ///              caller (XmlEscapeValue).
 /// @param body  Receives the text.
-/// @return 0.
+/// @return 0; 1 only when memory is short.
 VEX_EXPORT int GenerateSoapRequestBody(const std::string& action, const std::string& service_type,
                                        std::list<CPUtilsArgument>& args, std::string& body);
 
@@ -132,6 +133,7 @@ VEX_EXPORT void ResizeEscapedString(std::string& text);
 /// `&apos;`, `&nbsp;` or a numeric reference of at most four characters between "&#" and ";". With
 /// other input the result is not meaningful, and the call may not return at all: a `&` in front of
 /// another letter or sign, with "&#" somewhere behind it and no ";" close by, is read for ever.
+/// `&apos;` comes out as "&;" where an `&amp;` stands close in front of it or anywhere behind it.
 /// XmlUnescapeValue of xml_utils.h takes any text.
 ///
 /// @param out  The text is appended.
@@ -142,8 +144,7 @@ VEX_EXPORT int UnescapeXmlValue(const std::string& in, std::string& out);
 /// With a single ":" in the value, `content_format` comes out as the first field and
 /// `additional_info` as the rest.
 ///
-/// @return 1 on success; 0 when the value has no first or no third ":", with what stands in front
-///         of the missing one set.
+/// @return 1 on success; 0 for a value without ":" and, with `protocol` set, for one with two.
 VEX_EXPORT int ParseProtocolInfo(const std::string& info, std::string& protocol,
                                  std::string& content_format, std::string& additional_info);
 

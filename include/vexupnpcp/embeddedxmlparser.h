@@ -59,7 +59,7 @@ enum XmlToken : int {
 /// and values are ended by NUL bytes written into the text. Structural faults are rejected; prolog,
 /// instructions, comments and CDATA sections are read past; a document type declaration is a fault,
 /// so no entity can be declared. The time is linear in the text, the stack does not grow with it.
-class VEX_EXPORT EmXmlParser {
+class EmXmlParser {
  public:
   /// Points a parser at a text.
   ///
@@ -68,27 +68,27 @@ class VEX_EXPORT EmXmlParser {
   /// @param size    Length in bytes without the NUL.
   /// @param parser  All fields are set; nodes of an earlier document are let go.
   /// @return 0; -1 for a null text or a size that is not positive, with the parser as it was.
-  static int InitializeCParser(const char* text, int size, DomParser& parser);
+  VEX_EXPORT static int InitializeCParser(const char* text, int size, DomParser& parser);
 
   /// Reads one token and sets `tokenStart` and `tokenLength`.
   /// @return an XmlToken.
-  static int NextToken(DomParser& parser);
+  VEX_EXPORT static int NextToken(DomParser& parser);
 
   /// Reads a value up to a delimiter, which is not consumed. A delimiter behind a backslash belongs
   /// to the value, unless it is the value's second character; the backslash stays.
   ///
   /// @return 8, or 13 when all of the value is white space; 0 for an empty value; -1 when the text
   ///         ends first.
-  static int NextToken2(char delimiter, DomParser& parser);
+  VEX_EXPORT static int NextToken2(char delimiter, DomParser& parser);
 
   /// Reads tokens until one is no white space.
   /// @return that token.
-  static int SkipSpaces(DomParser& parser);
+  VEX_EXPORT static int SkipSpaces(DomParser& parser);
 
   /// Reads the whole text into a tree, whose root becomes `document`.
   /// @return 0; -1 with one log line that numbers the fault. The nodes made so far stay with the
   ///         parser.
-  static int ParseXmlData(DomParser& parser);
+  VEX_EXPORT static int ParseXmlData(DomParser& parser);
 
  private:
   friend class XmlScanner;

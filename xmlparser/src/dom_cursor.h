@@ -41,6 +41,17 @@ inline std::string_view ElementValue(const DomNode& node) {
   return first != nullptr && IsNamedText(*first) ? TextOf(first->nodeValue) : std::string_view();
 }
 
+// Finds an attribute by its whole name, like XmlGetAttributeChar.
+inline bool FindAttribute(const DomNode& node, std::string_view name, std::string_view& value) {
+  for (const DomNode* attribute = node.attributes; attribute != nullptr;
+       attribute = attribute->attributes) {
+    if (Trimmed(TextOf(attribute->nodeName)) != name) continue;
+    value = Trimmed(TextOf(attribute->nodeValue));
+    return true;
+  }
+  return false;
+}
+
 // The element that can be handed out for a node. A text can't; it throws the cursor to the first
 // child of where it stood.
 inline DomNode* ElementAt(XmlParser& parser, DomNode* node) {
