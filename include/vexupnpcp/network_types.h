@@ -24,7 +24,7 @@ struct NetInfo {
   std::string subnet_mask;
 };
 
-/// One configured local endpoint.
+/// One configured local endpoint, held by boost::shared_ptr.
 struct IpInfo {
   IpInfo() = default;
   IpInfo(const std::string& local_ip, int bound_port, int asked_port, const std::string& interface)
@@ -42,8 +42,9 @@ struct IpInfo {
   std::string interface_name;
 };
 
-/// One address that IsReachable probes.
+/// One address that IsReachable probes, held by boost::shared_ptr; made by the caller.
 struct valid_address_info {
+  /// Address or name, and TCP port, to connect to.
   std::string ip;
   int port = 0;
   /// The answer: whether a TCP connection came about.
