@@ -36,9 +36,9 @@
 ///    they wait for it to end.
 /// 6. No call after the end. When `UnRegisterCP` has returned, no callback of that control point
 ///    runs or will run, and when `UnSubscribeService` has returned 0, no event of that subscription
-///    does. From inside a callback they do not wait for an event or device callback that runs beside
-///    it on another thread.
-///    When `TerminateGenericCP` has returned, no callback at all runs or will run.
+///    does. From inside a callback they do not wait for an event or device callback that runs
+///    beside it on another thread. When `TerminateGenericCP` has returned, no callback at all runs
+///    or will run.
 /// 7. Codes are those of errorcodes.h, CP_ERR_NONE (0) for success. Tests come in this order: not
 ///    initialised, null arguments, unknown handle; the first that fails decides. What a comment
 ///    names "forwarded" is a code of the layers below (result_codes.h), 1 for a plain failure.
@@ -184,9 +184,9 @@ VEX_EXPORT int InitializeGenericCP(void);
 /// @return 0; CP_ERR_NOT_INITIALIZED.
 VEX_EXPORT int TerminateGenericCP(void);
 
-/// Sets the USER-AGENT of searches, actions and subscriptions.
+/// Sets the USER-AGENT of description requests, actions and subscriptions.
 ///
-/// Works at any time; searches carry what was set before InitializeGenericCP.
+/// Works at any time; description requests carry what was set before InitializeGenericCP.
 /// @param agent  Null is ignored with a log line; empty stands for the default agent.
 VEX_EXPORT void GenericCPSetUserAgent(const char* agent);
 
