@@ -96,13 +96,16 @@ class DatagramSink : public vex_upnp::network_layer::UDPRequestListener {
 // The callback handler with its threads, until the end of the scope.
 class RunningCallbacks {
  public:
-  RunningCallbacks() : handler_(vex_upnp::network_layer::CallBackHandler::GetInstance()) {
-    handler_->StartCallbackThreads();
-  }
+  RunningCallbacks() { Begin(); }
   RunningCallbacks(const RunningCallbacks&) = delete;
   RunningCallbacks& operator=(const RunningCallbacks&) = delete;
   ~RunningCallbacks() { End(); }
 
+  void Begin() {
+    if (handler_) return;
+    handler_ = vex_upnp::network_layer::CallBackHandler::GetInstance();
+    handler_->StartCallbackThreads();
+  }
   void End() {
     if (!handler_) return;
     handler_->StopCallbackThreads();
