@@ -10,7 +10,9 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 . "$root/tools/private_net.sh"
 
 fail() { echo "demo: $*" >&2; exit 1; }
-say() { printf '\n\033[1m%s\033[0m\n' "$*"; }
+# Somebody who watches gets the time to read.
+pause() { [ ! -t 1 ] || sleep 1.5; }
+say() { pause; printf '\n\033[1m%s\033[0m\n' "$*"; }
 
 build=${VEX_BUILD_DIR:-}
 real=
@@ -47,7 +49,7 @@ wait_for_links 2 links
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 mkfifo "$work/commands"
-nsenter --net=/run/netns/devices -- "$build/vexsim" lamp renderer hub --no-announce --answers window=500 \
+nsenter --net=/run/netns/devices -- "$build/vexsim" lamp renderer hub --no-announce --answers window=800 \
   <"$work/commands" >"$work/answers" &
 exec 3>"$work/commands"
 tell() { echo "$1" >&3; }

@@ -135,7 +135,10 @@ HttpResponse Simulation::Respond(const HttpRequest& request) {
   const auto id = ToNumber<unsigned>(std::string_view(request.path).substr(1, slash - 1));
   Device* device = id ? fleet_.Find(*id) : nullptr;
   if (device == nullptr || !device->alive || device->port != request.local_port) return Status(404);
-  return RespondFor(*device, request.path.substr(slash + 1), request);
+  // A URLBase that ends in a slash and a client that adds one make two; servers take them as one.
+  const std::size_t rest = request.path.find_first_not_of('/', slash);
+  return RespondFor(*device, rest == std::string::npos ? std::string() : request.path.substr(rest),
+                    request);
 }
 
 HttpResponse Simulation::RespondFor(Device& device, const std::string& path,

@@ -69,6 +69,10 @@ class DescriptionTest(SimulatorTest):
             self.assertEqual(status, get(base + path).status, path)
         self.assertEqual(405, get(device["locations"][0], method="DELETE").status)
 
+    def test_two_slashes_count_as_one(self):
+        location = self.simulate("lamp", "--no-announce").device()["locations"][0]
+        self.assertEqual(200, get(location.replace("/1/", "/1//")).status)
+
     def test_head_gets_the_headers_only(self):
         device = self.simulate("lamp", "--no-announce").device()
         whole = get(device["locations"][0])
