@@ -87,6 +87,8 @@ class NetworkInterface : public VEXUncopyable,
   // Lets the servers follow the change, then tells the listeners on the delivery threads.
   void NotifyNICIfEvent(const NicEvent& event, const std::string& name);
   void NotifyNICEventByID(int id, std::string& name, NicEvent event);
+  // On a delivery thread: all that waits for one listener, in order.
+  void __Deliver(NetChangeListener& listener);
 
   int NotifyNICAdded(const std::string& name, const std::string& ip, const std::string& mask);
   int NotifyNICRemoved(const std::string& name);

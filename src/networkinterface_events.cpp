@@ -207,16 +207,28 @@ void NetworkInterface::NotifyNICIfEvent(const NicEvent& event, const std::string
   // Weak: an event that is never delivered keeps nothing alive.
   const boost::weak_ptr<NetworkInterface> weak_self = weak_from_this();
   for (const boost::shared_ptr<NetChangeListener>& listener : listeners_) {
-    // The id, not the listener: one that goes before its turn is skipped.
-    const int id = listener->GetID();
-    boost::asio::post(listener->strand(), [weak_self, id, name, event]() {
-      const boost::shared_ptr<NetworkInterface> self = weak_self.lock();
-      std::string copy = name;
-      if (self) self->NotifyNICEventByID(id, copy, event);
-    });
+    if (!listener->Queue(name, event)) continue;
+    const boost::weak_ptr<NetChangeListener> weak_listener = listener;
+    try {
+      boost::asio::post(*notify_io_service_.io, [weak_self, weak_listener] {
+        const boost::shared_ptr<NetworkInterface> self = weak_self.lock();
+        const boost::shared_ptr<NetChangeListener> waiting = weak_listener.lock();
+        if (self && waiting) self->__Deliver(*waiting);
+      });
+    } catch (...) {
+      listener->GiveUpDelivery();
+      throw;
+    }
   }
   VEX_LOG(kLogStep, kTag, "%u event listeners are notified!!!",
           static_cast<unsigned>(listeners_.size()));
+}
+
+void NetworkInterface::__Deliver(NetChangeListener& listener) {
+  std::string name;
+  NicEvent event = NIC_ADDED;
+  // By the id each time: a listener that goes before its turn is skipped.
+  while (listener.TakeNext(name, event)) NotifyNICEventByID(listener.GetID(), name, event);
 }
 
 void NetworkInterface::NotifyNICEventByID(int id, std::string& name, NicEvent event) {
@@ -240,7 +252,7 @@ void NetworkInterface::NotifyNICEventByID(int id, std::string& name, NicEvent ev
 int NetworkInterface::AddNetIfListener(NetworkEventListener* listener) {
   if (listener == nullptr) return -1;
   const int id = next_listener_id_++;
-  const auto entry = boost::make_shared<NetChangeListener>(id, listener, *notify_io_service_.io);
+  const auto entry = boost::make_shared<NetChangeListener>(id, listener);
   boost::lock_guard<boost::mutex> lock(listeners_mutex_);
   listeners_.push_back(entry);
   return id;
