@@ -1,4 +1,7 @@
-"""Two hosts made by tools/two_hosts: this one, and "devices", on which vexsim runs."""
+"""Two hosts made by tools/two_hosts: this one, and "devices", on which vexsim runs.
+
+A test run that was started elsewhere starts again on them.
+"""
 
 import json
 import os
@@ -6,10 +9,17 @@ import re
 import shlex
 import socket
 import subprocess
+import sys
 import time
 import unittest
 
-BINARY_DIR = os.environ.get("VEX_BINARY_DIR", "build/debug")
+ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+if "ON_DEVICES" not in os.environ:
+    TWO_HOSTS = os.path.join(ROOT, "tools", "two_hosts")
+    os.execv(TWO_HOSTS, [TWO_HOSTS, sys.executable, *sys.orig_argv[1:]])
+
+BINARY_DIR = os.path.abspath(os.environ.get("VEX_BINARY_DIR") or os.environ.get("VEX_BUILD_DIR") or
+                             os.path.join(ROOT, "build", "debug"))
 DEVICES_HOST = "10.78.0.2"
 DEVICES_HOST_2 = "10.78.1.2"
 OWN_ADDRESS = "10.78.0.1"

@@ -6,9 +6,8 @@ import tempfile
 import time
 import unittest
 
-from support import BINARY_DIR
+from support import BINARY_DIR, ROOT
 
-ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 DEMO = os.path.join(ROOT, "tools", "demo.sh")
 
 
