@@ -24,12 +24,19 @@ using log::kTagControl;
 
 constexpr char kPreconditionFailed[] = "HTTP/1.1 412 Precondition Failed";
 constexpr char kBadRequest[] = "HTTP/1.1 400 Bad Request";
-constexpr char kAccepted[] = "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\n";
-constexpr char kErrorEnd[] = "\r\nConnection: close\r\n\r\n";
+constexpr char kAccepted[] = "HTTP/1.1 200 OK";
+constexpr char kAnswerEnd[] = "\r\nConnection: close\r\n\r\n";
+
+// Null when there is no memory for it.
+std::unique_ptr<std::string> MakeAnswer(const char* status_line) try {
+  return std::unique_ptr<std::string>(new std::string(std::string(status_line) + kAnswerEnd));
+} catch (const std::bad_alloc&) {
+  return std::unique_ptr<std::string>();
+}
 
 // Uses up the session in any case; the network layer owns the text once it has taken it.
-int SendAnswer(const std::string& answer, void* session_context) {
-  std::unique_ptr<std::string> packet(new (std::nothrow) std::string(answer));
+int SendAnswer(const char* status_line, void* session_context) {
+  std::unique_ptr<std::string> packet = MakeAnswer(status_line);
   if (!packet) {
     network_layer::ReleaseSessionContext(session_context);
     return result::kFailure;
@@ -72,14 +79,13 @@ void EventCallback::OnTCPRequestReceived(boost::shared_ptr<utils::HTTPInfo> requ
     network_layer::ReleaseSessionContext(session_context);
     return;
   }
-  std::string error_line;
+  const char* error_line = kPreconditionFailed;
   try {
     error_line = __HandleEvent(*request);
   } catch (...) {
     LogCurrentException(VEX_LOG_SITE, kLogMajor, kTagControl, "Exception: %s", "Unknown Exception");
-    error_line = kPreconditionFailed;
   }
-  if (error_line.empty()) {
+  if (error_line == nullptr) {
     __SendResponse(session_context);
   } else {
     __SendErrorResponse(error_line, session_context);
@@ -88,7 +94,7 @@ void EventCallback::OnTCPRequestReceived(boost::shared_ptr<utils::HTTPInfo> requ
 
 // The first rule that fails decides. The path and the method of the request are not looked at, nor
 // is the value of SEQ: an old or repeated event is delivered like any other.
-std::string EventCallback::__HandleEvent(utils::HTTPInfo& request) {
+const char* EventCallback::__HandleEvent(utils::HTTPInfo& request) {
   std::string sid;
   if (request.GetHeaderValue("SID", sid) != result::kOk) {
     VEX_LOG(kLogMajor, kTagControl, "No SID header of event!!! ");
@@ -117,7 +123,7 @@ std::string EventCallback::__HandleEvent(utils::HTTPInfo& request) {
     VEX_LOG(kLogMajor, kTagControl, "__LookupAndNotfiy failed for event, SID=%s !!!", sid.c_str());
     return kPreconditionFailed;
   }
-  return std::string();
+  return nullptr;
 }
 
 bool EventCallback::__ValidatePacket(utils::HTTPInfo& request, std::string& nt, std::string& nts) {
@@ -181,8 +187,8 @@ void EventCallback::__SendResponse(void* session_context) {
   }
 }
 
-void EventCallback::__SendErrorResponse(const std::string& status_line, void* session_context) {
-  if (SendAnswer(status_line + kErrorEnd, session_context) != result::kOk) {
+void EventCallback::__SendErrorResponse(const char* status_line, void* session_context) {
+  if (SendAnswer(status_line, session_context) != result::kOk) {
     VEX_LOG(kLogMajor, kTagControl, "Error Event response packet sending error!!!");
   }
 }

@@ -28,13 +28,13 @@ class EventCallback : public network_layer::TCPRequestListener {
  private:
   EventCallback() = default;
 
-  // The status line of the error answer; empty for an event that has been delivered.
-  static std::string __HandleEvent(utils::HTTPInfo& request);
+  // The status line of the error answer; null for an event that has been delivered.
+  static const char* __HandleEvent(utils::HTTPInfo& request);
   static bool __ValidatePacket(utils::HTTPInfo& request, std::string& nt, std::string& nts);
   static bool __ProcessPacket(utils::HTTPInfo& request, const std::string& sid, std::string& body);
   static bool __LookupAndNotfiy(const std::string& sid, const std::string& body);
   static void __SendResponse(void* session_context);
-  static void __SendErrorResponse(const std::string& status_line, void* session_context);
+  static void __SendErrorResponse(const char* status_line, void* session_context);
 
   UseCount use_count_;
 

@@ -6,6 +6,7 @@
 #include <vexupnpcp/result_codes.h>
 #include <vexupnpcp/string_utils.h>
 
+#include "base/current_exception.h"
 #include "base/log.h"
 #include "base/singleton.h"
 #include "src/request_packets.h"
@@ -51,7 +52,7 @@ SubscribeInfoList::Pointer UnsubscribeRequestor::__AccessAndRemove(SubscribeInfo
 }
 
 int UnsubscribeRequestor::__SendPacket(SubscribeInfoList& list, const SubscribeInfo& record,
-                                       const std::string& host_header) {
+                                       const std::string& host_header) try {
   std::string sid;
   std::string event_url;
   std::string device_udn;
@@ -85,6 +86,9 @@ int UnsubscribeRequestor::__SendPacket(SubscribeInfoList& list, const SubscribeI
     return result::kFailure;
   }
   return result::kOk;
+} catch (...) {
+  LogCurrentException(VEX_LOG_SITE, kLogMajor, kTagControl, "Exception: %s", "Unknown Exception");
+  return result::kFailure;
 }
 
 }  // namespace cp_control
