@@ -327,11 +327,14 @@ void CPDiscoveryManager::CheckNowRequesting(int timer_id) {
 }
 
 void CPDiscoveryManager::LoseDevice(const std::string& udn) {
-  RemoveNowRequestingByUdn(udn);
   boost::shared_ptr<Device> removed;
-  const boost::shared_ptr<DeviceList> list = DeviceList::GetInstance();
-  boost::lock_guard<boost::recursive_mutex> lock(list->device_list_mutex);
-  removed = list->RemoveByUdn(udn);
+  {
+    const boost::shared_ptr<DeviceList> list = DeviceList::GetInstance();
+    boost::lock_guard<boost::recursive_mutex> lock(list->device_list_mutex);
+    removed = list->RemoveByUdn(udn);
+  }
+  // Behind the device: whoever is still asking for its services looks for it after each request.
+  RemoveNowRequestingByUdn(udn);
 }
 
 // KEPT: the retry of a device description has the absolute URL on its request line, the first try

@@ -99,6 +99,9 @@ class CPDiscoveryManager : public Observable {
   void RemoveNowRequestingBySessionId(const int& session_id) {
     now_requesting_.RemoveBySession(session_id);
   }
+  void RemoveNowRequesting(const boost::shared_ptr<NowRequesting>& request) {
+    now_requesting_.Remove(request);
+  }
   void RemoveNowRequestingAll() { now_requesting_.RemoveAll(); }
   // A device of which a part cannot be had leaves the list, with all its requests. It was never
   // told as added, so it goes without an event.

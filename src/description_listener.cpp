@@ -2,6 +2,7 @@
 
 #include <list>
 #include <new>
+#include <set>
 #include <utility>
 #include <vector>
 
@@ -79,6 +80,12 @@ int CollectWantedServices(const boost::shared_ptr<Device>& device,
   return result::kOk;
 }
 
+bool IsListed(const boost::shared_ptr<Device>& device) {
+  const boost::shared_ptr<DeviceList> list = DeviceList::GetInstance();
+  boost::lock_guard<boost::recursive_mutex> lock(list->device_list_mutex);
+  return list->IsListed(device);
+}
+
 // Control and event URLs are used much later; they are looked at now, so that a device whose URLs
 // cannot be right is never shown.
 const char* WhyReferenceUnusable(const std::string& reference, const Device& device) {
@@ -115,8 +122,9 @@ boost::shared_ptr<NowRequesting> MakeServiceRequest(const std::string& udn,
   }
 }
 
-int RequestService(CPDiscoveryManager& manager, const Device& device, const WantedService& service,
-                   const std::string& user_agent) {
+int RequestService(CPDiscoveryManager& manager, const boost::shared_ptr<Device>& listed,
+                   const WantedService& service, const std::string& user_agent) {
+  const Device& device = *listed;
   const std::string url = DescriptionListener::MakeServiceUrl(service.scpd_url, device);
   std::string host;
   std::string path;
@@ -139,6 +147,12 @@ int RequestService(CPDiscoveryManager& manager, const Device& device, const Want
       MakeServiceRequest(device.udn, service.service_id, path, host, port, user_agent);
   if (!request) return result::kOutOfMemory;
   if (manager.AddNowRequesting(request) != result::kOk) return result::kFailure;
+  // An answer to an earlier request may have lost the device meanwhile. A request that outlived it
+  // would keep the device from being asked for afresh.
+  if (!IsListed(listed)) {
+    manager.RemoveNowRequesting(request);
+    return result::kOk;
+  }
   manager.StartNowRequesting(request);
   const int result =
       manager.SendNowRequesting(request, packet, DescriptionListener::ExistingInstance());
@@ -197,8 +211,12 @@ Storing StoreServiceDescription(const NowRequesting& request, std::string body,
   if (device->services_ready) return Storing::kWasReady;
   if (!list->Reserve(device, body.size())) return Storing::kNoRoom;
   bool complete = true;
+  bool stored = false;
   for (const auto& service : device->services) {
-    if (service->service_id == request.service_id) service->scpd_xml.swap(body);
+    if (!stored && service->service_id == request.service_id) {
+      service->scpd_xml.swap(body);
+      stored = true;
+    }
     if (service->scpd_xml.empty()) complete = false;
   }
   return complete ? Storing::kComplete : Storing::kIncomplete;
@@ -380,8 +398,11 @@ int DescriptionListener::GetServiceDescription(CPDiscoveryManager& manager,
   // KEPT: the default agent alone counts, so with none set the header goes out empty.
   std::string user_agent = "Tolmark CP";
   manager.GetDefaultUserAgent(user_agent);
+  std::set<std::string> asked;
   for (const WantedService& service : wanted) {
-    result = RequestService(manager, *device, service, user_agent);
+    // The second of one id is a duplicate, whether or not the first has been answered by now.
+    if (!asked.insert(service.service_id).second) return result::kFailure;
+    result = RequestService(manager, device, service, user_agent);
     if (result != result::kOk) return result;
     ++requests;
   }

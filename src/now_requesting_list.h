@@ -43,6 +43,7 @@ class NowRequestingList {
   // What is removed and not held by anybody else is cancelled before these return.
   void RemoveByUdn(const std::string& udn);
   void RemoveBySession(int session_id);
+  void Remove(const Pointer& request);
   void RemoveAll();
   // From now on nothing is taken.
   void Close();

@@ -241,6 +241,25 @@ TEST_F(DiscoveryHostile, ServicesWithoutAnIdOrWithTheSameIdLoseTheDevice) {
   EXPECT_THAT(DiscoveryRig::EventLog(), ElementsAre("+uuid:root+localhost"));
 }
 
+TEST_F(DiscoveryHostile, RegressionAnEarly404LeavesNoRequestOfALaterServiceBehind) {
+  DiscoveryRig::Register("upnp:rootdevice");
+  for (int round = 0; round < 30; ++round) {
+    // The first answer is there long before the last request is out; the last one is never
+    // answered, so a request that is left behind stays.
+    FakeDevice device = Plain("uuid:a", 200);
+    const std::string url = ServeDevice(server_, "/d.xml", device);
+    server_.Serve(device.services[0].scpd_url, "", 404);
+    for (std::size_t i = 1; i < device.services.size(); ++i) {
+      server_.Hold(device.services[i].scpd_url);
+    }
+    LogCapture log;
+    DiscoveryRig::Receive(Alive("uuid:a", url));
+    ASSERT_TRUE(WaitUntil([&] { return log.Holds("Error code 404 by device uuid:a+localhost "); }));
+    ASSERT_TRUE(WaitUntil([] { return NothingInFlight("uuid:a+localhost"); })) << round;
+  }
+  EXPECT_THAT(DiscoveryRig::EventLog(), IsEmpty());
+}
+
 TEST_F(DiscoveryHostile, AsManyServicesAsTheBoundAreDescribedAndOneMoreLosesTheDevice) {
   DiscoveryRig::Register("upnp:rootdevice");
   const int bound = static_cast<int>(limits::kServicesPerDevice);
