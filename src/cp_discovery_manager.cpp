@@ -333,7 +333,7 @@ void CPDiscoveryManager::LoseDevice(const std::string& udn) {
     boost::lock_guard<boost::recursive_mutex> lock(list->device_list_mutex);
     removed = list->RemoveByUdn(udn);
   }
-  // Behind the device: whoever is still asking for its services looks for it after each request.
+  // Behind the device: whoever is still asking for its services lists no request without it.
   RemoveNowRequestingByUdn(udn);
 }
 

@@ -26,7 +26,8 @@ namespace cp_discovery {
 // The centre of discovery: the registered control points, the description requests in flight, the
 // searches and the threads that check their outcome.
 //
-// Locks, outer to inner: the observers' delivery mutex; then each of the others is a leaf.
+// Locks, outer to inner: the observers' delivery mutex; the device list's; that of the requests in
+// flight. Each of the others is a leaf.
 class CPDiscoveryManager : public Observable {
  public:
   // Made at the first use.
@@ -98,9 +99,6 @@ class CPDiscoveryManager : public Observable {
   void RemoveNowRequestingByUdn(const std::string& udn) { now_requesting_.RemoveByUdn(udn); }
   void RemoveNowRequestingBySessionId(const int& session_id) {
     now_requesting_.RemoveBySession(session_id);
-  }
-  void RemoveNowRequesting(const boost::shared_ptr<NowRequesting>& request) {
-    now_requesting_.Remove(request);
   }
   void RemoveNowRequestingAll() { now_requesting_.RemoveAll(); }
   // A device of which a part cannot be had leaves the list, with all its requests. It was never

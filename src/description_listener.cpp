@@ -80,10 +80,18 @@ int CollectWantedServices(const boost::shared_ptr<Device>& device,
   return result::kOk;
 }
 
-bool IsListed(const boost::shared_ptr<Device>& device) {
+// What became of a request that was to be listed.
+enum class Adding { kAdded, kDeviceGone, kRefused };
+
+// One step with the look at the device: whoever takes a device out of the list cancels its requests
+// afterwards, so none may come in behind that. A request that outlived its device would keep it
+// from being asked for afresh.
+Adding AddRequest(CPDiscoveryManager& manager, const boost::shared_ptr<Device>& device,
+                  const boost::shared_ptr<NowRequesting>& request) {
   const boost::shared_ptr<DeviceList> list = DeviceList::GetInstance();
   boost::lock_guard<boost::recursive_mutex> lock(list->device_list_mutex);
-  return list->IsListed(device);
+  if (!list->IsListed(device)) return Adding::kDeviceGone;
+  return manager.AddNowRequesting(request) == result::kOk ? Adding::kAdded : Adding::kRefused;
 }
 
 // Control and event URLs are used much later; they are looked at now, so that a device whose URLs
@@ -146,13 +154,9 @@ int RequestService(CPDiscoveryManager& manager, const boost::shared_ptr<Device>&
   const boost::shared_ptr<NowRequesting> request =
       MakeServiceRequest(device.udn, service.service_id, path, host, port, user_agent);
   if (!request) return result::kOutOfMemory;
-  if (manager.AddNowRequesting(request) != result::kOk) return result::kFailure;
-  // An answer to an earlier request may have lost the device meanwhile. A request that outlived it
-  // would keep the device from being asked for afresh.
-  if (!IsListed(listed)) {
-    manager.RemoveNowRequesting(request);
-    return result::kOk;
-  }
+  const Adding adding = AddRequest(manager, listed, request);
+  if (adding == Adding::kDeviceGone) return result::kOk;
+  if (adding == Adding::kRefused) return result::kFailure;
   manager.StartNowRequesting(request);
   const int result =
       manager.SendNowRequesting(request, packet, DescriptionListener::ExistingInstance());

@@ -36,8 +36,8 @@ class DeviceList : private VEXUncopyable {
   static void Terminate();
   ~DeviceList() override = default;
 
-  // A leaf: nothing is called under it but this class. Recursive, so that several operations make
-  // one step.
+  // Under it nothing is called but this class, and the list of requests in flight. Recursive, so
+  // that several operations make one step.
   boost::recursive_mutex device_list_mutex;
 
   // Takes the mutex itself.

@@ -121,12 +121,6 @@ void NowRequestingList::RemoveBySession(int session_id) {
   if (entry != entries_.end()) removed = Unlink(entry);
 }
 
-void NowRequestingList::Remove(const Pointer& request) {
-  Pointer removed;
-  boost::lock_guard<boost::mutex> lock(mutex_);
-  if (Find(request) != nullptr) removed = Unlink(entries_.find(KeyOf(*request)));
-}
-
 void NowRequestingList::RemoveAll() {
   Entries removed;
   std::unordered_map<int, Pointer> filed_by_session;

@@ -43,7 +43,6 @@ class NowRequestingList {
   // What is removed and not held by anybody else is cancelled before these return.
   void RemoveByUdn(const std::string& udn);
   void RemoveBySession(int session_id);
-  void Remove(const Pointer& request);
   void RemoveAll();
   // From now on nothing is taken.
   void Close();
@@ -68,7 +67,7 @@ class NowRequestingList {
   Pointer Unlink(Entries::iterator entry) VEX_REQUIRES(mutex_);
   void FileSession(const Pointer& request, int session_id);
 
-  // A leaf, but for Timer::Start, which never waits.
+  // Inner to the device list's. A leaf, but for Timer::Start, which never waits.
   boost::mutex mutex_;
   boost::condition_variable send_done_;
   Entries entries_ VEX_GUARDED_BY(mutex_);

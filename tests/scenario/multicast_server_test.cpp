@@ -188,12 +188,12 @@ TEST_F(MulticastServerTest, StopOfAServerThatNeverRanIsLoggedAndGoesOn) {
 
 TEST_F(MulticastServerTest, StoppedServerMayBeStartedAgain) {
   const boost::shared_ptr<MulticastServer> server = Server(first_);
+  const int open = vex_test::DescriptorCount();
   for (int i = 0; i < 3; ++i) {
     EXPECT_EQ(0, server->Start());
     EXPECT_TRUE(Hears(first_));
     server->Stop();
   }
-  const int open = vex_test::DescriptorCount();
   EXPECT_EQ(0, server->Start());
   EXPECT_EQ(0, server->Start());
   EXPECT_TRUE(Hears(first_));

@@ -90,18 +90,6 @@ TEST(NowRequestingList, RemovingADeviceTakesAllItsRequestsAndNoOthers) {
   EXPECT_EQ(1, other.use_count());
 }
 
-TEST(NowRequestingList, RemovingOneRequestTakesExactlyThatOne) {
-  NowRequestingList list;
-  const Request listed = ForService("uuid:a", "one");
-  ASSERT_EQ(0, list.Add(listed));
-  // An equal key is not enough.
-  list.Remove(ForService("uuid:a", "one"));
-  EXPECT_EQ(2, listed.use_count());
-  list.Remove(listed);
-  EXPECT_EQ(1, listed.use_count());
-  list.Remove(listed);
-}
-
 TEST(NowRequestingList, TakesAsManyAsTheBound) {
   NowRequestingList list;
   const int bound = static_cast<int>(limits::kDescriptionRequests);
