@@ -54,20 +54,29 @@ nsenter --net=/run/netns/devices -- "$build/vexsim" lamp renderer hub --no-annou
 exec 3>"$work/commands"
 tell() { echo "$1" >&3; }
 
+# Prints what the watcher has written since the last look.
+shown=0
+show_watch() {
+  local lines
+  lines=$(wc -l <"$work/watch")
+  [ "$lines" = "$shown" ] || sed -n "$((shown + 1)),${lines}p" "$work/watch"
+  shown=$lines
+}
+
 # wait_for TEXT: until the watcher has written it, at most 10 seconds.
 wait_for() {
   for _ in $(seq 200); do
-    grep -q -- "$1" "$work/watch" 2>/dev/null && return
+    show_watch
+    if head -n "$shown" "$work/watch" | grep -q -- "$1"; then return; fi
     sleep 0.05
   done
-  cat "$work/watch" >&2
   fail "\"$1\" did not happen"
 }
 
 say "\$ vexcp discover --watch          (who comes and goes)"
+: >"$work/watch"
 "$build/vexcp" discover --watch >"$work/watch" &
 watcher=$!
-tail -n +1 -f "$work/watch" 2>/dev/null --pid=$watcher &
 wait_for "+ Lamp  DimmableLight:1"
 wait_for "+ Renderer  MediaRenderer:1"
 wait_for "+ Hub  Basic:1"
