@@ -287,7 +287,7 @@ TEST_F(DiscoveryDescription, AnswersWithoutADescriptionLeaveNoTraceButTheirLine)
       {"the reason", "HTTP/1.1 200 Because\r\nContent-Length: 0\r\n\r\n",
        "Reason => HTTP/1.1 200 Because"},
       {"a NUL in the body",
-       std::string("HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\n<r>\0</r>\n", 48), "body is NONE"},
+       std::string("HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\n<r>\0</r>\n", 47), "body is NONE"},
       {"no XML", "HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhello", "MakeDeviceInfo failed"},
       {"a fault", "HTTP/1.1 500 Internal\r\nContent-Length: 2\r\n\r\n<a", nullptr},
       {"a redirection", "HTTP/1.1 301 Moved\r\nContent-Length: 2\r\n\r\n<a", nullptr},
