@@ -135,9 +135,6 @@ dev_check() {
   say "headers"; tools/check_headers
   say "format";  check_format
   check_symbols
-  say "second compiler"
-  build clang all
-  check_tidy
   local sanitizer
   for sanitizer in asan tsan; do
     build "$sanitizer" unit_tests scenario_tests -- -DVEX_BUILD_APPS=OFF
@@ -154,8 +151,10 @@ our_sources() {
 check_format() { our_sources | xargs "$(tool clang-format)" --dry-run --Werror; }
 dev_format() { need clang-format-14; our_sources | xargs "$(tool clang-format)" -i; }
 
-# Tidy looks at the library's own sources.
-check_tidy() {
+# The library's own sources under the second compiler, with its lock analysis, and under clang-tidy.
+dev_tidy() {
+  need $BUILD_PACKAGES $PROGRAM_PACKAGES $TEST_PACKAGES $CHECK_PACKAGES
+  build clang vex_objects
   say "tidy"
   git ls-files 'base/*.cpp' 'src/*.cpp' 'string/*.cpp' 'timer/*.cpp' 'httpparser/*.cpp' 'xmlparser/*.cpp' 'file_io/*.cpp' |
     grep -v 'base/asio_impl.cpp' |
