@@ -99,7 +99,8 @@ dev_test() {
   fi
   run_tests debug
   say "program tests"
-  VEX_BUILD_DIR=$PWD/build/debug python3 -m unittest discover -s tests/programs
+  VEX_BUILD_DIR=$PWD/build/debug VEX_BINARY_DIR=$PWD/build/debug \
+    python3 -m unittest discover -s tests/programs
   say "foreign programs against the installed library"
   tests/consumer/run.sh build/debug
   if [ "$(id -u)" = 0 ]; then
