@@ -42,10 +42,13 @@ bool ThreadNamePrefix(std::string& prefix) {
 boost::thread* StartNamedThread(const std::string& name, std::function<void()> body) {
   boost::thread::attributes attributes;
   attributes.set_stack_size(limits::kThreadStack);
-  std::unique_ptr<boost::thread> thread(new boost::thread(attributes, [run = std::move(body)] {
-    on_library_thread = true;
-    run();
-  }));
+  std::unique_ptr<boost::thread> thread(
+      new boost::thread(attributes, [name, run = std::move(body)] {
+        // Here as well as below: the body sees its name, and so does whoever gets the thread.
+        pthread_setname_np(pthread_self(), name.c_str());
+        on_library_thread = true;
+        run();
+      }));
   pthread_setname_np(thread->native_handle(), name.c_str());
   return thread.release();
 }
