@@ -7,3 +7,9 @@ foreach(source ${VEX_FUZZ_SOURCES})
   target_link_options(${name} PRIVATE -fsanitize=fuzzer)
   target_link_libraries(${name} PRIVATE vex_testable vex_flags)
 endforeach()
+
+if(TARGET fuzz_xml)
+  # What the parser is compared with.
+  find_package(EXPAT REQUIRED)
+  target_link_libraries(fuzz_xml PRIVATE EXPAT::EXPAT)
+endif()
