@@ -73,6 +73,12 @@ wait_for() {
   fail "\"$1\" did not happen"
 }
 
+# A search that goes out before the devices listen is lost.
+for _ in $(seq 200); do
+  grep -q '^ready' "$work/answers" && break
+  sleep 0.05
+done
+
 say "\$ vexcp discover --watch          (who comes and goes)"
 : >"$work/watch"
 "$build/vexcp" discover --watch >"$work/watch" &
