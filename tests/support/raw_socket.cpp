@@ -85,6 +85,18 @@ std::string TcpClient::ReadToEnd() {
   return all;
 }
 
+std::string TcpClient::ReadBytes(std::size_t count) {
+  std::string bytes(count, '\0');
+  std::size_t have = 0;
+  while (have < count && Readable(descriptor_)) {
+    const ssize_t got = recv(descriptor_, &bytes[have], count - have, 0);
+    if (got <= 0) break;
+    have += static_cast<std::size_t>(got);
+  }
+  bytes.resize(have);
+  return bytes;
+}
+
 bool TcpClient::PeerCloses() {
   char byte = 0;
   return Readable(descriptor_) && recv(descriptor_, &byte, 1, 0) <= 0;

@@ -26,6 +26,8 @@ class TcpClient {
   bool Send(const std::string& data);
   // Everything up to the peer's end or reset; what has come by then when nothing comes for 20 s.
   std::string ReadToEnd();
+  // As many bytes; fewer when the peer ends or nothing comes for 20 s.
+  std::string ReadBytes(std::size_t count);
   // Whether the peer has closed; waits for it.
   bool PeerCloses();
   // Whether the connection is open and silent now.
