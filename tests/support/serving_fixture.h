@@ -24,7 +24,8 @@ class ServingTest : public testing::Test {
     vex_upnp::network_layer::NotifyNICAdded("serve0", ip_, "255.0.0.0");
     EXPECT_EQ(vex_upnp::result::kOk, vex_upnp::streaming::InitializeStreamingManager());
   }
-  ~ServingTest() override {
+  // Nothing of the test is called or read any more when its members go.
+  void TearDown() override {
     vex_upnp::streaming::FreeServerInfoList(servers_);
     EXPECT_EQ(vex_upnp::result::kOk, vex_upnp::streaming::TerminateStreamingManager());
   }
