@@ -292,8 +292,11 @@ json Commands::Events(const Words& words) {
       options.late = Milliseconds(Count(pair));
     } else if (pair.key == "timeout") {
       options.timeout_s = Count(pair);
+    } else if (pair.key == "merged" || pair.key == "apart") {
+      options.merged = pair.key == "merged";
     } else {
-      throw std::runtime_error("events knows before, after, never, late=MS and timeout=SECONDS");
+      throw std::runtime_error(
+          "events knows before, after, never, late=MS, merged, apart and timeout=SECONDS");
     }
   }
   return json{{"subscriptions", simulation_.services().events().Count()}};
@@ -310,6 +313,7 @@ json Commands::Stats(const Words& words) {
               {"service_descriptions", statistics.service_descriptions},
               {"actions", statistics.actions},
               {"subscriptions", statistics.subscriptions},
+              {"renewals", statistics.renewals},
               {"events", statistics.events}};
   if (words.size() > 1 && words[1] == "reset") statistics = Statistics();
   return answer;

@@ -21,12 +21,15 @@ HttpResponse Status(int status) {
   return response;
 }
 
-std::string PropertySet(const Properties& properties) {
+std::string PropertySet(const Properties& properties, bool merged) {
   std::string body =
       "<?xml version=\"1.0\"?>\n<e:propertyset xmlns:e=\"urn:schemas-upnp-org:event-1-0\">\n";
+  const std::string begin = "<e:property>", end = "</e:property>\n";
+  if (merged) body += begin;
   for (const auto& [name, value] : properties)
-    body += "<e:property><" + name + ">" + EscapeXml(value) + "</" + name + "></e:property>\n";
-  return body + "</e:propertyset>\n";
+    body += (merged ? "" : begin) + "<" + name + ">" + EscapeXml(value) + "</" + name + ">" +
+            (merged ? "" : end);
+  return body + (merged ? end : "") + "</e:propertyset>\n";
 }
 
 std::string NewSid(std::uint64_t number) {
@@ -111,7 +114,9 @@ EventServer::Subscription* EventServer::Find(const ServiceKey& service,
 
 HttpResponse EventServer::Renew(const ServiceKey& service, const HttpRequest& request) {
   Subscription* subscription = Find(service, request);
-  return subscription == nullptr ? Status(kPreconditionFailed) : Granted(*subscription, request);
+  if (subscription == nullptr) return Status(kPreconditionFailed);
+  ++statistics_.renewals;
+  return Granted(*subscription, request);
 }
 
 HttpResponse EventServer::Unsubscribe(const ServiceKey& service, const HttpRequest& request) {
@@ -143,8 +148,8 @@ void EventServer::Publish(const ServiceKey& service, const Properties& propertie
 }
 
 void EventServer::Enqueue(Subscription& subscription, const Properties& properties) {
-  subscription.queue.push_back(
-      NotifyRest(subscription.sid, subscription.sequence, PropertySet(properties)));
+  subscription.queue.push_back(NotifyRest(subscription.sid, subscription.sequence,
+                                          PropertySet(properties, options_.merged)));
   // 0 belongs to the first event only.
   if (++subscription.sequence == 0) subscription.sequence = 1;
   if (!subscription.sending) SendNext(subscription.sid);

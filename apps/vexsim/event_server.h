@@ -28,6 +28,8 @@ struct EventOptions {
   Milliseconds late{0};
   // Longest time granted, in seconds.
   unsigned timeout_s = 1800;
+  // All variables in one property, as some devices have them.
+  bool merged = false;
 };
 
 // Subscriptions to the services of all devices, and their events (GENA).

@@ -2,6 +2,7 @@
 #include <nlohmann/json.hpp>
 
 #include "behaviour.h"
+#include "search_criteria.h"
 #include "text.h"
 #include "upnp_errors.h"
 #include "xml.h"
@@ -49,7 +50,38 @@ class Content {
     return children;
   }
 
+  // Everything below a container for which the filter holds, in the order of the file.
+  std::vector<const MediaObject*> Matching(const std::string& container,
+                                           const SearchFilter& filter) const {
+    std::vector<const MediaObject*> matching;
+    for (const MediaObject& object : objects_)
+      if (IsBelow(object, container) &&
+          filter([&object](const std::string& name) { return Property(object, name); }))
+        matching.push_back(&object);
+    return matching;
+  }
+
  private:
+  bool IsBelow(const MediaObject& object, const std::string& container) const {
+    const MediaObject* at = &object;
+    for (std::size_t steps = 0; at != nullptr && steps < objects_.size(); ++steps) {
+      if (at->parent == container) return true;
+      at = Find(at->parent);
+    }
+    return false;
+  }
+
+  static std::optional<std::string> Property(const MediaObject& object, const std::string& name) {
+    const std::pair<const char*, const std::string&> known[] = {{"@id", object.id},
+                                                                {"@parentID", object.parent},
+                                                                {"dc:title", object.title},
+                                                                {"upnp:class", object.upnp_class},
+                                                                {"upnp:artist", object.artist}};
+    for (const auto& [property, value] : known)
+      if (name == property && !value.empty()) return value;
+    return std::nullopt;
+  }
+
   static const std::string* FindIn(const DeviceFolder& folder) {
     for (const auto& [path, document] : folder.documents)
       if (path.size() >= sizeof(kContentFile) - 1 &&
@@ -113,16 +145,11 @@ std::string Didl(const MediaObject& object, const Content& content, const std::s
   return text + "</" + element + ">";
 }
 
-int Browse(ActionCall& call) {
-  const ActionRequest& request = call.request;
-  const Content& content = ContentOf(call.device);
-  const MediaObject* object = content.Find(request.Argument("ObjectID"));
-  if (object == nullptr) return kNoSuchObject;
-  const auto first = ToNumber<std::size_t>(request.Argument("StartingIndex")).value_or(0);
-  const auto asked = ToNumber<std::size_t>(request.Argument("RequestedCount")).value_or(0);
-  std::vector<const MediaObject*> matches{object};
-  if (request.Argument("BrowseFlag") == "BrowseDirectChildren")
-    matches = content.Children(object->id);
+// Puts the wanted page of all matches into the results.
+int Answer(ActionCall& call, const Content& content,
+           const std::vector<const MediaObject*>& matches) {
+  const auto first = ToNumber<std::size_t>(call.request.Argument("StartingIndex")).value_or(0);
+  const auto asked = ToNumber<std::size_t>(call.request.Argument("RequestedCount")).value_or(0);
   std::string didl =
       "<DIDL-Lite xmlns=\"urn:schemas-upnp-org:metadata-1-0/DIDL-Lite/\" "
       "xmlns:dc=\"http://purl.org/dc/elements/1.1/\" "
@@ -139,10 +166,30 @@ int Browse(ActionCall& call) {
   return 0;
 }
 
+int Browse(ActionCall& call) {
+  const Content& content = ContentOf(call.device);
+  const MediaObject* object = content.Find(call.request.Argument("ObjectID"));
+  if (object == nullptr) return kNoSuchObject;
+  std::vector<const MediaObject*> matches{object};
+  if (call.request.Argument("BrowseFlag") == "BrowseDirectChildren")
+    matches = content.Children(object->id);
+  return Answer(call, content, matches);
+}
+
+int Search(ActionCall& call) {
+  const Content& content = ContentOf(call.device);
+  const MediaObject* container = content.Find(call.request.Argument("ContainerID"));
+  if (container == nullptr || !container->file.empty()) return kNoSuchContainer;
+  const auto filter = ParseSearchCriteria(call.request.Argument("SearchCriteria"));
+  if (!filter) return kInvalidSearchCriteria;
+  return Answer(call, content, content.Matching(container->id, *filter));
+}
+
 }  // namespace
 
 void AddMediaServerBehaviours(Behaviours& behaviours) {
   behaviours["ContentDirectory.Browse"] = Browse;
+  behaviours["ContentDirectory.Search"] = Search;
 }
 
 }  // namespace vexsim

@@ -39,7 +39,7 @@ Commands, one a line, on standard input or on the control socket; each gets one 
   action PATTERN error=CODE [description=TEXT] [times=N]
                                     calls like "1/SwitchPower.*" get this UPnP error
   action clear                      as before
-  events [before|after|never|late=MS] [timeout=SECONDS]
+  events [before|after|never|late=MS] [merged|apart] [timeout=SECONDS]
                                     when a new subscriber gets its first event, against the answer;
                                     the longest time granted; answers how many subscriptions there are
   interfaces                        look for new interfaces

@@ -16,6 +16,7 @@ struct Statistics {
   std::uint64_t service_descriptions = 0;
   std::uint64_t actions = 0;
   std::uint64_t subscriptions = 0;
+  std::uint64_t renewals = 0;
   std::uint64_t events = 0;
 };
 

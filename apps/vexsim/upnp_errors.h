@@ -15,7 +15,9 @@ constexpr int kTransitionNotAvailable = 701;
 constexpr int kNoSuchObject = 701;
 constexpr int kRenderingInvalidInstance = 702;
 constexpr int kInvalidConnection = 706;
+constexpr int kInvalidSearchCriteria = 708;
 constexpr int kSeekModeNotSupported = 710;
+constexpr int kNoSuchContainer = 710;
 constexpr int kIllegalSeekTarget = 711;
 constexpr int kTransportInvalidInstance = 718;
 
@@ -35,8 +37,10 @@ inline std::string ErrorText(int code) {
       return "Not available now, or no such object";
     case kInvalidConnection:
       return "Invalid connection reference";
+    case kInvalidSearchCriteria:
+      return "Unsupported or invalid search criteria";
     case kSeekModeNotSupported:
-      return "Seek mode not supported";
+      return "Seek mode not supported, or no such container";
     case kIllegalSeekTarget:
       return "Illegal seek target";
     case kRenderingInvalidInstance:

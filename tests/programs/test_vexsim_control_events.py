@@ -82,8 +82,10 @@ class Subscriber:
                     body += connection.recv(65536)
                 connection.sendall(b"HTTP/1.1 %d Status\r\nConnection: close\r\n\r\n"
                                    % self.status)
-            message.properties = {child.tag: child.text or "" for property_ in
-                                  ElementTree.fromstring(body) for child in property_}
+            property_set = ElementTree.fromstring(body)
+            message.property_count = len(property_set)
+            message.properties = {child.tag: child.text or "" for property_ in property_set
+                                  for child in property_}
             message.time = time.monotonic()
             self.events.append(message)
 
@@ -216,6 +218,45 @@ class ActionTest(SimulatorTest):
                           BrowseFlag="BrowseMetadata", Filter="*", StartingIndex=0,
                           RequestedCount=0, SortCriteria="")
 
+    def search(self, server, criteria, container="0", first=0, count=0):
+        results = call(server, CONTENT, "Search", ContainerID=container, SearchCriteria=criteria,
+                       Filter="*", StartingIndex=first, RequestedCount=count, SortCriteria="")
+        return results["TotalMatches"], [child.get("id") for child in
+                                         ElementTree.fromstring(results["Result"])]
+
+    def test_a_media_server_is_searched(self):
+        server = self.simulate("mediaserver", "--no-announce").device()
+        for criteria, expected in (
+                ('upnp:class derivedfrom "object.item.imageItem"', ["icon"]),
+                ('upnp:class derivedfrom "object.item.imageIte"', []),
+                ('dc:title contains "MUSIC"', ["music"]),
+                ('dc:title = "Tone & t\u00e9 <1>"', ["tone"]),
+                ('upnp:artist = "Sine \\"&\\" Wave"', ["tone"]),
+                ('upnp:artist exists true', ["tone"]),
+                ('dc:title = "Icon" or dc:title = "Music" and @id = "none"', ["icon"]),
+                ('(dc:title = "Icon" or dc:title = "Music") and @id != "icon"', ["music"]),
+                ('dc:title doesNotContain "tone" and upnp:artist exists false',
+                 ["music", "pictures", "icon"])):
+            self.assertEqual((str(len(expected)), expected), self.search(server, criteria),
+                             criteria)
+        self.assertEqual("1005", self.search(server, "*")[0])
+        self.assertEqual(("1", ["icon"]), self.search(server, "*", container="pictures"))
+        self.assertEqual(("1000", ["tone-999", "tone-1000"]),
+                         self.search(server, 'dc:title contains "tone"', container="many",
+                                     first=998, count=10))
+
+    def test_improper_searches_are_refused(self):
+        server = self.simulate("mediaserver", "--no-announce").device()
+        for criteria in ("", "dc:title", 'dc:title like "x"', 'dc:title = x', 'dc:title = "x',
+                         '(dc:title = "x"', 'dc:title = "x")', 'dc:title = "x" and', "* or *"):
+            with self.assertRaises(UpnpError, msg=criteria) as raised:
+                self.search(server, criteria)
+            self.assertEqual(708, raised.exception.code)
+        for container in ("none", "tone"):
+            with self.assertRaises(UpnpError) as raised:
+                self.search(server, "*", container=container)
+            self.assertEqual(710, raised.exception.code)
+
     def test_actions_fail_on_command(self):
         simulator = self.simulate("lamp", "--no-announce")
         lamp = simulator.device()
@@ -315,6 +356,7 @@ class EventTest(SimulatorTest):
         subscriber.wait(1)
         renewed = subscribe(lamp, "SwitchPower", timeout="Second-60", extra=sid)
         self.assertEqual((200, "Second-60"), (renewed.status, renewed.message["TIMEOUT"]))
+        self.assertEqual(1, simulator.do("stats")["renewals"])
         self.assertEqual(412, subscribe(lamp, "Dimming", extra=sid).status)
         url = base_of(lamp) + "/event/SwitchPower"
         self.assertEqual(200, get(url, method="UNSUBSCRIBE", headers=sid).status)
@@ -323,6 +365,17 @@ class EventTest(SimulatorTest):
         simulator.do("set 1 SwitchPower.Status 1")
         self.assertEqual(0, simulator.do("events")["subscriptions"])
         self.assertEqual(1, len(subscriber.events))
+
+    def test_all_variables_come_in_one_property_on_request(self):
+        simulator = self.simulate("lamp", "--no-announce")
+        simulator.do("events merged")
+        subscriber = self.subscriber()
+        subscribe(simulator.device(), "Dimming", subscriber.url)
+        first, = subscriber.wait(1)
+        self.assertEqual((1, 5), (first.property_count, len(first.properties)))
+        simulator.do("events apart")
+        subscribe(simulator.device(), "Dimming", subscriber.url)
+        self.assertEqual(5, subscriber.wait(2)[1].property_count)
 
     def test_a_subscription_lapses(self):
         simulator = self.simulate("lamp", "--no-announce")
