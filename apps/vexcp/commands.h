@@ -31,6 +31,9 @@ void AddCommonOptions(CLI::App& command, CommonOptions& options, const std::stri
 void AddDiscoverCommand(CLI::App& app, Run& run);
 void AddInfoCommand(CLI::App& app, Run& run);
 void AddScpdCommand(CLI::App& app, Run& run);
+void AddCallCommand(CLI::App& app, Run& run);
+void AddEventsCommand(CLI::App& app, Run& run);
+void AddBrowseCommand(CLI::App& app, Run& run);
 
 // "MediaRenderer" and "MediaRenderer:2" for types of the UPnP Forum, "all", or the whole type.
 std::string ExpandType(const std::string& word);

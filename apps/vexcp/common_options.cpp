@@ -9,8 +9,10 @@ StartOptions CommonOptions::Start() const {
 }
 
 void AddCommonOptions(CLI::App& command, CommonOptions& options, const std::string& wait_help) {
-  command.add_option("-i,--interface", options.interfaces,
-                     "interface to work on, may be given again; default all");
+  command
+      .add_option("-i,--interface", options.interfaces,
+                  "interface to work on, may be given again; default all")
+      ->allow_extra_args(false);
   command.add_flag("--json", options.json, "JSON instead of text");
   command.add_option("--wait", options.wait_s, wait_help)
       ->check(CLI::Range(0U, 86400U))

@@ -45,7 +45,7 @@ std::string NotStarted(const char* step, int code) {
 
 ControlPoint* ControlPoint::current_ = nullptr;
 
-ControlPoint::ControlPoint(const StartOptions& options) : types_(options.types) {
+ControlPoint::ControlPoint(const StartOptions& options) : types_(options.types), caller_(events_) {
   current_ = this;
   try {
     StartFramework(options);
@@ -64,8 +64,9 @@ void ControlPoint::StartFramework(const StartOptions& options) {
     throw Failure(kNotStarted, NotStarted("InitFrameworkCore", code));
   framework_started_ = true;
   // A port of this program's own for the answers to searches: two programs on one port would take
-  // each other's. Events come by TCP, which no command needs yet.
-  if (const int code = fw::ConfigureServers(0, kSsdpPort, FreeUdpPort(), false); code != 0)
+  // each other's. TCP is for events only.
+  const int event_port = options.receive_events ? FreeTcpPort() : 0;
+  if (const int code = fw::ConfigureServers(event_port, kSsdpPort, FreeUdpPort(), false); code != 0)
     throw Failure(kNotStarted, NotStarted("ConfigureServers", code));
   fw::StartFrameworkCore();
   if (const int code = fw::StartNetworkMonitor(); code != 0)
@@ -105,12 +106,17 @@ void ControlPoint::Stop() {
 
 void ControlPoint::OnDevice(int event, CPDeviceInfo* device) {
   current_->events_.Push(
-      {event == kDeviceAdded ? DeviceEvent::Kind::kAdded : DeviceEvent::Kind::kRemoved, device->udn,
-       device->friendly_name, device->device_type});
+      {event == kDeviceAdded ? DeviceEvent::Kind::kAdded : DeviceEvent::Kind::kRemoved,
+       device->udn,
+       device->friendly_name,
+       device->device_type,
+       0,
+       0,
+       {}});
 }
 
 void ControlPoint::OnNetworkChanged(std::string&, net::NicEvent) {
-  events_.Push({DeviceEvent::Kind::kInterfacesChanged, {}, {}, {}});
+  events_.Push({DeviceEvent::Kind::kInterfacesChanged, {}, {}, {}, 0, 0, {}});
 }
 
 std::vector<DeviceRecord> ControlPoint::Devices(const std::string& type) {

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "action_caller.h"
 #include "device_record.h"
 #include "event_queue.h"
 
@@ -20,6 +21,8 @@ struct StartOptions {
   std::vector<std::string> interfaces;
   // Device types as the library takes them; at least one.
   std::vector<std::string> types{kAllDevices};
+  // Whether subscriptions will be made.
+  bool receive_events = false;
 };
 
 // The library, started and with one control point registered, for as long as this object lives.
@@ -44,6 +47,12 @@ class ControlPoint : private vex_upnp::network_layer::NetworkEventListener {
   void Rescan();
   // Waits until the device that the user means is ready. Throws Failure when it does not come.
   DeviceRecord WaitFor(const std::string& udn, std::chrono::seconds limit);
+  // Carries out an action and waits for its end. Throws Failure when it cannot be sent or the user
+  // wants to end.
+  ActionResult Call(const DeviceRecord& device, const std::string& service_type,
+                    const std::string& action, const std::vector<NamedValue>& arguments) {
+    return caller_.Call(device, service_type, action, arguments);
+  }
 
  private:
   static void OnDevice(int event, CPDeviceInfo* device);
@@ -58,6 +67,7 @@ class ControlPoint : private vex_upnp::network_layer::NetworkEventListener {
   static ControlPoint* current_;
   const std::vector<std::string> types_;
   EventQueue events_;
+  ActionCaller caller_;
   bool framework_started_ = false;
   bool generic_started_ = false;
   int listener_ = -1;

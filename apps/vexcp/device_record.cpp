@@ -1,5 +1,11 @@
 #include "device_record.h"
 
+#include <algorithm>
+#include <cctype>
+
+#include "exit_status.h"
+#include "output.h"
+
 namespace vexcp {
 
 namespace {
@@ -20,6 +26,26 @@ bool Means(const std::string& word, const std::string& key) {
   return false;
 }
 
+const ServiceRecord* FindService(const DeviceRecord& device, const std::string& word) {
+  const auto same = [](char a, char b) {
+    return std::tolower(static_cast<unsigned char>(a)) ==
+           std::tolower(static_cast<unsigned char>(b));
+  };
+  for (const ServiceRecord& service : device.services)
+    if (std::search(service.type.begin(), service.type.end(), word.begin(), word.end(), same) !=
+        service.type.end())
+      return &service;
+  return nullptr;
+}
+
+const ServiceRecord& RequireService(const DeviceRecord& device, const std::string& word) {
+  if (const ServiceRecord* service = FindService(device, word); service != nullptr) return *service;
+  std::string text = device.name + " has no service " + word + "; it has";
+  for (const ServiceRecord& one : device.services) text += " " + ShortType(one.type);
+  if (device.services.empty()) text += " none";
+  throw Failure(kNotFound, Printable(text));
+}
+
 DeviceRecord MakeDeviceRecord(const CPDetailedDeviceInfo& info) {
   DeviceRecord record;
   record.key = Text(info.udn);
@@ -32,6 +58,7 @@ DeviceRecord MakeDeviceRecord(const CPDetailedDeviceInfo& info) {
   record.local_ip = Text(info.local_ip);
   record.location = Text(info.location);
   record.url_base = Text(info.url_base);
+  record.description_path = Text(info.description_path);
   record.manufacturer = Text(info.manufacturer);
   record.model_name = Text(info.model_name);
   record.model_number = Text(info.model_number);

@@ -37,6 +37,7 @@ struct DeviceRecord {
   std::string local_ip;
   std::string location;
   std::string url_base;
+  std::string description_path;
   std::string manufacturer;
   std::string model_name;
   std::string model_number;
@@ -49,6 +50,12 @@ struct DeviceRecord {
   // The key without its interface.
   std::string Udn() const;
 };
+
+// The first service whose type contains the word, in any case; null without one.
+const ServiceRecord* FindService(const DeviceRecord& device, const std::string& word);
+
+// The same. Throws Failure, which names the services there are.
+const ServiceRecord& RequireService(const DeviceRecord& device, const std::string& word);
 
 DeviceRecord MakeDeviceRecord(const CPDetailedDeviceInfo& info);
 

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <ctime>
 #include <map>
 #include <memory>
 
@@ -128,14 +127,7 @@ class Watch {
   }
 
   void Print(const std::string& line) const {
-    char clock[16] = "";
-    if (!options_.json) {
-      const std::time_t now = std::time(nullptr);
-      std::tm parts{};
-      localtime_r(&now, &parts);
-      std::strftime(clock, sizeof(clock), "%H:%M:%S ", &parts);
-    }
-    std::printf("%s%s\n", clock, line.c_str());
+    std::printf("%s%s\n", options_.json ? "" : Clock().c_str(), line.c_str());
     std::fflush(stdout);
   }
 
@@ -173,9 +165,11 @@ int Discover(const DiscoverOptions& options) {
 void AddDiscoverCommand(CLI::App& app, Run& run) {
   const auto options = std::make_shared<DiscoverOptions>();
   CLI::App* command = app.add_subcommand("discover", "find devices and show them as a table");
-  command->add_option("-t,--type", options->types,
-                      "only devices of this type, as MediaRenderer, MediaServer:2 or a whole urn; "
-                      "may be given again");
+  command
+      ->add_option("-t,--type", options->types,
+                   "only devices of this type, as MediaRenderer, MediaServer:2 or a whole urn; "
+                   "may be given again")
+      ->allow_extra_args(false);
   command->add_flag("-w,--watch", options->watch, "tell devices as they come (+) and go (-)");
   command->add_flag("-s,--services", options->services, "show the services of each device");
   command

@@ -11,13 +11,28 @@ namespace vexcp {
 
 using TimePoint = std::chrono::steady_clock::time_point;
 
+// What the library told: of a device, an action or a subscription.
 struct DeviceEvent {
-  enum class Kind { kAdded, kRemoved, kInterfacesChanged };
+  enum class Kind {
+    kAdded,
+    kRemoved,
+    kInterfacesChanged,
+    kActionEnded,
+    kVariablesChanged,
+    kSubscribed,
+    kSubscriptionEnded
+  };
   Kind kind;
-  // Empty for kInterfacesChanged.
+  // The device; empty for other kinds than the first two.
   std::string key;
   std::string name;
   std::string type;
+  // Of an action its id, of a subscription the caller's own number for it.
+  int id = 0;
+  // HTTP status of an action's answer.
+  int status = 0;
+  // Body of an answer or event; why a subscription ended.
+  std::string body = std::string();
 };
 
 // Takes events from the library's threads to the main thread, which also hears of SIGINT and

@@ -12,14 +12,16 @@ constexpr int kNotFound = 1;
 constexpr int kWrongArguments = 2;
 constexpr int kNoInterface = 3;
 constexpr int kNotStarted = 4;
+constexpr int kRefused = 5;
 
 constexpr char kExitStatusHelp[] = R"(
 Exit status:
   0  done
-  1  nothing was found: no device, not that device, or not that service
+  1  nothing was found: no device, not that device, service or action
   2  wrong arguments
   3  no network interface to work on
   4  the control point could not start
+  5  the device refused what was asked of it, or gave no answer
 )";
 
 // Ends the program with a status and a text that says what to do.

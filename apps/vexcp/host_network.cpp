@@ -42,9 +42,9 @@ std::string Join(const std::vector<std::string>& words) {
   return text;
 }
 
-// A bound UDP socket, or a negative errno.
-int OpenUdp(int port, bool shared) {
-  const int descriptor = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+// A bound socket of a kind, or a negative errno.
+int Open(int kind, int port, bool shared) {
+  const int descriptor = socket(AF_INET, kind | SOCK_CLOEXEC, 0);
   if (descriptor < 0) return -errno;
   const int on = shared ? 1 : 0;
   setsockopt(descriptor, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
@@ -56,6 +56,16 @@ int OpenUdp(int port, bool shared) {
   const int error = errno;
   close(descriptor);
   return -error;
+}
+
+int FreePort(int kind) {
+  const int descriptor = Open(kind, 0, false);
+  if (descriptor < 0) return kFallbackPort;
+  sockaddr_in address{};
+  socklen_t size = sizeof(address);
+  const int result = getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &size);
+  close(descriptor);
+  return result == 0 ? ntohs(address.sin_port) : kFallbackPort;
 }
 
 }  // namespace
@@ -73,18 +83,11 @@ void RequireInterfaces(const std::vector<std::string>& names) {
                                       "usable here: " + Join(usable));
 }
 
-int FreeUdpPort() {
-  const int descriptor = OpenUdp(0, false);
-  if (descriptor < 0) return kFallbackPort;
-  sockaddr_in address{};
-  socklen_t size = sizeof(address);
-  const int result = getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &size);
-  close(descriptor);
-  return result == 0 ? ntohs(address.sin_port) : kFallbackPort;
-}
+int FreeUdpPort() { return FreePort(SOCK_DGRAM); }
+int FreeTcpPort() { return FreePort(SOCK_STREAM); }
 
 std::string AnnouncementTrouble() {
-  const int descriptor = OpenUdp(kSsdpPort, true);
+  const int descriptor = Open(SOCK_DGRAM, kSsdpPort, true);
   if (descriptor >= 0) {
     close(descriptor);
     return std::string();

@@ -10,8 +10,9 @@ namespace vexcp {
 // address beside loopback's.
 void RequireInterfaces(const std::vector<std::string>& names);
 
-// A port that no other program uses at the moment.
+// Ports that no other program uses at the moment.
 int FreeUdpPort();
+int FreeTcpPort();
 
 // What keeps announcements away, as a sentence for the user; empty when nothing does.
 std::string AnnouncementTrouble();

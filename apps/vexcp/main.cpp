@@ -7,7 +7,7 @@
 namespace {
 
 constexpr char kDescription[] =
-    "vexcp finds the UPnP devices of the local network and shows what they offer.";
+    "vexcp finds the UPnP devices of the local network, shows what they offer and controls them.";
 
 constexpr char kExamples[] = R"(
 Examples:
@@ -16,6 +16,9 @@ Examples:
   vexcp discover --watch                 who comes and goes, until Ctrl-C
   vexcp info uuid:12714036-1c97-45a6-8146-03c7ec877e30
   vexcp scpd uuid:12714036-1c97-45a6-8146-03c7ec877e30 SwitchPower
+  vexcp call uuid:12714036-1c97-45a6-8146-03c7ec877e30 SwitchPower SetTarget newTargetValue=1
+  vexcp events uuid:12714036-1c97-45a6-8146-03c7ec877e30    how its variables change, until Ctrl-C
+  vexcp browse uuid:4d696e69-4e4c-164e-9d41-20cf30a14f09 --depth 2
 
 VEXUPNPCP_LOG=16 in the environment shows the library's major log lines, 4 and 2 show more.
 )";
@@ -30,6 +33,9 @@ int main(int argc, char** argv) {
   vexcp::AddDiscoverCommand(app, run);
   vexcp::AddInfoCommand(app, run);
   vexcp::AddScpdCommand(app, run);
+  vexcp::AddCallCommand(app, run);
+  vexcp::AddEventsCommand(app, run);
+  vexcp::AddBrowseCommand(app, run);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

@@ -1,6 +1,7 @@
 #include "output.h"
 
 #include <algorithm>
+#include <ctime>
 
 #include "device_tree.h"
 
@@ -38,6 +39,15 @@ std::string Printable(const std::string& text) {
     if (byte < kFirstPrintable || byte == kDelete) c = '?';
   }
   return out;
+}
+
+std::string Clock() {
+  const std::time_t now = std::time(nullptr);
+  std::tm parts{};
+  localtime_r(&now, &parts);
+  char text[16] = "";
+  std::strftime(text, sizeof(text), "%H:%M:%S ", &parts);
+  return text;
 }
 
 std::string ShortType(const std::string& type) {

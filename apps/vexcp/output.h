@@ -12,6 +12,9 @@ namespace vexcp {
 // A text from the network, fit for a terminal: control characters become "?".
 std::string Printable(const std::string& text);
 
+// The time of day and a blank, to begin a line with.
+std::string Clock();
+
 // "MediaRenderer:1" for the types of the UPnP Forum, others whole.
 std::string ShortType(const std::string& type);
 

@@ -80,19 +80,12 @@ json OutlineJson(const ServiceOutline& outline) {
   return json{{"actions", actions}, {"variables", variables}};
 }
 
-std::string NoSuchService(const DeviceRecord& device, const std::string& service) {
-  std::string text = device.name + " has no service " + service + "; it has";
-  for (const ServiceRecord& one : device.services) text += " " + ShortType(one.type);
-  if (device.services.empty()) text += " none";
-  return Printable(text);
-}
-
 int Scpd(const ScpdOptions& options) {
   ControlPoint control_point(options.Start());
   const DeviceRecord device = control_point.WaitFor(options.udn, options.wait());
-  const std::optional<std::string> xml =
-      control_point.ServiceDescription(device.key, options.service);
-  if (!xml) throw Failure(kNotFound, NoSuchService(device, options.service));
+  const ServiceRecord& service = RequireService(device, options.service);
+  const std::optional<std::string> xml = control_point.ServiceDescription(device.key, service.type);
+  if (!xml) throw Failure(kNotFound, "the device's description of this service did not come");
   if (options.xml) {
     std::printf("%s\n", xml->c_str());
     return kDone;

@@ -35,10 +35,23 @@ const vex_upnp::utils::DomNode* NextInDocument(const vex_upnp::utils::DomNode* n
 const vex_upnp::utils::DomNode* ChildElement(const vex_upnp::utils::DomNode* node,
                                              std::string_view name);
 
+// The name behind a prefix and its colon.
+std::string_view LocalName(const vex_upnp::utils::DomNode* node);
+
+// This node or the first sibling behind it that is an element; null when there is none.
+const vex_upnp::utils::DomNode* FirstElement(const vex_upnp::utils::DomNode* node);
+
+// The first element of that name, whatever its prefix, in or at `top`; null without one.
+const vex_upnp::utils::DomNode* FindElement(const vex_upnp::utils::DomNode* top,
+                                            std::string_view local_name);
+
+// The text directly in an element, references replaced; empty for null.
+std::string Text(const vex_upnp::utils::DomNode* node);
+
 // Text of that child, references replaced, without white space at its ends.
 std::string ChildText(const vex_upnp::utils::DomNode* node, std::string_view name);
 
-// Value of an attribute; empty without it.
+// Value of an attribute, references replaced; empty without it.
 std::string Attribute(const vex_upnp::utils::DomNode* node, std::string_view name);
 
 }  // namespace vexcp
