@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Shows the control point at work, in under 20 seconds: devices of a simulated network appear, one of
-# them is looked into, one leaves. Everything happens in a private network made for it; the
-# machine's own network is not touched. Ends with 0 only when all of that was seen.
+# Shows the control point at work, in under 20 seconds: devices of a simulated network appear, a lamp
+# is switched and tells so, one leaves, another is looked into. Everything happens in a private
+# network made for it, not the machine's own. Ends with 0 only when all of that was seen.
 #
 #   tools/demo.sh [--build DIR]    programs from DIR, default build/release or build/debug
 #   tools/demo.sh --real           the devices of the machine's own network instead, vexcp only
@@ -54,23 +54,37 @@ nsenter --net=/run/netns/devices -- "$build/vexsim" lamp renderer hub --no-annou
 exec 3>"$work/commands"
 tell() { echo "$1" >&3; }
 
-# Prints what the watcher has written since the last look.
-shown=0
-show_watch() {
+# follow NAME COMMAND..: runs a command whose lines wait_for shows and waits for.
+follow() {
+  watched=$work/$1
+  shown=0
+  shift
+  : >"$watched"
+  "$@" >"$watched" &
+  watcher=$!
+}
+
+# Prints what the followed command has written since the last look.
+show_followed() {
   local lines
-  lines=$(wc -l <"$work/watch")
-  [ "$lines" = "$shown" ] || sed -n "$((shown + 1)),${lines}p" "$work/watch"
+  lines=$(wc -l <"$watched")
+  [ "$lines" = "$shown" ] || sed -n "$((shown + 1)),${lines}p" "$watched"
   shown=$lines
 }
 
-# wait_for TEXT: until the watcher has written it, at most 10 seconds.
+# wait_for TEXT: until the followed command has written it, at most 10 seconds.
 wait_for() {
   for _ in $(seq 200); do
-    show_watch
-    if head -n "$shown" "$work/watch" | grep -q -- "$1"; then return; fi
+    show_followed
+    if head -n "$shown" "$watched" | grep -q -- "$1"; then return; fi
     sleep 0.05
   done
   fail "\"$1\" did not happen"
+}
+
+end_followed() {
+  kill -INT "$watcher"
+  wait "$watcher" || fail "the command did not end in order"
 }
 
 # A search that goes out before the devices listen is lost.
@@ -79,24 +93,43 @@ for _ in $(seq 200); do
   sleep 0.05
 done
 
-say "\$ vexcp discover --watch          (who comes and goes)"
-: >"$work/watch"
-"$build/vexcp" discover --watch >"$work/watch" &
-watcher=$!
-wait_for "+ Lamp  DimmableLight:1"
-wait_for "+ Renderer  MediaRenderer:1"
-wait_for "+ Hub  Basic:1"
-wait_for "+ Hub backlight  DimmableLight:1"
+watch_devices() {
+  say "\$ vexcp discover --watch          (who comes and goes)"
+  follow watch "$build/vexcp" discover --watch
+  wait_for "+ Lamp  DimmableLight:1"
+  wait_for "+ Renderer  MediaRenderer:1"
+  wait_for "+ Hub  Basic:1"
+  wait_for "+ Hub backlight  DimmableLight:1"
 
-say "A media server is switched on: it announces itself"
-tell "add mediaserver"
-wait_for "+ Media & more  MediaServer:1"
+  say "A media server is switched on: it announces itself"
+  tell "add mediaserver"
+  wait_for "+ Media & more  MediaServer:1"
+}
 
-say "The lamp is switched off: it says goodbye"
+# switch_lamp UDN: an action, and the event that follows it.
+switch_lamp() {
+  say "\$ vexcp events $1 SwitchPower          (it tells its state, and each change)"
+  follow events "$build/vexcp" events "$1" SwitchPower
+  wait_for "SwitchPower:1  Status = 0"
+
+  say "\$ vexcp call $1 SwitchPower SetTarget newTargetValue=1"
+  "$build/vexcp" call "$1" SwitchPower SetTarget newTargetValue=1 | tee "$work/call"
+  grep -qx done "$work/call" || fail "the lamp was not switched"
+  wait_for "SwitchPower:1  Status = 1"
+  end_followed
+}
+
+watch_devices
+watch_pid=$watcher
+switch_lamp "$(awk '/ \+ Lamp /{print $NF}' "$work/watch")"
+
+say "The lamp is unplugged in order: it says goodbye"
+watched=$work/watch
+shown=$(wc -l <"$watched")
+watcher=$watch_pid
 tell "remove 1"
 wait_for "- Lamp  DimmableLight:1"
-kill -INT $watcher
-wait $watcher || fail "the watcher did not end in order"
+end_followed
 
 say "\$ vexcp discover --services       (embedded devices under their roots)"
 "$build/vexcp" discover --services --wait 2 | tee "$work/tree"

@@ -17,7 +17,7 @@ def run(*arguments):
 
 
 class DemoTest(unittest.TestCase):
-    def test_it_shows_devices_coming_a_tree_and_one_going_in_time(self):
+    def test_it_shows_devices_coming_a_lamp_switched_and_a_tree_in_time(self):
         started = time.monotonic()
         result = run("--build", os.path.abspath(BINARY_DIR))
         self.assertEqual(0, result.returncode, result.stdout + result.stderr)
@@ -25,6 +25,10 @@ class DemoTest(unittest.TestCase):
         for part in ("+ Lamp  DimmableLight:1", "- Lamp  DimmableLight:1", "+ Media & more",
                      "\n`-Hub library", "\n  `-Hub backlight", "* AVTransport:1", "All of it"):
             self.assertIn(part, result.stdout)
+        # The lamp is off, is switched, and says so.
+        self.assertRegex(result.stdout,
+                         r"(?s)SwitchPower:1  Status = 0\n.*newTargetValue=1.*\ndone\n"
+                         r".*SwitchPower:1  Status = 1\n.*- Lamp  DimmableLight:1")
 
     def test_it_fails_when_nothing_is_found(self):
         with tempfile.TemporaryDirectory() as build:
