@@ -97,9 +97,10 @@ class GenericCPManager : public cp_control::ControlResponseListener, public VEXU
                                   const std::string& service_type);
   SubscriptionLook __TryLeave(int handle, const std::string& udn, const std::string& service_type);
 
-  // Never destroyed: a thread of the library may still look while the process exits.
+  // Never destroyed: a thread of the library may still look while the process exits. Both are
+  // handed to base/singleton.h together, which takes the lock.
   static boost::mutex& m_singleton_lock_;
-  static boost::shared_ptr<GenericCPManager>& m_instance_ VEX_GUARDED_BY(m_singleton_lock_);
+  static boost::shared_ptr<GenericCPManager>& m_instance_;
 
   // Serialises the calls of the host with each other and with action_callback, which runs under it.
   // Outer to info_mutex and to the leaves below; inner to the delivery of device events and of

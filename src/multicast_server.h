@@ -35,8 +35,8 @@ class MulticastServer : public DatagramServer {
   bool ParseAddresses(boost::asio::ip::address_v4& group, boost::asio::ip::address_v4& local) const;
   void LeaveGroup() VEX_REQUIRES(mutex_);
 
-  void HandOver(boost::shared_ptr<utils::HTTPInfo>& message) override;
-  void Close() override;
+  void HandOver(boost::shared_ptr<utils::HTTPInfo>& message) override VEX_REQUIRES(mutex_);
+  void Close() override VEX_REQUIRES(mutex_);
   void LogClosed() const override;
   void LogCanceled(const std::string& error) const override;
   void LogError(const std::string& error) const override;

@@ -78,7 +78,8 @@ int OutgoingSyncSession::Connect(const std::string& ip, const int& port) {
   }
 }
 
-int OutgoingSyncSession::__WaitForConnect() {
+// boost::unique_lock carries no marks for the analysis.
+int OutgoingSyncSession::__WaitForConnect() VEX_NO_THREAD_SAFETY_ANALYSIS {
   const int seconds = timing::kSyncConnectTimeoutMs / 1000;
   const boost::chrono::steady_clock::time_point deadline =
       boost::chrono::steady_clock::now() +

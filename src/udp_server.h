@@ -33,8 +33,8 @@ class UDPServer : public DatagramServer {
  private:
   bool OpenAndBind(const boost::asio::ip::address& address, int port) VEX_REQUIRES(mutex_);
 
-  void HandOver(boost::shared_ptr<utils::HTTPInfo>& message) override;
-  void Close() override;
+  void HandOver(boost::shared_ptr<utils::HTTPInfo>& message) override VEX_REQUIRES(mutex_);
+  void Close() override VEX_REQUIRES(mutex_);
   void LogClosed() const override;
   void LogCanceled(const std::string& error) const override;
   void LogError(const std::string& error) const override;

@@ -38,6 +38,10 @@ constexpr char kOtherGroup[] = "239.255.255.177";
 const char kRequest[] = "NOTIFY / HTTP/1.1\r\nCONTENT-LENGTH: 0\r\n\r\n";
 const char kOk[] = "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\n";
 
+bool PortIsFree(const std::string& ip, int port) {
+  return vex_test::HeldPorts(SOCK_DGRAM, ip, port, 1).all();
+}
+
 class ServerManagerTest : public testing::Test {
  protected:
   ServerManagerTest()
@@ -215,8 +219,7 @@ TEST_F(ServerManagerTest, ClimbedUdpServerIsListedWithBothPortsAndEndsWithItsPor
   EXPECT_TRUE(HearsUnicast(first_, 5004));
   EXPECT_EQ(0, manager_->ConfigureUdpServer(5000, false));
   EXPECT_THAT(UdpPorts(), ElementsAre());
-  EXPECT_TRUE(
-      WaitUntil([] { return vex_test::HeldPorts(SOCK_DGRAM, "10.78.0.1", 5004, 1).all(); }));
+  EXPECT_TRUE(WaitUntil([] { return PortIsFree("10.78.0.1", 5004); }));
 }
 
 TEST_F(ServerManagerTest, EndingAClimbedUdpServerLeavesTheOneOfThatPortAlone) {
@@ -357,9 +360,9 @@ TEST_F(ServerManagerTest, DatagramTrafficCanBeSwitchedOffAndOn) {
   EXPECT_EQ(0, manager_->ConfigureMulticastSupport(false));
   EXPECT_EQ(1, log.Count(16, kTag, "Disabling udp servers!!!"));
   ASSERT_TRUE(WaitUntil([&] { return log.Count(16, kTag, "stop state") == 2; }));
-  // The port is free, so nobody hears what is sent to it.
-  EXPECT_TRUE(vex_test::HeldPorts(SOCK_DGRAM, "10.78.0.1", 5001, 1).all());
-  EXPECT_TRUE(vex_test::HeldPorts(SOCK_DGRAM, "0.0.0.0", 1900, 1).all());
+  // The ports become free, so nobody hears what is sent to them.
+  EXPECT_TRUE(
+      WaitUntil([&] { return PortIsFree("10.78.0.1", 5001) && PortIsFree("0.0.0.0", 1900); }));
   EXPECT_TRUE(Serves("10.78.0.1", 5000));
 
   // An interface that comes meanwhile gets its servers, but they don't run.
@@ -367,7 +370,7 @@ TEST_F(ServerManagerTest, DatagramTrafficCanBeSwitchedOffAndOn) {
   EXPECT_EQ(1, log.Count(4, kTag, "Start of udp server blocked as multicasting is disabled"));
   EXPECT_EQ(1, log.Count(4, kTag, "Start of multicast server blocked as multicasting is disabled"));
   EXPECT_THAT(UdpPorts(), ElementsAre("10.78.0.1:5001/5001@sv0", "10.78.1.1:5001/5001@sv1"));
-  EXPECT_TRUE(vex_test::HeldPorts(SOCK_DGRAM, "10.78.1.1", 5001, 1).all());
+  EXPECT_TRUE(PortIsFree("10.78.1.1", 5001));
   EXPECT_TRUE(Serves("10.78.1.1", 5000));
 
   EXPECT_EQ(0, manager_->ConfigureMulticastSupport(true));
@@ -382,11 +385,8 @@ TEST_F(ServerManagerTest, ServersThatCannotBeSwitchedOnAgainAreLogged) {
   manager_->ConfigureUdpServer(5001, true);
   manager_->ConfigureUPnPMulticastServer(1900, true);
   manager_->ConfigureMulticastSupport(false);
-  const auto free_again = [](const std::string& ip, int port) {
-    return vex_test::HeldPorts(SOCK_DGRAM, ip, port, 1).all();
-  };
   ASSERT_TRUE(
-      WaitUntil([&] { return free_again("10.78.0.1", 5001) && free_again("0.0.0.0", 1900); }));
+      WaitUntil([&] { return PortIsFree("10.78.0.1", 5001) && PortIsFree("0.0.0.0", 1900); }));
   vex_test::LogCapture log;
   {
     const vex_test::HeldPorts udp(SOCK_DGRAM, "10.78.0.1", 5001, 100);
@@ -404,8 +404,7 @@ TEST_F(ServerManagerTest, UdpServerThatClimbsWhenSwitchedOnIsListedWithItsNewPor
   Select("sv0");
   manager_->ConfigureUdpServer(5000, true);
   manager_->ConfigureMulticastSupport(false);
-  ASSERT_TRUE(
-      WaitUntil([] { return vex_test::HeldPorts(SOCK_DGRAM, "10.78.0.1", 5000, 1).all(); }));
+  ASSERT_TRUE(WaitUntil([] { return PortIsFree("10.78.0.1", 5000); }));
   const vex_test::HeldPorts held(SOCK_DGRAM, "10.78.0.1", 5000, 2);
   ASSERT_TRUE(held.all());
   manager_->ConfigureMulticastSupport(true);
@@ -413,8 +412,7 @@ TEST_F(ServerManagerTest, UdpServerThatClimbsWhenSwitchedOnIsListedWithItsNewPor
   EXPECT_TRUE(HearsUnicast(first_, 5002));
   manager_->ConfigureUdpServer(5000, false);
   EXPECT_THAT(UdpPorts(), ElementsAre());
-  EXPECT_TRUE(
-      WaitUntil([] { return vex_test::HeldPorts(SOCK_DGRAM, "10.78.0.1", 5002, 1).all(); }));
+  EXPECT_TRUE(WaitUntil([] { return PortIsFree("10.78.0.1", 5002); }));
 }
 
 TEST_F(ServerManagerTest, KeptSwitchingOffAPortEndsWhateverWasConfiguredForIt) {
@@ -447,8 +445,7 @@ TEST_F(ServerManagerTest, MulticastSwitchedOffAndOnGivesOneServerForEachGroup) {
     EXPECT_EQ(0, manager_->ConfigureUPnPMulticastServer(1900, true));
     EXPECT_EQ(1, TimesHeard(first_, kGroup, 1900));
     EXPECT_EQ(0, manager_->ConfigureUPnPMulticastServer(1900, false));
-    ASSERT_TRUE(
-        WaitUntil([] { return vex_test::HeldPorts(SOCK_DGRAM, "0.0.0.0", 1900, 1).all(); }));
+    ASSERT_TRUE(WaitUntil([] { return PortIsFree("0.0.0.0", 1900); }));
   }
   EXPECT_EQ(0, manager_->ConfigureUPnPMulticastServer(1900, true));
   Unselect("sv0");
@@ -460,7 +457,7 @@ TEST_F(ServerManagerTest, MulticastSwitchedOffDoesNotComeBackWithAnInterface) {
   manager_->ConfigureUPnPMulticastServer(1900, true);
   manager_->ConfigureUPnPMulticastServer(1900, false);
   Select("sv0");
-  EXPECT_TRUE(vex_test::HeldPorts(SOCK_DGRAM, "0.0.0.0", 1900, 1).all());
+  EXPECT_TRUE(PortIsFree("0.0.0.0", 1900));
 }
 
 TEST_F(ServerManagerTest, SendsFromTheSocketOfTheServerOnThatAddress) {
