@@ -56,4 +56,5 @@ T
   exit 0
 fi
 cd "$root/tests/lab"
-$on_cp python3 -m unittest -v "${@:-test_lab}"
+[ $# -gt 0 ] || set -- test_lab test_lab_control
+$on_cp python3 -m unittest -v "$@"
