@@ -6,6 +6,7 @@
 #include <boost/shared_ptr.hpp>
 
 #include <vexupnpcp/result_codes.h>
+#include "base/current_exception.h"
 #include "base/host_memory.h"
 #include "base/log.h"
 #include "src/streaming_manager.h"
@@ -30,6 +31,23 @@ int InvalidParams(const LogSite& site) {
   return result::kStreamingInvalidParams;
 }
 
+// Nothing thrown leaves the library; what can throw here is memory.
+template <typename Result, typename Call>
+Result Guarded(Result without_memory, Call call) {
+  try {
+    return call();
+  } catch (...) {
+    LogCurrentException(VEX_LOG_SITE, kLogMajor, kTagStreaming, "Exception: %s",
+                        "Unknown Exception");
+    return without_memory;
+  }
+}
+
+template <typename Call>
+int Guarded(Call call) {
+  return Guarded<int>(result::kStreamingOutOfMemory, call);
+}
+
 // Runs one blocking call on a synchronous client, which stays alive for as long as the call takes.
 template <typename Call>
 int OnSyncClient(int client_id, Call call) {
@@ -41,7 +59,7 @@ int OnSyncClient(int client_id, Call call) {
     VEX_LOG(kLogMajor, kTagStreaming, "Session not found for client id %d.", client_id);
     return result::kStreamingNoSession;
   }
-  return call(*session, manager->client_handler_id());
+  return Guarded([&] { return call(*session, manager->client_handler_id()); });
 }
 
 int HexDigit(char c) {
@@ -80,20 +98,22 @@ int StartServers(const ServerAppCallbacks* callbacks, const char* interface_ip, 
       !ValidateServerCallbacks(callbacks)) {
     return InvalidParams(VEX_LOG_SITE);
   }
-  return manager->StartServers(callbacks, interface_ip, port, servers, configuration_id);
+  return Guarded([&] {
+    return manager->StartServers(callbacks, interface_ip, port, servers, configuration_id);
+  });
 }
 
 stServer* GetConfiguredServers(int server_id) {
   const boost::shared_ptr<StreamingManager> manager = Manager();
   if (!manager || server_id < 0) return nullptr;
-  return manager->GetConfiguredServers(server_id);
+  return Guarded<stServer*>(nullptr, [&] { return manager->GetConfiguredServers(server_id); });
 }
 
 int GetStreamingServerPort(int configuration_id, const char* ip, int* port) {
   const boost::shared_ptr<StreamingManager> manager = Manager();
   if (!manager) return result::kStreamingNotInitialized;
   if (configuration_id < 1 || ip == nullptr || port == nullptr) return InvalidParams(VEX_LOG_SITE);
-  return manager->GetStreamingServerPort(configuration_id, ip, port);
+  return Guarded([&] { return manager->GetStreamingServerPort(configuration_id, ip, port); });
 }
 
 int StopServers(int configuration_id) {
@@ -116,14 +136,14 @@ int StartClient(const ClientAppCallbacks* callbacks, const char* ip, int port, i
   if (ip == nullptr || client_id == nullptr || port < 0 || !ValidateClientCallbacks(callbacks)) {
     return InvalidParams(VEX_LOG_SITE);
   }
-  return manager->StartClient(callbacks, ip, port, client_id);
+  return Guarded([&] { return manager->StartClient(callbacks, ip, port, client_id); });
 }
 
 int SendHTTPRequest(int client_id, const ReqHeaderInfo* request) {
   const boost::shared_ptr<StreamingManager> manager = Manager();
   if (!manager) return result::kStreamingNotInitialized;
   if (client_id < 0 || request == nullptr) return InvalidParams(VEX_LOG_SITE);
-  return manager->SendHTTPRequest(client_id, request);
+  return Guarded([&] { return manager->SendHTTPRequest(client_id, request); });
 }
 
 int StopClientTransfer(int client_id) {
@@ -137,7 +157,7 @@ int SendHTTPResponse(int server_id, int session_id, const ResHeaderInfo* respons
   const boost::shared_ptr<StreamingManager> manager = Manager();
   if (!manager) return result::kStreamingNotInitialized;
   if (server_id < 0 || session_id < 0 || response == nullptr) return InvalidParams(VEX_LOG_SITE);
-  return manager->SendHTTPResponse(server_id, session_id, response, final);
+  return Guarded([&] { return manager->SendHTTPResponse(server_id, session_id, response, final); });
 }
 
 int SendHTTPPayload(int server_or_handler_id, int session_id, void* data, unsigned int length,
@@ -145,14 +165,16 @@ int SendHTTPPayload(int server_or_handler_id, int session_id, void* data, unsign
   const boost::shared_ptr<StreamingManager> manager = Manager();
   if (!manager) return result::kStreamingNotInitialized;
   if (server_or_handler_id < 0 || session_id < 0) return InvalidParams(VEX_LOG_SITE);
-  return manager->SendHTTPPayload(server_or_handler_id, session_id, data, length, final);
+  return Guarded([&] {
+    return manager->SendHTTPPayload(server_or_handler_id, session_id, data, length, final);
+  });
 }
 
 int StartSyncClient(int* client_id) {
   const boost::shared_ptr<StreamingManager> manager = Manager();
   if (!manager) return result::kStreamingNotInitialized;
   if (client_id == nullptr) return InvalidParams(VEX_LOG_SITE);
-  return manager->StartSyncClient(client_id);
+  return Guarded([&] { return manager->StartSyncClient(client_id); });
 }
 
 int ConnectSyncClient(int client_id, const char* ip, int port) {
@@ -260,7 +282,8 @@ int GetResponseAdditionalHeaders(const stArgument* headers, const std::string& n
 int GetRunningSessionInfo(stRunningSession** sessions) {
   if (sessions == nullptr) return result::kStreamingInvalidParams;
   const boost::shared_ptr<StreamingManager> manager = StreamingManager::GetInstance();
-  return manager ? manager->GetRunningSessionInfo(sessions) : result::kFailure;
+  if (!manager) return result::kFailure;
+  return Guarded<int>(result::kFailure, [&] { return manager->GetRunningSessionInfo(sessions); });
 }
 
 void InitializeRequestHeaderInfo(ReqHeaderInfo* request) {

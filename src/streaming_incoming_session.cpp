@@ -1,14 +1,12 @@
 #include "src/streaming_incoming_session.h"
 
 #include <cstdlib>
+#include <new>
 
-#include <boost/asio/bind_executor.hpp>
-#include <boost/asio/write.hpp>
 #include <boost/thread/lock_guard.hpp>
 
 #include <vexupnpcp/result_codes.h>
 
-#include "base/current_exception.h"
 #include "base/log.h"
 #include "base/timing.h"
 #include "src/http_feed.h"
@@ -50,35 +48,29 @@ bool IncomingSession::__IsListed() {
   return false;
 }
 
-// The edge of every handler: a completion of a session that has left its server is dropped, and
-// nothing passes on to the event loop.
+// What every handler runs: a completion of a session that has left its server is dropped.
 template <typename Step>
-void IncomingSession::__RunListed(Step step) {
-  try {
-    if (__IsListed()) step();
-  } catch (...) {
-    LogCurrentException(VEX_LOG_SITE, kLogMajor, kTagStreaming, "Exception: %s",
-                        "Unknown Exception");
-  }
-}
-
-template <typename Member>
-auto IncomingSession::Bound(Member member) {
+auto IncomingSession::__IfListed(Step step) {
   const boost::shared_ptr<IncomingSession> self = shared_from_this();
-  return boost::asio::bind_executor(socket_.strand(),
-                                    [self, member](const error_code& error, std::size_t bytes) {
-                                      self->__RunListed([&] { ((*self).*member)(error, bytes); });
-                                    });
+  return [self, step] {
+    if (self->__IsListed()) step(*self);
+  };
 }
 
-void IncomingSession::RegisterRead() {
+MediaSocket::Done IncomingSession::Bound(Handler member) {
   const boost::shared_ptr<IncomingSession> self = shared_from_this();
-  boost::asio::post(socket_.strand(),
-                    [self] { self->__RunListed([&] { self->__StartReading(); }); });
+  return [self, member](const error_code& error, std::size_t bytes) {
+    if (self->__IsListed()) ((*self).*member)(error, bytes);
+  };
 }
 
-void IncomingSession::__StartReading() {
-  if (!alive_ || !socket_.MarkOpen()) return;
+void IncomingSession::RegisterRead(const boost::shared_ptr<tcp::socket>& accepted) {
+  socket_.queue().Run(
+      __IfListed([accepted](IncomingSession& session) { session.__StartReading(*accepted); }));
+}
+
+void IncomingSession::__StartReading(tcp::socket& accepted) {
+  if (!alive_ || !socket_.Adopt(accepted)) return;
   // One byte behind the block: the parser looks for the end of a first line up to a NUL.
   buffer_.reset(static_cast<char*>(std::malloc(kMediaBlock + 1)));
   error_code error;
@@ -104,13 +96,11 @@ void IncomingSession::__StartReading() {
 }
 
 void IncomingSession::__ReadHeader() {
-  socket_.socket().async_read_some(boost::asio::buffer(buffer_.get(), kMediaBlock),
-                                   Bound(&IncomingSession::CallbackRead));
+  socket_.ReadSome(buffer_.get(), kMediaBlock, Bound(&IncomingSession::CallbackRead));
 }
 
 void IncomingSession::__ReadBody() {
-  socket_.socket().async_read_some(boost::asio::buffer(buffer_.get(), kMediaBlock),
-                                   Bound(&IncomingSession::DataRecvdCallback));
+  socket_.ReadSome(buffer_.get(), kMediaBlock, Bound(&IncomingSession::DataRecvdCallback));
 }
 
 bool IncomingSession::__Parse(std::size_t bytes) {
@@ -235,12 +225,10 @@ void IncomingSession::__WriteResponse(int place) {
   VEX_LOG(kLogDetail, kTagStreaming, "async_write %d [%d] [%d]", place, server_id_, session_id_);
   if (!alive_) return;
   const boost::shared_ptr<IncomingSession> self = shared_from_this();
-  boost::asio::async_write(
-      socket_.socket(), boost::asio::buffer(*header),
-      boost::asio::bind_executor(socket_.strand(),
-                                 [self, header](const error_code& error, std::size_t) {
-                                   self->__RunListed([&] { self->CallbackWriteHeader(error); });
-                                 }));
+  socket_.WriteAll(header->data(), header->size(),
+                   [self, header](const error_code& error, std::size_t) {
+                     if (self->__IsListed()) self->CallbackWriteHeader(error);
+                   });
 }
 
 void IncomingSession::CallbackWriteHeader(const error_code& error) {
@@ -284,14 +272,12 @@ int IncomingSession::RegisterWrite(void* data, const unsigned int& length, const
   VEX_LOG(kLogDetail, kTagStreaming, "async_write 2 [%d] [%d]", server_id_, session_id_);
   const boost::shared_ptr<void> last(final ? data : nullptr, &std::free);
   const boost::shared_ptr<IncomingSession> self = shared_from_this();
-  boost::asio::post(socket_.strand(), [self, framed, last, bytes, size] {
+  socket_.queue().Post([self, framed, last, bytes, size] {
     if (!self->alive_) return;
-    boost::asio::async_write(
-        self->socket_.socket(), boost::asio::buffer(bytes, size),
-        boost::asio::bind_executor(self->socket_.strand(),
-                                   [self, framed, last](const error_code& error, std::size_t) {
-                                     self->__RunListed([&] { self->CallbackWritePayload(error); });
-                                   }));
+    self->socket_.WriteAll(bytes, size, [self, framed, last](const error_code& error, std::size_t) {
+      // The blocks go with this handler, behind the callback.
+      if (self->__IsListed()) self->CallbackWritePayload(error);
+    });
   });
   return result::kOk;
 }
@@ -312,12 +298,12 @@ void IncomingSession::__CloseAfterPause() {
   close_timer_.expires_after(
       std::chrono::milliseconds(timing::Scaled(timing::kServedConnectionPauseMs)));
   const boost::shared_ptr<IncomingSession> self = shared_from_this();
-  close_timer_.async_wait(boost::asio::bind_executor(socket_.strand(), [self](const error_code&) {
-    self->__RunListed([&] {
-      self->ShutDown();
-      self->CompleteSession();
-    });
-  }));
+  close_timer_.async_wait([self](const error_code&) {
+    self->socket_.queue().Run(self->__IfListed([](IncomingSession& session) {
+      session.ShutDown();
+      session.CompleteSession();
+    }));
+  });
 }
 
 void IncomingSession::__FailSocket(const error_code& error, bool tell_host) {
@@ -348,12 +334,16 @@ void IncomingSession::ShutDown() {
   const bool first = socket_.End(error);
   if (error) VEX_LOG(kLogMajor, kTagStreaming, "Error in shutting down streaming TCP socket!");
   if (!first) return;
-  const boost::shared_ptr<IncomingSession> self = shared_from_this();
-  boost::asio::post(socket_.strand(), [self] {
-    error_code close_error;
-    self->socket_.Close(close_error);
-    if (close_error) VEX_LOG(kLogMajor, kTagStreaming, "Error in closing TCP socket!");
-  });
+  try {
+    const boost::shared_ptr<IncomingSession> self = shared_from_this();
+    socket_.queue().Post([self] {
+      error_code close_error;
+      self->socket_.Close(close_error);
+      if (close_error) VEX_LOG(kLogMajor, kTagStreaming, "Error in closing TCP socket!");
+    });
+  } catch (const std::bad_alloc&) {
+    // The socket has ended all the same; it closes with the session.
+  }
 }
 
 }  // namespace streaming

@@ -29,12 +29,10 @@ class IncomingSession : public VEXUncopyable,
                   const boost::shared_ptr<TCPServer>& server, int session_id);
   ~IncomingSession() override = default;
 
-  // For the accept only.
-  tcp::socket& socket() { return socket_.socket(); }
   const int& GetSessionId() const { return session_id_; }
 
-  // Prepares the accepted socket and starts reading.
-  void RegisterRead();
+  // Takes the accepted connection over, prepares it and starts reading.
+  void RegisterRead(const boost::shared_ptr<tcp::socket>& accepted);
   // Forms the response's header. It is written when the callback in which it was given returns.
   int RegisterWrite(const ResHeaderInfo*& header, const bool& final);
   // Writes a payload. On success the last one (`final`) passes to the session.
@@ -48,13 +46,15 @@ class IncomingSession : public VEXUncopyable,
   void CompleteSession();
 
  private:
-  template <typename Member>
-  auto Bound(Member member);
+  using Handler = void (IncomingSession::*)(const error_code&, std::size_t);
+
+  // What a completion runs: a session that has left its server drops it.
+  MediaSocket::Done Bound(Handler member);
   template <typename Step>
-  void __RunListed(Step step);
+  auto __IfListed(Step step);
   bool __IsListed();
 
-  void __StartReading();
+  void __StartReading(tcp::socket& accepted);
   void __ReadHeader();
   void __ReadBody();
   void CallbackRead(const error_code& error, std::size_t bytes);
@@ -78,7 +78,7 @@ class IncomingSession : public VEXUncopyable,
 
   MediaSocket socket_;
   deadline_timer close_timer_;
-  // Used on the strand only. Made when the connection is accepted.
+  // Used on the socket's queue only. Made when the connection is accepted.
   FreePtr<char> buffer_;
   boost::shared_ptr<utils::HTTPInfo> http_info_;
   bool header_read_ = false;
@@ -87,7 +87,7 @@ class IncomingSession : public VEXUncopyable,
   std::string response_header_ VEX_GUARDED_BY(response_mutex_);
   std::string peer_ip_ VEX_GUARDED_BY(response_mutex_);
 
-  // Set by the host's calls, read on the strand.
+  // Set by the host's calls, read on the queue.
   std::atomic<int> request_type_{utils::HTTP_UNKNOWN_REQUEST};
   std::atomic<bool> is_continue_{false};
   std::atomic<bool> chunked_{false};

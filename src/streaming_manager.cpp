@@ -481,10 +481,14 @@ int StreamingManager::GetRunningSessionInfo(stRunningSession** sessions) {
   }
   if (complete) {
     ServerLock lock(m_server_list_mutex_);
-    for (const Configuration& configuration : m_configurations_) {
-      for (const boost::shared_ptr<TCPServer>& server : configuration->servers) {
-        if (complete) complete = server->GetAllConnectedDeviceInfo(head, tail) == result::kOk;
+    try {
+      for (const Configuration& configuration : m_configurations_) {
+        for (const boost::shared_ptr<TCPServer>& server : configuration->servers) {
+          if (complete) complete = server->GetAllConnectedDeviceInfo(head, tail) == result::kOk;
+        }
       }
+    } catch (const std::bad_alloc&) {
+      complete = false;
     }
   }
   if (!complete) {

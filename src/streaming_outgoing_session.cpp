@@ -1,15 +1,12 @@
 #include "src/streaming_outgoing_session.h"
 
 #include <cstdlib>
+#include <new>
 
-#include <boost/asio/bind_executor.hpp>
-#include <boost/asio/read.hpp>
-#include <boost/asio/write.hpp>
 #include <boost/thread/lock_guard.hpp>
 
 #include <vexupnpcp/result_codes.h>
 
-#include "base/current_exception.h"
 #include "base/log.h"
 #include "src/http_feed.h"
 #include "src/streaming_manager.h"
@@ -50,23 +47,28 @@ bool OutgoingSession::__IsListed() {
   return false;
 }
 
-template <typename Member>
-auto OutgoingSession::Bound(Member member) {
+// What every handler runs: a completion of a session that has left the manager is dropped.
+template <typename Step>
+auto OutgoingSession::__IfListed(Step step) {
   const boost::shared_ptr<OutgoingSession> self = shared_from_this();
-  return boost::asio::bind_executor(socket_.strand(),
-                                    [self, member](const error_code& error, std::size_t bytes) {
-                                      try {
-                                        if (self->__IsListed()) ((*self).*member)(error, bytes);
-                                      } catch (...) {
-                                        LogCurrentException(VEX_LOG_SITE, kLogMajor, kTagStreaming,
-                                                            "Exception: %s", "Unknown Exception");
-                                      }
-                                    });
+  return [self, step] {
+    if (self->__IsListed()) step(*self);
+  };
+}
+
+MediaSocket::Done OutgoingSession::Bound(Handler member) {
+  const boost::shared_ptr<OutgoingSession> self = shared_from_this();
+  return [self, member](const error_code& error, std::size_t bytes) {
+    if (self->__IsListed()) ((*self).*member)(error, bytes);
+  };
 }
 
 int OutgoingSession::Connect(const std::string& ip, const int& port) {
-  ip_ = ip;
-  port_ = port;
+  {
+    boost::lock_guard<boost::mutex> lock(request_mutex_);
+    ip_ = ip;
+    port_ = port;
+  }
   if (!IsPort(port)) {
     VEX_LOG(kLogMajor, kTagStreaming, "Error: input string was not valid!");
     return result::kStreamingInvalidPort;
@@ -78,34 +80,24 @@ int OutgoingSession::Connect(const std::string& ip, const int& port) {
     return result::kStreamingConnectFailed;
   }
   const boost::shared_ptr<OutgoingSession> self = shared_from_this();
-  boost::asio::post(socket_.strand(), [self, endpoint] { self->__Connect(endpoint); });
+  socket_.queue().Post([self, endpoint] { self->__Connect(endpoint); });
   return result::kOk;
 }
 
 void OutgoingSession::__Connect(const tcp::endpoint& endpoint) {
-  try {
-    if (!alive_) return;
-    error_code error;
-    socket_.socket().open(endpoint.protocol(), error);
-    if (!error && !socket_.MarkOpen()) return;
-    const boost::shared_ptr<OutgoingSession> self = shared_from_this();
-    auto done = boost::asio::bind_executor(socket_.strand(), [self](const error_code& connected) {
-      try {
-        if (self->__IsListed()) self->CallbackConnect(connected);
-      } catch (...) {
-        LogCurrentException(VEX_LOG_SITE, kLogMajor, kTagStreaming, "Exception: %s",
-                            "Unknown Exception");
-      }
-    });
-    if (error) {
-      boost::asio::post(socket_.strand(), [done, error]() mutable { done(error); });
-    } else {
-      socket_.socket().async_connect(endpoint, std::move(done));
-    }
-  } catch (...) {
-    LogCurrentException(VEX_LOG_SITE, kLogMajor, kTagStreaming, "Exception: %s",
-                        "Unknown Exception");
+  if (!alive_) return;
+  error_code error;
+  socket_.socket().open(endpoint.protocol(), error);
+  if (error) {
+    __IfListed([error](OutgoingSession& session) { session.CallbackConnect(error); })();
+    return;
   }
+  if (!socket_.MarkOpen()) return;
+  const boost::shared_ptr<OutgoingSession> self = shared_from_this();
+  socket_.socket().async_connect(endpoint, [self](const error_code& connected) {
+    self->socket_.queue().Run(self->__IfListed(
+        [connected](OutgoingSession& session) { session.CallbackConnect(connected); }));
+  });
 }
 
 void OutgoingSession::CallbackConnect(const error_code& error) {
@@ -157,7 +149,7 @@ int OutgoingSession::RegisterWrite(const ReqHeaderInfo*& header) {
   if (ready) {
     VEX_LOG(kLogDetail, kTagStreaming, "Sending Request: [%s]", ready->c_str());
     const boost::shared_ptr<OutgoingSession> self = shared_from_this();
-    boost::asio::post(socket_.strand(), [self, ready] { self->__WriteHeader(ready); });
+    socket_.queue().Post([self, ready] { self->__WriteHeader(ready); });
   }
   return result::kOk;
 }
@@ -165,17 +157,10 @@ int OutgoingSession::RegisterWrite(const ReqHeaderInfo*& header) {
 void OutgoingSession::__WriteHeader(const boost::shared_ptr<std::string>& header) {
   if (!alive_) return;
   const boost::shared_ptr<OutgoingSession> self = shared_from_this();
-  boost::asio::async_write(
-      socket_.socket(), boost::asio::buffer(*header),
-      boost::asio::bind_executor(socket_.strand(),
-                                 [self, header](const error_code& error, std::size_t) {
-                                   try {
-                                     if (self->__IsListed()) self->CallbackWriteHeader(error);
-                                   } catch (...) {
-                                     LogCurrentException(VEX_LOG_SITE, kLogMajor, kTagStreaming,
-                                                         "Exception: %s", "Unknown Exception");
-                                   }
-                                 }));
+  socket_.WriteAll(header->data(), header->size(),
+                   [self, header](const error_code& error, std::size_t) {
+                     if (self->__IsListed()) self->CallbackWriteHeader(error);
+                   });
 }
 
 void OutgoingSession::CallbackWriteHeader(const error_code& error) {
@@ -211,19 +196,12 @@ int OutgoingSession::RegisterWrite(void* data, const unsigned int& length, const
   }
   const boost::shared_ptr<void> last(final ? data : nullptr, &std::free);
   const boost::shared_ptr<OutgoingSession> self = shared_from_this();
-  boost::asio::post(socket_.strand(), [self, framed, last, bytes, size] {
+  socket_.queue().Post([self, framed, last, bytes, size] {
     if (!self->alive_) return;
-    boost::asio::async_write(
-        self->socket_.socket(), boost::asio::buffer(bytes, size),
-        boost::asio::bind_executor(self->socket_.strand(),
-                                   [self, framed, last](const error_code& error, std::size_t) {
-                                     try {
-                                       if (self->__IsListed()) self->CallbackWritePayload(error);
-                                     } catch (...) {
-                                       LogCurrentException(VEX_LOG_SITE, kLogMajor, kTagStreaming,
-                                                           "Exception: %s", "Unknown Exception");
-                                     }
-                                   }));
+    self->socket_.WriteAll(bytes, size, [self, framed, last](const error_code& error, std::size_t) {
+      // The blocks go with this handler, behind the callback.
+      if (self->__IsListed()) self->CallbackWritePayload(error);
+    });
   });
   return result::kOk;
 }
@@ -256,13 +234,11 @@ void OutgoingSession::RegisterRead() {
 }
 
 void OutgoingSession::__ReadHeader() {
-  socket_.socket().async_read_some(boost::asio::buffer(buffer_.get(), kMediaBlock),
-                                   Bound(&OutgoingSession::CallbackRead));
+  socket_.ReadSome(buffer_.get(), kMediaBlock, Bound(&OutgoingSession::CallbackRead));
 }
 
 void OutgoingSession::__ReadBody() {
-  socket_.socket().async_read_some(boost::asio::buffer(buffer_.get(), kMediaBlock),
-                                   Bound(&OutgoingSession::DataRecvdCallback));
+  socket_.ReadSome(buffer_.get(), kMediaBlock, Bound(&OutgoingSession::DataRecvdCallback));
 }
 
 // After an error the kernel may still hold bytes: they are worth one more look, which never waits,
@@ -421,8 +397,7 @@ void OutgoingSession::DataRecvdCallback(const error_code& error, std::size_t byt
   VEX_LOG(kLogDetail, kTagStreaming, "registering for async_read");
   // KEPT: waits for a whole block. It makes high rates cheap; a server that keeps the connection
   // open behind a body that does not fill the last block leaves the session waiting for its stop.
-  boost::asio::async_read(socket_.socket(), boost::asio::buffer(buffer_.get(), kMediaBlock),
-                          boost::asio::transfer_all(), Bound(&OutgoingSession::DataRecvdCallback));
+  socket_.ReadAll(buffer_.get(), kMediaBlock, Bound(&OutgoingSession::DataRecvdCallback));
 }
 
 void OutgoingSession::__Fail(int code) {
@@ -432,6 +407,11 @@ void OutgoingSession::__Fail(int code) {
 
 void OutgoingSession::CompleteSession() {
   if (alive_) manager_->ClientSessionCompleted(session_id_);
+}
+
+std::string OutgoingSession::GetOutgoingSessionIp() const {
+  boost::lock_guard<boost::mutex> lock(request_mutex_);
+  return ip_;
 }
 
 void OutgoingSession::CloseConnection() {
@@ -447,12 +427,16 @@ void OutgoingSession::ShutDown() {
   const bool first = socket_.End(error);
   if (error) VEX_LOG(kLogMajor, kTagStreaming, "Error in shutting down TCP socket!");
   if (!first) return;
-  const boost::shared_ptr<OutgoingSession> self = shared_from_this();
-  boost::asio::post(socket_.strand(), [self] {
-    error_code close_error;
-    self->socket_.Close(close_error);
-    if (close_error) VEX_LOG(kLogMajor, kTagStreaming, "Error in closing TCP socket!");
-  });
+  try {
+    const boost::shared_ptr<OutgoingSession> self = shared_from_this();
+    socket_.queue().Post([self] {
+      error_code close_error;
+      self->socket_.Close(close_error);
+      if (close_error) VEX_LOG(kLogMajor, kTagStreaming, "Error in closing TCP socket!");
+    });
+  } catch (const std::bad_alloc&) {
+    // The socket has ended all the same; it closes with the session.
+  }
 }
 
 }  // namespace streaming

@@ -45,14 +45,16 @@ class OutgoingSession : public VEXUncopyable,
 
   void SetClientHandlerId(const int& id) { client_handler_id_ = id; }
   const int& GetSessionId() const { return session_id_; }
-  std::string GetOutgoingSessionIp() const { return ip_; }
+  std::string GetOutgoingSessionIp() const;
 
  private:
   using Handler = void (OutgoingSession::*)(const error_code&, std::size_t);
 
-  // Binds a member to the strand; a completion of a session that has left the manager is dropped.
-  template <typename Member>
-  auto Bound(Member member);
+  // Binds a member to the socket's queue; a completion of a session that has left the manager is
+  // dropped.
+  MediaSocket::Done Bound(Handler member);
+  template <typename Step>
+  auto __IfListed(Step step);
   bool __IsListed();
 
   void CallbackConnect(const error_code& error);
@@ -76,29 +78,29 @@ class OutgoingSession : public VEXUncopyable,
 
   const FreePtr<ClientAppCallbacks> callbacks_;
   MediaSocket socket_;
-  // Used on the strand only.
+  // Used on the socket's queue only.
   const FreePtr<char> buffer_;
   boost::shared_ptr<utils::HTTPInfo> http_info_;
   bool got_continue_ = false;
   bool has_length_ = false;
   bool header_read_ = false;
 
-  // Set by Connect, before anything else can run.
-  std::string ip_;
-  int port_ = 0;
   const int session_id_;
   StreamingManager* const manager_;
 
   std::atomic<int> client_handler_id_{0};
   std::atomic<bool> alive_{true};
 
-  // The request: set by the host's calls, read on the strand.
+  // The request: set by the host's calls, read on the queue.
   std::atomic<int> request_type_{utils::HTTP_UNKNOWN_REQUEST};
   std::atomic<bool> chunked_{false};
   std::atomic<bool> final_{false};
   std::atomic<unsigned int> payload_length_{0};
 
-  boost::mutex request_mutex_;
+  mutable boost::mutex request_mutex_;
+  // What Connect was given: the session is listed before.
+  std::string ip_ VEX_GUARDED_BY(request_mutex_);
+  int port_ VEX_GUARDED_BY(request_mutex_) = 0;
   std::string request_header_ VEX_GUARDED_BY(request_mutex_);
   bool connected_ VEX_GUARDED_BY(request_mutex_) = false;
 };

@@ -114,10 +114,13 @@ void TCPServer::__Accept() {
     boost::lock_guard<boost::mutex> lock(m_session_list_mutex_);
     incoming_session_list_.push_back(session);
   }
-  acceptor_.async_accept(session->socket(), [self, session](const error_code& error) {
+  // The connection gets a socket of its own until the session has it on its queue: a stop at this
+  // moment touches the session's.
+  const boost::shared_ptr<tcp::socket> accepted(new tcp::socket(io_service_));
+  acceptor_.async_accept(*accepted, [self, accepted](const error_code& error) {
     VEX_LOG(kLogStep, kTagStreaming, "Incoming connection");
     try {
-      self->handle_accept(error);
+      self->handle_accept(error, accepted);
     } catch (...) {
       LogCurrentException(VEX_LOG_SITE, kLogMajor, kTagStreaming, "Exception: %s",
                           "Unknown Exception");
@@ -125,7 +128,8 @@ void TCPServer::__Accept() {
   });
 }
 
-void TCPServer::handle_accept(const error_code& error) {
+void TCPServer::handle_accept(const error_code& error,
+                              const boost::shared_ptr<tcp::socket>& accepted) {
   // KEPT: no further accept after an error; the server stays open and deaf.
   if (error) return;
   int session_id = 0;
@@ -136,7 +140,7 @@ void TCPServer::handle_accept(const error_code& error) {
   }
   callbacks_->on_connect(server_id_, session_id, 0);
   boost::shared_ptr<IncomingSession> session;
-  if (FindSession(session_id, session) == result::kYes) session->RegisterRead();
+  if (FindSession(session_id, session) == result::kYes) session->RegisterRead(accepted);
   __Accept();
 }
 

@@ -53,7 +53,7 @@ class TCPServer : public VEXUncopyable, public boost::enable_shared_from_this<TC
 
   Attempt __Listen(int port);
   void __Accept();
-  void handle_accept(const error_code& error);
+  void handle_accept(const error_code& error, const boost::shared_ptr<tcp::socket>& accepted);
   boost::shared_ptr<IncomingSession> __MakeSession();
 
   io_service& io_service_;

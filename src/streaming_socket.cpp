@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <utility>
 
 #include <boost/thread/lock_guard.hpp>
 
@@ -41,6 +42,58 @@ bool MediaSocket::MarkOpen() {
   if (ended_) return false;
   descriptor_ = socket_.native_handle();
   return true;
+}
+
+bool MediaSocket::Adopt(tcp::socket& accepted) {
+  socket_ = std::move(accepted);
+  return MarkOpen();
+}
+
+struct MediaSocket::Transfer {
+  enum class Kind { kReadSome, kReadAll, kWriteAll };
+  const Kind kind;
+  char* const block;
+  const std::size_t size;
+  const Done done;
+  std::size_t moved = 0;
+};
+
+void MediaSocket::ReadSome(void* block, std::size_t size, const Done& done) {
+  __Step(boost::shared_ptr<Transfer>(
+      new Transfer{Transfer::Kind::kReadSome, static_cast<char*>(block), size, done}));
+}
+
+void MediaSocket::ReadAll(void* block, std::size_t size, const Done& done) {
+  __Step(boost::shared_ptr<Transfer>(
+      new Transfer{Transfer::Kind::kReadAll, static_cast<char*>(block), size, done}));
+}
+
+void MediaSocket::WriteAll(const void* block, std::size_t size, const Done& done) {
+  // A write does not change the block.
+  char* const bytes = const_cast<char*>(static_cast<const char*>(block));
+  __Step(boost::shared_ptr<Transfer>(new Transfer{Transfer::Kind::kWriteAll, bytes, size, done}));
+}
+
+void MediaSocket::__Step(const boost::shared_ptr<Transfer>& transfer) {
+  // `done` keeps this socket.
+  auto next = [this, transfer](const error_code& error, std::size_t bytes) {
+    queue_.Run([this, transfer, error, bytes] {
+      transfer->moved += bytes;
+      const bool whole = transfer->moved == transfer->size;
+      if (error || whole || transfer->kind == Transfer::Kind::kReadSome) {
+        transfer->done(error, transfer->moved);
+      } else {
+        __Step(transfer);
+      }
+    });
+  };
+  char* const rest = transfer->block + transfer->moved;
+  const std::size_t left = transfer->size - transfer->moved;
+  if (transfer->kind == Transfer::Kind::kWriteAll) {
+    socket_.async_write_some(boost::asio::buffer(rest, left), std::move(next));
+  } else {
+    socket_.async_read_some(boost::asio::buffer(rest, left), std::move(next));
+  }
 }
 
 bool MediaSocket::End(error_code& error) {

@@ -1,13 +1,16 @@
 #ifndef VEXUPNPCP_SRC_STREAMING_SOCKET_H_
 #define VEXUPNPCP_SRC_STREAMING_SOCKET_H_
 
+#include <cstddef>
+#include <functional>
 #include <string>
 
-#include <boost/asio/strand.hpp>
+#include <boost/shared_ptr.hpp>
 #include <boost/thread/mutex.hpp>
 
 #include "base/asio.h"
 #include "base/thread_marks.h"
+#include "src/streaming_handler_queue.h"
 
 namespace vex_upnp {
 namespace streaming {
@@ -31,34 +34,46 @@ bool ResolveEndpoint(const std::string& ip, int port, tcp::endpoint& endpoint, e
 // A port as text in an address: what a TCP port can be.
 bool IsPort(int port);
 
-// A socket whose object is touched on one strand only, while any thread may end its traffic.
-// Another thread only shuts the descriptor down, which wakes what waits on it; the strand closes
-// it, so that no descriptor number is reused under a running operation.
+// A socket whose object is touched on one queue of handlers only, while any thread may end its
+// traffic. Another thread only shuts the descriptor down, which wakes what waits on it; the queue
+// closes it, so that no descriptor number is reused under a running operation.
 class MediaSocket {
  public:
-  using Strand = boost::asio::strand<io_service::executor_type>;
+  explicit MediaSocket(io_service& io) : socket_(io), queue_(io) {}
 
-  explicit MediaSocket(io_service& io) : socket_(io), strand_(boost::asio::make_strand(io)) {}
-
-  // On the strand only.
+  HandlerQueue& queue() { return queue_; }
+  // On the queue only.
   tcp::socket& socket() { return socket_; }
-  const Strand& strand() const { return strand_; }
 
-  // On the strand, once the socket is open. False when it has been ended before.
+  // On the queue, once the socket is open. False when it has been ended before.
   bool MarkOpen();
+  // On the queue: takes over an accepted connection. False when the socket has been ended before.
+  bool Adopt(tcp::socket& accepted);
+
+  // On the queue: reads or writes some, or all of a block; `done` runs on the queue and owns the
+  // session with this socket. An end of the stream is an error, with the bytes that came before it.
+  using Done = std::function<void(const error_code&, std::size_t)>;
+  void ReadSome(void* block, std::size_t size, const Done& done);
+  void ReadAll(void* block, std::size_t size, const Done& done);
+  void WriteAll(const void* block, std::size_t size, const Done& done);
 
   // From any thread: ends traffic both ways, now and for later; a failure is in `error`. True when
   // this call was the first.
   bool End(error_code& error);
 
-  // On the strand: closes, after End.
+  // On the queue: closes, after End.
   void Close(error_code& error);
 
  private:
   static constexpr int kNoDescriptor = -1;
 
+  // One block on its way, in as many steps as the kernel takes. Asio's own composed operations
+  // would take theirs outside of the queue.
+  struct Transfer;
+  void __Step(const boost::shared_ptr<Transfer>& transfer);
+
   tcp::socket socket_;
-  Strand strand_;
+  HandlerQueue queue_;
   boost::mutex socket_mutex_;
   int descriptor_ VEX_GUARDED_BY(socket_mutex_) = kNoDescriptor;
   bool ended_ VEX_GUARDED_BY(socket_mutex_) = false;
