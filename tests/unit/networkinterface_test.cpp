@@ -448,6 +448,19 @@ TEST_F(NetworkInterfaceTest, TheDeliveryThreadsBearTheirCreatorsPrefixAndEndWith
   EXPECT_EQ(with - 2, vex_test::ThreadCount());
 }
 
+TEST_F(NetworkInterfaceTest, AListenerThatEndsTheRegistryFromInsideIsNotWaitedFor) {
+  LogCapture log;
+  const int with = vex_test::ThreadCount();
+  InterfaceRecorder recorder(
+      [](const InterfaceRecorder::Event&) { NetworkInterface::DestroyInstance(); });
+  registry_->NotifyNICIfEvent(NIC_ADDED, "eth0");
+  registry_.reset();
+  EXPECT_TRUE(WaitUntil([&] { return recorder.count() == 1; }));
+  EXPECT_TRUE(WaitUntil([&] { return vex_test::ThreadCount() == with - 2; }));
+  EXPECT_LE(1, log.Count("Delivery threads stopped by one of them, they are not waited for"));
+  EXPECT_EQ(nullptr, NetworkInterface::ExistingInstance());
+}
+
 TEST(NetworkMonitorWithoutRegistry, EveryFunctionGivesItsFailureValueAndBuildsNothing) {
   LogCapture log;
   std::vector<NetInfo> list = {Info("a", "1")};
