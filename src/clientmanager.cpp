@@ -70,7 +70,7 @@ void ClientManager::DestroyInstance() {
   }
 }
 
-ClientManager::ClientManager() : work_(KeepRunning(io_service_)), timeouts_(io_service_) {}
+ClientManager::ClientManager() : timeouts_(loops_.First()) {}
 
 ClientManager::~ClientManager() { StopClientThreads(); }
 
@@ -82,7 +82,7 @@ void ClientManager::StartClientThreads(const int& count) {
   try {
     std::string prefix;
     ThreadNamePrefix(prefix);
-    StartIoThreads(client_threads_, io_service_, count, prefix, "VexCliIo");
+    loops_.Start(count, prefix, "VexCliIo");
   } catch (...) {
     LogCurrentException(VEX_LOG_SITE, kLogMajor, kTag, "thread_resource_error exception:[%s]",
                         "Unknown Exception in StartClientThreads");
@@ -90,14 +90,14 @@ void ClientManager::StartClientThreads(const int& count) {
 }
 
 void ClientManager::StopClientThreads() {
-  io_service_.stop();
+  loops_.Stop();
   const std::vector<SessionPointer> sessions = __AllSessions();
   // Before the sessions are stopped: a handler that is running must find nobody to tell.
   for (const SessionPointer& session : sessions) {
     __UnRegisterListener(session->get_handler_id());
   }
   for (const SessionPointer& session : sessions) session->stop();
-  client_threads_.join_all();
+  loops_.Join();
   for (const SessionPointer& session : sessions) session->reset();
   boost::lock_guard<boost::mutex> lock(mutex_);
   sessions_.clear();
@@ -110,7 +110,7 @@ int ClientManager::ConfigureMulticastSupport(bool enable) {
 
 int ClientManager::SendUnicastPacket(const std::string& ip, const int& port,
                                      const std::string& data) {
-  OutgoingSession session(io_service_, nullptr, utils::PROTOCOL_UDP);
+  OutgoingSession session(loops_.First(), nullptr, utils::PROTOCOL_UDP);
   const int sent = session.Connect(kAnyLocalAddress, ip, port, data);
   if (sent != result::kOk) VEX_LOG(kLogMajor, kTag, "UDP Unicasting failed!");
   return sent;
@@ -149,7 +149,7 @@ int ClientManager::SendMulticastPacket(const std::string& ip, const std::string&
 
 int ClientManager::__SendMulticastFrom(const std::string& interface_ip, const std::string& ip,
                                        const std::string& data) {
-  OutgoingSession session(io_service_, nullptr, utils::PROTOCOL_UDP);
+  OutgoingSession session(loops_.First(), nullptr, utils::PROTOCOL_UDP);
   const int sent = session.Connect(interface_ip, ip, kSsdpPort, data);
   if (sent != result::kOk) VEX_LOG(kLogMajor, kTag, "Multicasting failed!");
   return sent;
@@ -288,7 +288,8 @@ bool ClientManager::__AwaitProbes(int timeout, boost::unique_lock<boost::mutex>&
 
 ClientManager::SessionPointer ClientManager::__MakeSession() {
   try {
-    return boost::make_shared<OutgoingSession>(io_service_, this, utils::PROTOCOL_TCP, &timeouts_);
+    return boost::make_shared<OutgoingSession>(loops_.Next(), this, utils::PROTOCOL_TCP,
+                                               &timeouts_);
   } catch (const std::bad_alloc&) {
     VEX_LOG(kLogMajor, kTag, "malloc failed!");
     return SessionPointer();

@@ -11,14 +11,13 @@
 #include <boost/thread/condition_variable.hpp>
 #include <boost/thread/locks.hpp>
 #include <boost/thread/mutex.hpp>
-#include <boost/thread/thread.hpp>
 
 #include <vexupnpcp/httpinfo.h>
 #include <vexupnpcp/network_listeners.h>
 #include <vexupnpcp/network_types.h>
 
-#include "base/asio.h"
 #include "base/thread_marks.h"
+#include "src/outgoing_loops.h"
 #include "src/outgoing_timeouts.h"
 #include "src/server_notify.h"
 
@@ -105,11 +104,9 @@ class ClientManager : public Notify {
   static boost::shared_ptr<ClientManager> instance_;
   static boost::mutex singleton_mutex_;
 
-  // Declared before all that works on it.
-  io_service io_service_;
-  io_work work_;
+  // Declared before all that works on them.
+  OutgoingLoops loops_;
   OutgoingTimeouts timeouts_;
-  boost::thread_group client_threads_;
 
   std::atomic<bool> multicast_enabled_{true};
   // 0 until the threads start.
