@@ -136,7 +136,8 @@ int CallBackHandler::UnRegisterResponseListener(const int& session_id) {
   return result::kOk;
 }
 
-// A job runs only while the handler is there and has not been stopped since.
+// A job runs only while the handler is there and has not been stopped since. It is given the count
+// of stops that holds as long as that is so.
 template <typename Job>
 void CallBackHandler::Post(IoPool& pool, Job job) {
   const boost::weak_ptr<CallBackHandler> handler = weak_from_this();
@@ -145,7 +146,7 @@ void CallBackHandler::Post(IoPool& pool, Job job) {
     const boost::shared_ptr<CallBackHandler> self = handler.lock();
     if (!self || self->stops_ != stops) return;
     try {
-      job(*self);
+      job(*self, stops);
     } catch (...) {
       LogCurrentException(VEX_LOG_SITE, kLogMajor, kTag, "Exception in callback thread: %s",
                           "Unknown Exception in callback thread");
@@ -153,14 +154,31 @@ void CallBackHandler::Post(IoPool& pool, Job job) {
   });
 }
 
+// The packet that becomes ready behind a finished one is handled by the same thread: another would
+// have to be woken for it.
 void CallBackHandler::PostTcpJob() {
-  Post(tcp_req_handling_ios_,
-       [](CallBackHandler& self) { self.InvokeUpperLayerTCPRequestListener(); });
+  Post(tcp_req_handling_ios_, [](CallBackHandler& self, unsigned int stops) {
+    while (self.InvokeUpperLayerTCPRequestListener() && self.stops_ == stops) {
+    }
+  });
 }
 
 void CallBackHandler::PostUdpJob() {
-  Post(udp_req_handling_ios_,
-       [](CallBackHandler& self) { self.InvokeUpperLayerUDPRequestListener(); });
+  Post(udp_req_handling_ios_, [](CallBackHandler& self, unsigned int stops) {
+    while (self.InvokeUpperLayerUDPRequestListener() && self.stops_ == stops) {
+    }
+  });
+}
+
+void CallBackHandler::PostResponseJob() {
+  try {
+    Post(tcp_res_handling_ios_,
+         [](CallBackHandler& self, unsigned int stops) { self.HandleAnswers(stops); });
+  } catch (...) {
+    boost::lock_guard<boost::mutex> lock(response_mutex_);
+    response_job_posted_ = false;
+    throw;
+  }
 }
 
 int CallBackHandler::InvokeTCPRequestHandler(boost::shared_ptr<utils::HTTPInfo>& request,
@@ -205,9 +223,13 @@ int CallBackHandler::InvokeResponseHandler(const int& session_id,
   }
   AnswerArrivalListener* const waiting = dynamic_cast<AnswerArrivalListener*>(listener.get());
   if (waiting != nullptr) waiting->OnAnswerArrived(session_id);
-  const int id = session_id;
-  Post(tcp_res_handling_ios_,
-       [id](CallBackHandler& self) { self.InvokeUpperLayerResponseHandler(id); });
+  {
+    boost::lock_guard<boost::mutex> lock(response_mutex_);
+    answered_.push_back(session_id);
+    if (response_job_posted_) return result::kOk;
+    response_job_posted_ = true;
+  }
+  PostResponseJob();
   return result::kOk;
 }
 
@@ -218,13 +240,14 @@ void CallBackHandler::CountDroppedDatagram() {
   }
 }
 
-void CallBackHandler::InvokeUpperLayerTCPRequestListener() {
+// True when there is a further packet to handle.
+bool CallBackHandler::InvokeUpperLayerTCPRequestListener() {
   std::string key;
   stIncomingContext packet;
   if (!incoming_tcp_packets_.Take(key, packet)) {
     VEX_LOG(kLogDetail, kTag,
             "[InvokeUpperLayerTCPRequestListener] empty incoming tcp packet list!");
-    return;
+    return false;
   }
   try {
     HandleTcpRequest(packet);
@@ -233,7 +256,7 @@ void CallBackHandler::InvokeUpperLayerTCPRequestListener() {
                         "Unknown Exception in TCP request listener");
   }
   packet = stIncomingContext();
-  if (incoming_tcp_packets_.Finish(key)) PostTcpJob();
+  return incoming_tcp_packets_.Finish(key);
 }
 
 void CallBackHandler::HandleTcpRequest(stIncomingContext& packet) {
@@ -273,12 +296,13 @@ void CallBackHandler::RefuseRequest(void* session_context) {
   }
 }
 
-void CallBackHandler::InvokeUpperLayerUDPRequestListener() {
+// True when there is a further packet to handle.
+bool CallBackHandler::InvokeUpperLayerUDPRequestListener() {
   std::string key;
   IncomingDatagram request;
   if (!incoming_udp_packets_.Take(key, request)) {
     VEX_LOG(kLogDetail, kTag, "[InvokeUpperLayerUDPRequestListener] empty udp packet list!");
-    return;
+    return false;
   }
   try {
     HandleUdpRequest(request);
@@ -287,7 +311,7 @@ void CallBackHandler::InvokeUpperLayerUDPRequestListener() {
                         "Unknown Exception in UDP request listener");
   }
   request.reset();
-  if (incoming_udp_packets_.Finish(key)) PostUdpJob();
+  return incoming_udp_packets_.Finish(key);
 }
 
 // A datagram that nobody wants vanishes without a word: the network is full of them.
@@ -296,6 +320,35 @@ void CallBackHandler::HandleUdpRequest(IncomingDatagram& request) {
   if (text.empty()) return;
   const boost::shared_ptr<UDPRequestListener> listener = udp_patterns_.Match(text);
   if (listener) listener->OnUDPRequestReceived(request);
+}
+
+void CallBackHandler::HandleAnswers(unsigned int stops) {
+  {
+    boost::lock_guard<boost::mutex> lock(response_mutex_);
+    response_job_posted_ = false;
+  }
+  int session_id = 0;
+  bool call_another = false;
+  while (stops_ == stops && TakeAnswered(session_id, call_another)) {
+    try {
+      // The listener may take its time, so what waits behind this answer gets a thread of its own.
+      if (call_another) PostResponseJob();
+      InvokeUpperLayerResponseHandler(session_id);
+    } catch (...) {
+      LogCurrentException(VEX_LOG_SITE, kLogMajor, kTag, "Exception in callback thread: %s",
+                          "Unknown Exception in callback thread");
+    }
+  }
+}
+
+bool CallBackHandler::TakeAnswered(int& session_id, bool& call_another) {
+  boost::lock_guard<boost::mutex> lock(response_mutex_);
+  if (answered_.empty()) return false;
+  session_id = answered_.front();
+  answered_.pop_front();
+  call_another = !answered_.empty() && !response_job_posted_;
+  if (call_another) response_job_posted_ = true;
+  return true;
 }
 
 void CallBackHandler::InvokeUpperLayerResponseHandler(int session_id) {
@@ -370,6 +423,8 @@ void CallBackHandler::DropWaitingPackets() {
   {
     boost::lock_guard<boost::mutex> lock(response_mutex_);
     contexts.swap(outgoing_contexts_);
+    answered_.clear();
+    response_job_posted_ = false;
   }
 }
 

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <deque>
 #include <map>
 #include <memory>
 #include <string>
@@ -98,10 +99,13 @@ class CallBackHandler : public VEXUncopyable,
   void Post(IoPool& pool, Job job);
   void PostTcpJob();
   void PostUdpJob();
+  void PostResponseJob();
 
-  void InvokeUpperLayerTCPRequestListener();
-  void InvokeUpperLayerUDPRequestListener();
+  bool InvokeUpperLayerTCPRequestListener();
+  bool InvokeUpperLayerUDPRequestListener();
   void InvokeUpperLayerResponseHandler(int session_id);
+  void HandleAnswers(unsigned int stops);
+  bool TakeAnswered(int& session_id, bool& call_another);
   void HandleTcpRequest(stIncomingContext& packet);
   void HandleUdpRequest(IncomingDatagram& request);
   boost::shared_ptr<TCPRequestListener> FindTcpListener(utils::HTTPInfo& request);
@@ -121,6 +125,10 @@ class CallBackHandler : public VEXUncopyable,
 
   boost::mutex response_mutex_;
   std::multimap<int, stOutgoingContext> outgoing_contexts_ VEX_GUARDED_BY(response_mutex_);
+  // Sessions whose answers wait for a thread, and whether a job is posted that has not begun. One
+  // is enough: it calls the next thread when it begins and more is waiting.
+  std::deque<int> answered_ VEX_GUARDED_BY(response_mutex_);
+  bool response_job_posted_ VEX_GUARDED_BY(response_mutex_) = false;
 
   std::atomic<unsigned int> dropped_datagrams_{0};
   OncePerSecond drop_line_;

@@ -121,7 +121,10 @@ class TcpListener : public TCPRequestListener {
 
 class AnswerListener : public ResponseListener {
  public:
+  using Action = std::function<void(int session_id)>;
+  explicit AnswerListener(Action action = [](int) {}) : action_(std::move(action)) {}
   void OnResponseReceived(boost::shared_ptr<HTTPInfo> response, const int& session_id) override {
+    action_(session_id);
     const std::lock_guard<std::mutex> lock(mutex_);
     answers_.emplace_back(session_id, response->GetStatusCode());
   }
@@ -131,6 +134,7 @@ class AnswerListener : public ResponseListener {
   }
 
  private:
+  const Action action_;
   std::mutex mutex_;
   std::vector<std::pair<int, unsigned int>> answers_;
 };
@@ -540,6 +544,54 @@ TEST_F(CallBackHandlerTest, ThrowingListenerEndsNothing) {
   // The sender is not held back for ever either.
   Datagram(Message(kAnnouncement, "10.0.0.7"));
   EXPECT_TRUE(WaitUntil([&] { return next->calls == 1; }));
+}
+
+TEST_F(CallBackHandlerTest, FiveAnswersAreHandledBesideEachOtherAndTheSixthWaits) {
+  const auto listener =
+      boost::make_shared<AnswerListener>([&](int id) { door_.Pass(std::to_string(id)); });
+  boost::shared_ptr<HTTPInfo> answer = Message(kAnswer);
+  for (int id = 1; id <= 4; ++id) {
+    handler_->RegisterResponseListener(id, listener);
+    handler_->InvokeResponseHandler(id, answer);
+  }
+  handler_->StartCallbackThreads();
+  ASSERT_TRUE(WaitUntil([&] { return door_.Inside().size() == 4; }));
+  for (int id = 5; id <= 7; ++id) {
+    handler_->RegisterResponseListener(id, listener);
+    handler_->InvokeResponseHandler(id, answer);
+  }
+  ASSERT_TRUE(WaitUntil([&] { return door_.Inside().size() == 5; }));
+  EXPECT_THAT(door_.Inside(), ElementsAre("1", "2", "3", "4", "5"));
+  door_.Open();
+  EXPECT_TRUE(WaitUntil([&] { return listener->Answers().size() == 7; }));
+}
+
+TEST_F(CallBackHandlerTest, AThrowingAnswerListenerKeepsNoneFromTheAnswersBehindIt) {
+  const auto throwing =
+      boost::make_shared<AnswerListener>([](int) { throw std::runtime_error("boom"); });
+  const auto listener = boost::make_shared<AnswerListener>();
+  boost::shared_ptr<HTTPInfo> answer = Message(kAnswer);
+  for (int id = 1; id <= 10; ++id) {
+    handler_->RegisterResponseListener(id, id <= 9 ? throwing : listener);
+    handler_->InvokeResponseHandler(id, answer);
+  }
+  vex_test::LogCapture log;
+  handler_->StartCallbackThreads();
+  EXPECT_TRUE(WaitUntil([&] { return listener->Answers().size() == 1; }));
+  EXPECT_TRUE(WaitUntil([&] { return log.Count("Exception in callback thread: boom") == 9; }));
+}
+
+TEST_F(CallBackHandlerTest, AnswersThatWaitedAtAStopAreGoneAndLaterOnesAreHeard) {
+  const auto listener = boost::make_shared<AnswerListener>();
+  boost::shared_ptr<HTTPInfo> answer = Message(kAnswer);
+  handler_->RegisterResponseListener(1, listener);
+  handler_->InvokeResponseHandler(1, answer);
+  handler_->StopCallbackThreads();
+  handler_->StartCallbackThreads();
+  handler_->RegisterResponseListener(2, listener);
+  handler_->InvokeResponseHandler(2, answer);
+  ASSERT_TRUE(WaitUntil([&] { return listener->Answers().size() == 1; }));
+  EXPECT_EQ(2, listener->Answers()[0].first);
 }
 
 TEST_F(CallBackHandlerTest, StartAndStopAreLogged) {
