@@ -3,6 +3,8 @@
 
 #include <unistd.h>
 
+#include <utility>
+
 namespace vex_upnp {
 
 // A descriptor that is closed at the end of its scope.
@@ -17,9 +19,11 @@ class ScopedFd {
 
   bool valid() const { return fd_ >= 0; }
   int get() const { return fd_; }
+  // Gives the descriptor up without closing it.
+  int release() { return std::exchange(fd_, -1); }
 
  private:
-  const int fd_;
+  int fd_;
 };
 
 }  // namespace vex_upnp

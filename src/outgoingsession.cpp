@@ -1,5 +1,7 @@
 #include "src/outgoingsession.h"
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -14,6 +16,7 @@
 #include "base/current_exception.h"
 #include "base/io_threads.h"
 #include "base/log.h"
+#include "base/scoped_fd.h"
 #include "base/socket_close.h"
 #include "base/timing.h"
 #include "src/callbackhandler.h"
@@ -31,6 +34,8 @@ namespace {
 constexpr const char* kTag = log::kTagNetwork;
 // From this number on the process is short of descriptors.
 constexpr int kManyDescriptors = 449;
+
+error_code LastError() { return error_code(errno, boost::system::system_category()); }
 
 // To be called inside a `catch (...)`.
 void LogConnectException(const LogSite& site, const char* unknown) {
@@ -154,18 +159,62 @@ void OutgoingSession::__ResolveName(const std::string& host, int port, ConnectHa
 // False when there is no further endpoint, or no further attempt is wanted.
 bool OutgoingSession::__ConnectToNext(ConnectHandler handler) {
   const boost::shared_ptr<OutgoingSession> self = shared_from_this();
-  boost::lock_guard<boost::mutex> lock(mutex_);
-  if (stopped_ || next_endpoint_ >= endpoints_.size()) return false;
-  if (socket_.is_open()) {
-    error_code error;
-    socket_.close(error);
-    if (error) VEX_LOG(kLogMajor, kTag, "Error TCP close socket failed!");
+  {
+    boost::lock_guard<boost::mutex> lock(mutex_);
+    if (stopped_ || next_endpoint_ >= endpoints_.size()) return false;
+    if (socket_.is_open()) {
+      error_code error;
+      socket_.close(error);
+      if (error) VEX_LOG(kLogMajor, kTag, "Error TCP close socket failed!");
+    }
+    const bool is_exchange = handler == &OutgoingSession::handle_connect;
+    error_code error = __StartConnect(endpoints_[next_endpoint_++], is_exchange);
+    // A peer on this machine has taken up the connection by now. Then the request needs no turn of
+    // the event loop.
+    if (!error && is_exchange) error = __OfferRequest();
+    if (error) {
+      boost::asio::post(*io_service_, [self, handler, error] {
+        self->__RunHandler([&] { ((*self).*handler)(error); });
+      });
+      return true;
+    }
+    if (sent_ == 0) {
+      socket_.async_wait(tcp::socket::wait_write, [self, handler](const error_code& failure) {
+        self->__RunHandler([&] { ((*self).*handler)(failure ? failure : self->__ConnectError()); });
+      });
+      return true;
+    }
   }
-  socket_.open(tcp::v4());
-  socket_.async_connect(endpoints_[next_endpoint_++], [self, handler](const error_code& error) {
-    self->__RunHandler([&] { ((*self).*handler)(error); });
-  });
+  __GoOnSending();
   return true;
+}
+
+// The descriptor becomes known to the event loop only behind the start of the attempt: before it,
+// the loop would be woken for a socket that is not connected.
+error_code OutgoingSession::__StartConnect(const tcp::endpoint& endpoint, bool is_exchange) {
+  ScopedFd fd(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP));
+  if (!fd.valid()) throw system_error(LastError(), "open");
+  const int on = 1;
+  if (is_exchange && ::setsockopt(fd.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on)) != 0) {
+    VEX_LOG(kLogMajor, kTag, "socket set_option failed for tcp::no_delay, [%s]!",
+            LastError().message().c_str());
+  }
+  const int begun = ::connect(fd.get(), endpoint.data(), static_cast<socklen_t>(endpoint.size()));
+  const error_code error = begun == 0 || errno == EINPROGRESS ? error_code() : LastError();
+  socket_.assign(tcp::v4(), fd.get());
+  fd.release();
+  return error;
+}
+
+error_code OutgoingSession::__ConnectError() {
+  boost::lock_guard<boost::mutex> lock(mutex_);
+  if (stopped_) return boost::asio::error::operation_aborted;
+  int failure = 0;
+  socklen_t size = sizeof(failure);
+  if (::getsockopt(socket_.native_handle(), SOL_SOCKET, SO_ERROR, &failure, &size) != 0) {
+    return LastError();
+  }
+  return error_code(failure, boost::system::system_category());
 }
 
 // Whatever a step throws ends here, and with it the exchange.
@@ -191,54 +240,84 @@ void OutgoingSession::connect_callback(const error_code& error) {
 
 void OutgoingSession::handle_connect(const error_code& error) {
   if (error && __ConnectToNext(&OutgoingSession::handle_connect)) return;
-  std::size_t sent = 0;
-  const error_code failure = error ? error : __SendRequest(sent);
+  error_code failure = error;
+  if (!failure) {
+    boost::lock_guard<boost::mutex> lock(mutex_);
+    // What the offer says against it shows again, with its reason, when the rest is written.
+    if (stopped_) {
+      failure = boost::asio::error::operation_aborted;
+    } else {
+      __OfferRequest();
+    }
+  }
   if (failure) {
     VEX_LOG(kLogMajor, kTag, "handle_connect exception: %s", failure.message().c_str());
     __EndInFailure();
     return;
   }
-  // Nearly every request fits at once, and its end needs no further turn of the event loop.
-  const error_code rest = sent == request_.size() ? error_code() : __WriteRest(sent);
-  if (sent == request_.size() || rest) CallbackWrite(rest);
+  __GoOnSending();
 }
 
-// Offers the whole request to the kernel, which takes what has room.
-error_code OutgoingSession::__SendRequest(std::size_t& sent) {
+// Offers the kernel what is left of the request; it takes what has room. The error says that there
+// is no connection to send on.
+error_code OutgoingSession::__OfferRequest() {
+  const ssize_t taken = ::send(socket_.native_handle(), request_.data() + sent_,
+                               request_.size() - sent_, MSG_NOSIGNAL | MSG_DONTWAIT);
+  if (taken < 0) return errno == EAGAIN || errno == EINTR ? error_code() : LastError();
+  sent_ += static_cast<std::size_t>(taken);
+  return error_code();
+}
+
+// With the connection made and the request offered for the first time.
+void OutgoingSession::__GoOnSending() {
+  __NoteConnection();
+  __WriteRest();
+}
+
+void OutgoingSession::__NoteConnection() {
   boost::lock_guard<boost::mutex> lock(mutex_);
-  if (stopped_) return boost::asio::error::operation_aborted;
-  error_code error;
-  socket_.set_option(tcp::no_delay(true), error);
-  if (error) {
-    VEX_LOG(kLogMajor, kTag, "socket set_option failed for tcp::no_delay, [%s]!",
-            error.message().c_str());
-  }
   try {
     http_info_->SetClientIpAddress(endpoints_[next_endpoint_ - 1].address().to_string());
   } catch (...) {
     LogCurrentException(VEX_LOG_SITE, kLogMajor, kTag, "Exception in handle_connect: %s",
                         "Unknown Exception in handle_connect");
   }
-  const int fd = socket_.native_handle();
+  const int fd = socket_.is_open() ? socket_.native_handle() : -1;
   if (fd > kManyDescriptors) {
     VEX_LOG(kLogMajor, kTag, "Warning! too many sockets[id:%d][fd:%d]", handler_id_, fd);
   }
-  const ssize_t taken = ::send(fd, request_.data(), request_.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-  // A failure shows again, with its reason, when the rest is written.
-  sent = taken > 0 ? static_cast<std::size_t>(taken) : 0;
-  return error_code();
 }
 
-error_code OutgoingSession::__WriteRest(std::size_t sent) {
-  const boost::shared_ptr<OutgoingSession> self = shared_from_this();
-  boost::lock_guard<boost::mutex> lock(mutex_);
-  if (stopped_) return boost::asio::error::operation_aborted;
-  boost::asio::async_write(socket_,
-                           boost::asio::buffer(request_.data() + sent, request_.size() - sent),
-                           [self](const error_code& error, std::size_t) {
-                             self->__RunHandler([&] { self->CallbackWrite(error); });
-                           });
-  return error_code();
+// Waits for room for the rest of the request, if there is a rest. Each step is begun under the
+// lock, so that none meets a socket which is being closed.
+void OutgoingSession::__WriteRest() {
+  error_code error;
+  {
+    boost::lock_guard<boost::mutex> lock(mutex_);
+    if (stopped_) {
+      error = boost::asio::error::operation_aborted;
+    } else if (sent_ < request_.size()) {
+      const boost::shared_ptr<OutgoingSession> self = shared_from_this();
+      socket_.async_wait(tcp::socket::wait_write, [self](const error_code& failure) {
+        self->__RunHandler([&] { self->__OnWritable(failure); });
+      });
+      return;
+    }
+  }
+  CallbackWrite(error);
+}
+
+void OutgoingSession::__OnWritable(const error_code& error) {
+  error_code failure = error;
+  if (!failure) {
+    boost::lock_guard<boost::mutex> lock(mutex_);
+    failure = stopped_ ? error_code(boost::asio::error::operation_aborted) : __OfferRequest();
+  }
+  if (failure) {
+    CallbackWrite(failure);
+  } else {
+    __WriteRest();
+  }
 }
 
 void OutgoingSession::CallbackWrite(const error_code& error) {

@@ -77,8 +77,14 @@ class OutgoingSession : public boost::enable_shared_from_this<OutgoingSession> {
   void handle_connect(const error_code& error);
   void connect_callback(const error_code& error);
 
-  error_code __SendRequest(std::size_t& sent);
-  error_code __WriteRest(std::size_t sent);
+  error_code __StartConnect(const tcp::endpoint& endpoint, bool is_exchange) VEX_REQUIRES(mutex_);
+  error_code __ConnectError();
+
+  error_code __OfferRequest() VEX_REQUIRES(mutex_);
+  void __GoOnSending();
+  void __NoteConnection();
+  void __WriteRest();
+  void __OnWritable(const error_code& error);
   void CallbackWrite(const error_code& error);
   error_code __AwaitAnswer();
 
@@ -120,6 +126,8 @@ class OutgoingSession : public boost::enable_shared_from_this<OutgoingSession> {
   // called.
   boost::mutex mutex_;
   bool stopped_ VEX_GUARDED_BY(mutex_) = false;
+  // How much of the request the kernel has taken.
+  std::size_t sent_ VEX_GUARDED_BY(mutex_) = 0;
   // What a blocking request works on; its caller closes it.
   int blocking_fd_ VEX_GUARDED_BY(mutex_) = -1;
   bool timeout_armed_ VEX_GUARDED_BY(mutex_) = false;

@@ -504,6 +504,43 @@ TEST_F(OutgoingSessionTest, CancellingWhileWritingIsSilent) {
   ExpectEndWithoutAnswer(peer);
 }
 
+TEST_F(OutgoingSessionTest, ASlowReaderGetsALargeRequestWhole) {
+  const std::string body(4 * 1024 * 1024, 'r');
+  std::atomic<bool> may_read{false};
+  std::string request;
+  HttpPeer peer([&](PeerConnection& connection) {
+    EXPECT_TRUE(WaitUntil([&] { return may_read.load(); }));
+    request = connection.ReadRequest();
+    connection.Send(OkAnswer("taken"));
+    connection.AwaitEnd();
+  });
+  const std::string sent =
+      "POST / HTTP/1.1\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+  Send(peer, sent);
+  EXPECT_TRUE(WaitUntil([&] { return peer.connections() == 1; }));
+  // What has room is under way, and everybody else is served meanwhile.
+  ExpectOnlyAsMany(0);
+  may_read = true;
+  ASSERT_TRUE(Heard(2));
+  EXPECT_TRUE(sent == request);
+}
+
+// The writes of a large request go on while another thread closes its socket.
+TEST_F(OutgoingSessionTest, CancellingAtAnyMomentOfALargeWriteIsSilentAndLeavesNothing) {
+  HttpPeer peer([](PeerConnection& connection) { connection.AwaitEnd(); });
+  const int descriptors = vex_test::DescriptorCount();
+  const std::string request = "POST / HTTP/1.1\r\n\r\n" + std::string(8 * 1024 * 1024, 'r');
+  constexpr int kRequests = 60;
+  for (int i = 0; i < kRequests; ++i) {
+    const int id = Send(peer, request);
+    std::this_thread::sleep_for(std::chrono::microseconds((i % 30) * 100));
+    EXPECT_EQ(result::kOk, CancelTCPHTTPPacket(id));
+  }
+  EXPECT_TRUE(WaitUntil([&] { return peer.finished() == peer.connections(); }));
+  EXPECT_TRUE(WaitUntil([&] { return vex_test::DescriptorCount() == descriptors; }));
+  ExpectOnlyAsMany(0);
+}
+
 TEST_F(OutgoingSessionTest, CancellingWhileConnectingIsSilent) {
   // Somebody who never answers.
   vex_test::Ip("neigh add 10.77.0.99 lladdr 02:00:00:00:00:99 dev lan0 nud permanent");
