@@ -34,6 +34,9 @@ void AddScpdCommand(CLI::App& app, Run& run);
 void AddCallCommand(CLI::App& app, Run& run);
 void AddEventsCommand(CLI::App& app, Run& run);
 void AddBrowseCommand(CLI::App& app, Run& run);
+void AddGetCommand(CLI::App& app, Run& run);
+void AddServeCommand(CLI::App& app, Run& run);
+void AddPushCommand(CLI::App& app, Run& run);
 
 // "MediaRenderer" and "MediaRenderer:2" for types of the UPnP Forum, "all", or the whole type.
 std::string ExpandType(const std::string& word);

@@ -13,6 +13,7 @@ constexpr int kWrongArguments = 2;
 constexpr int kNoInterface = 3;
 constexpr int kNotStarted = 4;
 constexpr int kRefused = 5;
+constexpr int kBrokenOff = 6;
 
 constexpr char kExitStatusHelp[] = R"(
 Exit status:
@@ -21,7 +22,8 @@ Exit status:
   2  wrong arguments
   3  no network interface to work on
   4  the control point could not start
-  5  the device refused what was asked of it, or gave no answer
+  5  the device or server refused what was asked of it, or gave no answer
+  6  a transfer broke off, or could not be stored
 )";
 
 // Ends the program with a status and a text that says what to do.

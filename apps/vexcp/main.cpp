@@ -19,6 +19,9 @@ Examples:
   vexcp call uuid:12714036-1c97-45a6-8146-03c7ec877e30 SwitchPower SetTarget newTargetValue=1
   vexcp events uuid:12714036-1c97-45a6-8146-03c7ec877e30    how its variables change, until Ctrl-C
   vexcp browse uuid:4d696e69-4e4c-164e-9d41-20cf30a14f09 --depth 2
+  vexcp get http://10.0.0.7:8200/MediaItems/22.mp4 -o film.mp4    --continue goes on with a part of it
+  vexcp serve ~/Videos                   a folder, or a file, for everybody around
+  vexcp push uuid:1b2e9a6c-4f0d-4d43-9d53-0a1c5b7e2f10 film.mp4    a renderer plays it
 
 VEXUPNPCP_LOG=16 in the environment shows the library's major log lines, 4 and 2 show more.
 )";
@@ -36,6 +39,9 @@ int main(int argc, char** argv) {
   vexcp::AddCallCommand(app, run);
   vexcp::AddEventsCommand(app, run);
   vexcp::AddBrowseCommand(app, run);
+  vexcp::AddGetCommand(app, run);
+  vexcp::AddServeCommand(app, run);
+  vexcp::AddPushCommand(app, run);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
