@@ -1,18 +1,23 @@
 #include "src/request_packets.h"
 
-#include <boost/format.hpp>
+#include <cstring>
+#include <initializer_list>
 
 namespace vex_upnp {
 namespace {
 
-constexpr char kDescriptionTemplate[] =
-    "GET %s HTTP/1.1\r\n"
-    "HOST: %s:%d\r\n"
-    "ACCEPT-LANGUAGE: en-us\r\n"
-    "Connection: Keep-Alive\r\n"
-    "USER-AGENT: %s\r\n"
-    "Content-Length: 0\r\n"
-    "\r\n";
+// Puts the arguments in the place of the template's "%s" and "%d", in order. By hand, since a
+// stream would put the separators of the host's locale into the numbers.
+std::string Fill(const char* text, std::initializer_list<std::string> arguments) {
+  std::string filled;
+  for (const std::string& argument : arguments) {
+    const char* const place = std::strchr(text, '%');
+    filled.append(text, place);
+    filled += argument;
+    text = place + 2;
+  }
+  return filled += text;
+}
 
 }  // namespace
 
@@ -25,16 +30,21 @@ const char MSearchTemplate[] =
     "\r\n";
 
 std::string FormatSearchRequest(const std::string& type, int mx, const std::string& group) {
-  return (boost::format(MSearchTemplate) % type % mx % group).str();
+  return Fill(MSearchTemplate, {type, std::to_string(mx), group});
 }
 
 std::string FormatDescriptionRequest(const std::string& target, const std::string& host, int port,
                                      const std::string& user_agent) {
-  return (boost::format(kDescriptionTemplate) % target % host % port % user_agent).str();
+  return "GET " + target + " HTTP/1.1\r\nHOST: " + host + ":" + std::to_string(port) +
+         "\r\n"
+         "ACCEPT-LANGUAGE: en-us\r\n"
+         "Connection: Keep-Alive\r\n"
+         "USER-AGENT: " +
+         user_agent +
+         "\r\n"
+         "Content-Length: 0\r\n"
+         "\r\n";
 }
-
-// The numbers of the packets below are written without a stream, so that the host's locale puts no
-// separators into them.
 
 std::string FormatHostLine(const std::string& host, int port) {
   return "HOST:" + host + ":" + std::to_string(port);

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <locale>
 #include <string>
 
 namespace vex_upnp {
@@ -31,6 +32,36 @@ TEST(RequestPackets, AnEmptyAgentLeavesTheHeaderInItsPlace) {
 TEST(RequestPackets, PercentSignsOfTheNetworkStayAsTheyAre) {
   EXPECT_EQ(0U, FormatDescriptionRequest("/a%20b%s%n", "h", 1, "%d").find("GET /a%20b%s%n HTTP"));
   EXPECT_NE(std::string::npos, FormatSearchRequest("%s", 4, "g").find("ST: %s\r\n"));
+}
+
+// Puts a separator behind every digit.
+class Grouping : public std::numpunct<char> {
+ protected:
+  char do_thousands_sep() const override { return '.'; }
+  std::string do_grouping() const override { return "\1"; }
+};
+
+class HostLocale {
+ public:
+  HostLocale() : before_(std::locale::global(std::locale(std::locale(), new Grouping))) {}
+  ~HostLocale() { std::locale::global(before_); }
+
+ private:
+  const std::locale before_;
+};
+
+TEST(RequestPackets, TheHostsLocalePutsNoSeparatorsIntoNumbers) {
+  const HostLocale grouping;
+  EXPECT_NE(std::string::npos,
+            FormatDescriptionRequest("/", "h", 49152, "").find("HOST: h:49152\r\n"));
+  EXPECT_NE(std::string::npos, FormatSearchRequest("t", 4000, "g").find("MX: 4000\r\n"));
+  EXPECT_EQ("HOST:h:49152", FormatHostLine("h", 49152));
+  const std::string action = FormatActionRequest("/", "H", "a", "S", std::string(1234, 'b'));
+  EXPECT_NE(std::string::npos, action.find("CONTENT-LENGTH: 1234\r\n"));
+  EXPECT_NE(std::string::npos,
+            FormatSubscribeRequest("/", "u", 1800, "H", "a").find("TIMEOUT: Second-1800\r\n"));
+  EXPECT_NE(std::string::npos,
+            FormatRenewalRequest("/", "H", "s", 1800, "a").find("TIMEOUT: Second-1800\r\n"));
 }
 
 }  // namespace
