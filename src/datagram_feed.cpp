@@ -6,6 +6,7 @@
 
 #include <vexupnpcp/result_codes.h>
 
+#include "base/address_text.h"
 #include "base/log.h"
 #include "src/http_feed.h"
 
@@ -54,7 +55,7 @@ boost::shared_ptr<utils::HTTPInfo> DatagramFeed::Complete(const std::string& my_
   message_bytes_ = joined_cost_;
   Drop();
   message->SetMyIpAddress(my_ip);
-  message->SetClientIpAddress(remote_endpoint_.address().to_string());
+  message->SetClientIpAddress(AddressText(remote_endpoint_.address()));
   message->SetClientPort(remote_endpoint_.port());
   return message;
 }

@@ -13,6 +13,7 @@
 
 #include <vexupnpcp/result_codes.h>
 
+#include "base/address_text.h"
 #include "base/current_exception.h"
 #include "base/io_threads.h"
 #include "base/log.h"
@@ -277,7 +278,7 @@ void OutgoingSession::__GoOnSending() {
 void OutgoingSession::__NoteConnection() {
   boost::lock_guard<boost::mutex> lock(mutex_);
   try {
-    http_info_->SetClientIpAddress(endpoints_[next_endpoint_ - 1].address().to_string());
+    http_info_->SetClientIpAddress(AddressText(endpoints_[next_endpoint_ - 1].address()));
   } catch (...) {
     LogCurrentException(VEX_LOG_SITE, kLogMajor, kTag, "Exception in handle_connect: %s",
                         "Unknown Exception in handle_connect");
@@ -333,7 +334,7 @@ error_code OutgoingSession::__AwaitAnswer() {
   error_code error;
   const tcp::endpoint local = socket_.local_endpoint(error);
   if (error) return error;
-  http_info_->SetMyIpAddress(local.address().to_string());
+  http_info_->SetMyIpAddress(AddressText(local.address()));
   // Armed before the read can end, so that an exchange which ends at once leaves none behind. It
   // counts from here and no arriving data restarts it.
   if (timeouts_ != nullptr) {

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "base/address_text.h"
 #include "base/current_exception.h"
 #include "base/delivery_list.h"
 #include "base/host_memory.h"
@@ -49,6 +50,14 @@ TEST(NumberText, MinusNegatesAnUnsignedModuloItsRange) {
   EXPECT_EQ(ULLONG_MAX, wide);
   EXPECT_FALSE(ToNumber("18446744073709551616", wide));
   EXPECT_FALSE(ToNumber("4294967296", value));
+}
+
+TEST(AddressText, IsTheDottedFormOfEveryAddress) {
+  for (const char* text :
+       {"0.0.0.0", "10.0.0.7", "127.0.0.1", "192.168.100.9", "255.255.255.255"}) {
+    EXPECT_EQ(text, AddressText(boost::asio::ip::make_address(text)));
+  }
+  EXPECT_EQ("::1", AddressText(boost::asio::ip::make_address("::1")));
 }
 
 TEST(PortSearch, StopsAtTheFirstPortThatWorks) {
