@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Shows the control point at work, in under 20 seconds: devices of a simulated network appear, a lamp
-# is switched and tells so, one leaves, another is looked into. Everything happens in a private
-# network made for it, not the machine's own. Ends with 0 only when all of that was seen.
+# is switched and tells so, one leaves, another is looked into, a file is fetched. Everything happens
+# in a private network made for it, not the machine's own. Ends with 0 only when all of that was seen.
 #
 #   tools/demo.sh [--build DIR]    programs from DIR, default build/release or build/debug
 #   tools/demo.sh --real           the devices of the machine's own network instead, vexcp only
@@ -144,4 +144,20 @@ say "\$ vexcp scpd $udn RenderingControl"
 head -n 8 "$work/scpd"
 grep -q 'SetVolume(InstanceID: ui4, Channel: string, DesiredVolume: ui2)' "$work/scpd" ||
   fail "no SetVolume in the service description"
+
+# fetch_tone UDN: a file of the media server, compared with the one it serves.
+fetch_tone() {
+  say "\$ vexcp browse $1 music"
+  "$build/vexcp" browse "$1" music --json >"$work/music"
+  local url
+  url=$(sed -n 's/.*"url":"\([^"]*\)".*/\1/p' "$work/music")
+  [ -n "$url" ] || fail "the media server has no music"
+  say "\$ vexcp get $url -o tone.wav"
+  "$build/vexcp" get "$url" -o "$work/tone.wav" || fail "the tone was not fetched"
+  (cd "$work" && sha256sum tone.wav)
+  cmp "$root/apps/vexsim/devices/mediaserver/media/tone.wav" "$work/tone.wav" ||
+    fail "the tone is not the one that is served"
+}
+fetch_tone "$(awk '/^Media & more /{print $NF}' "$work/tree")"
+
 say "All of it was seen."

@@ -1,5 +1,6 @@
 """The demo shows what it promises, and says so when it does not."""
 
+import hashlib
 import os
 import subprocess
 import tempfile
@@ -9,6 +10,7 @@ import unittest
 from support import BINARY_DIR, ROOT
 
 DEMO = os.path.join(ROOT, "tools", "demo.sh")
+TONE = os.path.join(ROOT, "apps", "vexsim", "devices", "mediaserver", "media", "tone.wav")
 
 
 def run(*arguments):
@@ -29,6 +31,9 @@ class DemoTest(unittest.TestCase):
         self.assertRegex(result.stdout,
                          r"(?s)SwitchPower:1  Status = 0\n.*newTargetValue=1.*\ndone\n"
                          r".*SwitchPower:1  Status = 1\n.*- Lamp  DimmableLight:1")
+        # The media server's file arrived whole.
+        with open(TONE, "rb") as tone:
+            self.assertIn(hashlib.sha256(tone.read()).hexdigest() + "  tone.wav", result.stdout)
 
     def test_it_fails_when_nothing_is_found(self):
         with tempfile.TemporaryDirectory() as build:
