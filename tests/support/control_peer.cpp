@@ -213,8 +213,7 @@ bool ControlPeer::Read(Connection& connection) {
   const ssize_t bytes = recv(connection.fd, buffer, sizeof(buffer), MSG_DONTWAIT);
   if (bytes < 0 && (errno == EAGAIN || errno == EINTR)) return true;
   if (bytes <= 0) {
-    close(connection.fd);
-    connection.fd = -1;
+    Close(connection);
     return false;
   }
   connection.input.append(buffer, static_cast<std::size_t>(bytes));
@@ -244,9 +243,16 @@ bool ControlPeer::Answer(Connection& connection) {
     const linger at_once{1, 0};
     setsockopt(connection.fd, SOL_SOCKET, SO_LINGER, &at_once, sizeof(at_once));
   }
+  Close(connection);
+  return false;
+}
+
+// A child process that is just being started may hold the socket still, so closing alone would
+// leave it watched.
+void ControlPeer::Close(Connection& connection) {
+  epoll_ctl(epoll_, EPOLL_CTL_DEL, connection.fd, nullptr);
   close(connection.fd);
   connection.fd = -1;
-  return false;
 }
 
 void ControlPeer::AnswerDue() {

@@ -90,6 +90,7 @@ class ControlPeer {
   // False when the connection is over.
   bool Read(Connection& connection);
   bool Answer(Connection& connection);
+  void Close(Connection& connection);
   void AnswerDue();
 
   const std::string ip_;
