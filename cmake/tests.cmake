@@ -40,6 +40,13 @@ endfunction()
 if(VEX_BUILD_TESTS)
   vex_test_program(unit_tests tests/unit)
   vex_test_program(scenario_tests tests/scenario ${CMAKE_CURRENT_SOURCE_DIR}/tools/in_netns)
+  # Many threads at once, for as long as VEX_STRESS_SECONDS says.
+  file(GLOB VEX_STRESS_SOURCES CONFIGURE_DEPENDS tests/stress/*.cpp)
+  add_executable(stress_tests ${VEX_STRESS_SOURCES})
+  target_link_libraries(stress_tests PRIVATE vex_test_support vex_flags)
+  add_test(NAME stress_tests
+           COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/tools/in_netns $<TARGET_FILE:stress_tests>)
+  set_tests_properties(stress_tests PROPERTIES ENVIRONMENT VEX_STRESS_SECONDS=6)
 endif()
 
 if(VEX_BUILD_BENCH)

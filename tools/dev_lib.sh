@@ -72,6 +72,10 @@ run_tests() {
     say "scenario tests ($preset)"
     tools/in_netns "build/$preset/scenario_tests" --gtest_brief=1 "$@"
   fi
+  if [ -x "build/$preset/stress_tests" ]; then
+    say "stress test ($preset)"
+    VEX_STRESS_SECONDS=${VEX_STRESS_SECONDS:-6} tools/in_netns "build/$preset/stress_tests" --gtest_brief=1
+  fi
 }
 
 dev_build() {
@@ -138,9 +142,10 @@ dev_check() {
   check_symbols
   local sanitizer
   for sanitizer in asan tsan; do
-    build "$sanitizer" unit_tests scenario_tests -- -DVEX_BUILD_APPS=OFF
+    build "$sanitizer" unit_tests scenario_tests stress_tests -- -DVEX_BUILD_APPS=OFF
     ASAN_OPTIONS=detect_leaks=1:detect_stack_use_after_return=1 UBSAN_OPTIONS=print_stacktrace=1 \
-      TSAN_OPTIONS=second_deadlock_stack=1:halt_on_error=0 \
+      TSAN_OPTIONS=detect_deadlocks=1:second_deadlock_stack=1:halt_on_error=0 \
+      VEX_STRESS_SECONDS=${VEX_STRESS_SECONDS:-60} \
       run_tests "$sanitizer" --gtest_filter='-*Slow*:*.Slow*'
   done
   say "all checks passed"
