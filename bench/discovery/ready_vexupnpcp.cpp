@@ -3,6 +3,9 @@
 
 #include <chrono>
 #include <cstdio>
+#include <mutex>
+#include <set>
+#include <string>
 #include <thread>
 
 #include "measure.h"
@@ -15,8 +18,24 @@ constexpr int kSsdpPort = 1900;
 constexpr int kSearchPort = 3900;
 constexpr int kDeviceAdded = 1;
 
-void OnDevice(int event, CPDeviceInfo*) {
-  if (event == kDeviceAdded) measure_ready();
+std::mutex seen_mutex;
+std::set<std::string> seen;
+
+void OnDevice(int event, CPDeviceInfo* device) {
+  if (event != kDeviceAdded) return;
+  const std::lock_guard<std::mutex> lock(seen_mutex);
+  if (seen.insert(device->udn).second) measure_ready();
+}
+
+// The search begins before the control point is registered, so the quickest devices may be ready
+// before there is anybody to tell.
+void TakeUpReadyOnes(int handle, const char* type) {
+  CPDeviceInfo* devices = nullptr;
+  if (GetDeviceList(handle, type, &devices) != 0) return;
+  for (CPDeviceInfo* device = devices; device != nullptr; device = device->next) {
+    OnDevice(kDeviceAdded, device);
+  }
+  FreeDeviceList(devices);
 }
 
 int Start(const char* interface_name) {
@@ -46,6 +65,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "vexupnpcp: no control point\n");
     return 1;
   }
+  TakeUpReadyOnes(handle, type);
   while (measure_done(&measure) == 0) std::this_thread::sleep_for(std::chrono::milliseconds(2));
   measure_print(&measure);
   UnRegisterCP(handle);

@@ -196,6 +196,7 @@ VEX_EXPORT void GenericCPSetUserAgent(const char* agent);
 VEX_EXPORT char* GenericCPGetUserAgent(void);
 
 /// Registers a control point of the host. No search is started for its types; see RescanNetwork.
+/// Devices that are ready already are not told; GetDeviceList gives them.
 ///
 /// @param types      What device_callback tells of, and what RescanNetwork looks for. Not null.
 /// @param callbacks  Copied. May be null: nothing is told then, and actions cannot be sent.
