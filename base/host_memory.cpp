@@ -6,6 +6,7 @@ namespace vex_upnp {
 
 char* CallocString(const std::string& text) {
   char* const copy = static_cast<char*>(std::calloc(text.size() + 1, 1));
+  // NOLINTNEXTLINE(bugprone-not-null-terminated-result): the last byte is zero already.
   if (copy != nullptr) std::memcpy(copy, text.data(), text.size());
   return copy;
 }

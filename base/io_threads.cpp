@@ -22,7 +22,7 @@ void StartPool(boost::thread_group& threads, io_service& io, int count, const st
   for (int i = 0; i < count; ++i) {
     std::unique_ptr<boost::thread> thread(StartNamedThread(name + std::to_string(i), body));
     threads.add_thread(thread.get());
-    thread.release();
+    static_cast<void>(thread.release());
   }
 }
 

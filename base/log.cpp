@@ -77,6 +77,7 @@ void WriteLine(const LogSite& site, int level, const char* tag, const char* form
   char text[kStackText];
   va_list arguments;
   va_start(arguments, format);
+  // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): va_start is two lines above.
   const int length = std::vsnprintf(text, sizeof(text), format, arguments);
   va_end(arguments);
   if (length < 0) return;

@@ -59,12 +59,16 @@ using log::LogSite;
 
 #define VEX_LOG_SITE (::vex_upnp::log::LogSite{__FILE_NAME__, __func__, __LINE__})
 
+// VEX_LOG_AT(site, level, tag, ...) is for lambdas, whose own name says nothing: they hand on the
+// place of the function around them.
+#define VEX_LOG_AT(site, level, tag, ...)                              \
+  do {                                                                 \
+    if (::vex_upnp::log::IsOpen())                                     \
+      ::vex_upnp::log::WriteLine((site), (level), (tag), __VA_ARGS__); \
+  } while (false)
+
 // VEX_LOG(kLogMajor, kTag, "Bind Error : %s!", text): arguments are not evaluated when nobody
 // listens. Text from outside goes through "%s" only.
-#define VEX_LOG(level, tag, ...)                                             \
-  do {                                                                       \
-    if (::vex_upnp::log::IsOpen())                                           \
-      ::vex_upnp::log::WriteLine(VEX_LOG_SITE, (level), (tag), __VA_ARGS__); \
-  } while (false)
+#define VEX_LOG(level, tag, ...) VEX_LOG_AT(VEX_LOG_SITE, level, tag, __VA_ARGS__)
 
 #endif  // VEXUPNPCP_BASE_LOG_H_

@@ -74,6 +74,7 @@ void TerminateWhenIdle(boost::shared_ptr<T>& instance, boost::mutex& singleton_m
   boost::shared_ptr<T> ended;
   boost::unique_lock<boost::mutex> lock(singleton_mutex);
   while (instance && !((*instance).*count).ShutDownWhenIdle()) {
+    // NOLINTNEXTLINE(performance-unnecessary-copy-initialization): holds it without the lock.
     const boost::shared_ptr<T> waiting_for = instance;
     lock.unlock();
     on_wait(*waiting_for);

@@ -534,6 +534,7 @@ unsigned long long HTTPInfo::GetBodyCost() const {
 
 unsigned long long HTTPInfo::GetHeldSize() const {
   return sizeof(HTTPInfo) + raw_header_.size() + header_spans_.size() * sizeof(HeaderSpan) +
+         // NOLINTNEXTLINE(bugprone-sizeof-expression): the list holds pointers.
          headers_.size() * (sizeof(NameValue) + sizeof(NameValue*)) + GetBodyCost();
 }
 

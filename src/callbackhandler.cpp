@@ -142,13 +142,14 @@ template <typename Job>
 void CallBackHandler::Post(IoPool& pool, Job job) {
   const boost::weak_ptr<CallBackHandler> handler = weak_from_this();
   const unsigned int stops = stops_;
-  boost::asio::post(*pool.io, [handler, stops, job] {
+  const LogSite site = VEX_LOG_SITE;
+  boost::asio::post(*pool.io, [handler, stops, job, site] {
     const boost::shared_ptr<CallBackHandler> self = handler.lock();
     if (!self || self->stops_ != stops) return;
     try {
       job(*self, stops);
     } catch (...) {
-      LogCurrentException(VEX_LOG_SITE, kLogMajor, kTag, "Exception in callback thread: %s",
+      LogCurrentException(site, kLogMajor, kTag, "Exception in callback thread: %s",
                           "Unknown Exception in callback thread");
     }
   });
@@ -292,7 +293,7 @@ void CallBackHandler::RefuseRequest(void* session_context) {
   }
   const int length = static_cast<int>(answer->size());
   if (ServerManager::SendResponsePacket(answer.get(), length, session_context) == result::kOk) {
-    answer.release();
+    static_cast<void>(answer.release());
   }
 }
 

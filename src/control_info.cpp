@@ -102,7 +102,7 @@ ControlInfoList::Pointer ControlInfoList::get_by_action_id(int action_id) const 
 }
 
 ControlInfoList::Pointer ControlInfoList::remove_by_action_id(int action_id) {
-  const Pointer record = get_by_action_id(action_id);
+  Pointer record = get_by_action_id(action_id);
   if (record) actions_.remove(record);
   return record;
 }

@@ -153,7 +153,7 @@ void ControlRequestor::__RunTimer(int action_id) try {
   }
   record->timer_id = utils::Timer::Start(timing::Scaled(timing::kActionTimeoutMs),
                                          ActionRequestTimerCallback::OnTimerExpired, arg.get());
-  arg.release();
+  static_cast<void>(arg.release());
 } catch (...) {
   // The action has been sent; it only stays without a time-out.
   LogCurrentException(VEX_LOG_SITE, kLogMajor, kTagControl, "Exception: %s", "Unknown Exception");

@@ -55,12 +55,13 @@ void DatagramServer::async_receive() {
 }
 
 void DatagramServer::read_handler(const error_code& error, unsigned int generation) {
+  const LogSite site = VEX_LOG_SITE;
   RetryWithoutMemory([&] {
     boost::lock_guard<boost::mutex> lock(mutex_);
     if (generation != generation_) return;
     read_pending_ = false;
     if (closed_) {
-      VEX_LOG(kLogMajor, log::kTagNetwork, "stop state");
+      VEX_LOG_AT(site, kLogMajor, log::kTagNetwork, "stop state");
       Close();
       return;
     }

@@ -245,12 +245,14 @@ void DescriptionListener::DestroyInstance() {
   const boost::shared_ptr<DescriptionListener> ended = ExistingInstance();
   if (!ended) return;
   const void* const address = ended.get();
+  const LogSite site = VEX_LOG_SITE;
   int looked = ended->use_count_.value();
   VEX_LOG(kLogStep, kTag, "before destroy instance (%p)(%d)", address, looked);
   TerminateWhenIdle(m_instance_, singleton_mutex_, &DescriptionListener::use_count_,
-                    [&looked](DescriptionListener& instance) {
+                    [&looked, site](DescriptionListener& instance) {
                       const int now = instance.use_count_.value();
-                      if (now != looked) VEX_LOG(kLogStep, kTag, "use_count_ not zero, continue");
+                      if (now != looked)
+                        VEX_LOG_AT(site, kLogStep, kTag, "use_count_ not zero, continue");
                       looked = now;
                     });
   VEX_LOG(kLogStep, kTag, "destroy instance (%p)(%d)", address, ended->use_count_.value());
@@ -259,6 +261,7 @@ void DescriptionListener::DestroyInstance() {
 void DescriptionListener::Deleter(DescriptionListener* instance) {
   const void* const address = instance;
   delete instance;
+  // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDelete): the address is printed, not looked at.
   VEX_LOG(kLogStep, kTag, "DescriptionListener[%p] deleted!", address);
 }
 
@@ -323,7 +326,7 @@ void DescriptionListener::DeviceDescriptionReceived(CPDiscoveryManager& manager,
 
 // Null when the answer holds no description of a device that is asked for.
 boost::shared_ptr<Device> DescriptionListener::ReadDescription(utils::HTTPInfo* http_info) {
-  const boost::shared_ptr<Device> none;
+  boost::shared_ptr<Device> none;
   if (http_info == nullptr) {
     VEX_LOG(kLogMajor, kTag, "httpInfo is NULL");
     return none;

@@ -259,7 +259,6 @@ EmbeddedDeviceReader::Step EmbeddedDeviceReader::ReadOn(DomNode* node, bool in_d
       }
       StepBack(parser_);
       node = MoveToNext(parser_);
-      in_device_list = false;
     }
     for (; node != nullptr && ElementName(*node) != "deviceList"; node = MoveToNext(parser_)) {
       if (ReadChild(*node, device) != result::kOk) return Finish(result::kMalformedDocument);

@@ -160,7 +160,7 @@ bool DeviceList::Reserve(const boost::shared_ptr<Device>& device, std::size_t by
 }
 
 boost::shared_ptr<Device> DeviceList::Erase(Entries::iterator entry) {
-  const boost::shared_ptr<Device> device = entry->device;
+  boost::shared_ptr<Device> device = entry->device;
   const auto same = by_device_.equal_range(device.get());
   by_device_.erase(std::find_if(same.first, same.second,
                                 [&](const auto& indexed) { return indexed.second == entry; }));
@@ -233,7 +233,7 @@ boost::shared_ptr<Device> DeviceList::FindReady(const std::string& udn) const {
 }
 
 boost::shared_ptr<Device> DeviceList::GetDeviceByUdn(const std::string& udn) const {
-  const boost::shared_ptr<Device> device = FindReady(udn);
+  boost::shared_ptr<Device> device = FindReady(udn);
   if (device) VEX_LOG(kLogStep, kTag, "device udn matched");
   return device;
 }

@@ -43,7 +43,7 @@ int SendAnswer(const char* status_line, void* session_context) {
   }
   const int length = static_cast<int>(packet->size());
   const int sent = network_layer::SendResponsePacket(packet.get(), length, session_context);
-  if (sent == result::kOk) packet.release();
+  if (sent == result::kOk) static_cast<void>(packet.release());
   return sent;
 }
 

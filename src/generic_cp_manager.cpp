@@ -276,7 +276,7 @@ int GenericCPManager::SendAction(int handle, const std::string& udn,
     VEX_LOG(kLogMajor, kTagGenericCp, "SendAction Operation failed.");
     return CP_ERR_OPERATION_FAILED;
   }
-  context.release();
+  static_cast<void>(context.release());
   *action_id = id.front();
   info->action_ids.splice(info->action_ids.end(), id);
   return CP_ERR_NONE;
@@ -506,7 +506,7 @@ GenericCPManager::InfoPointer GenericCPManager::__TakeOut(int handle) {
   boost::lock_guard<boost::mutex> lock(map_mutex_);
   const auto found = registered_cps_.find(handle);
   if (found == registered_cps_.end()) return InfoPointer();
-  const InfoPointer taken = found->second;
+  InfoPointer taken = found->second;
   registered_cps_.erase(found);
   return taken;
 }

@@ -59,22 +59,23 @@ int InitializeNetworkLayer() {
 }
 
 int StartNetworkLayer() {
-  return Guarded(VEX_LOG_SITE, [] {
+  const LogSite site = VEX_LOG_SITE;
+  return Guarded(site, [&site] {
     const boost::shared_ptr<CallBackHandler> handler = CallBackHandler::ExistingInstance();
     if (!handler) {
-      VEX_LOG(kLogMajor, kTag, "Error: CallBackHandler is NULL!");
+      VEX_LOG_AT(site, kLogMajor, kTag, "Error: CallBackHandler is NULL!");
       return result::kFailure;
     }
     handler->StartCallbackThreads();
     const boost::shared_ptr<ServerManager> servers = ServerManager::ExistingInstance();
     if (!servers) {
-      VEX_LOG(kLogMajor, kTag, "Error: ServerManager is NULL!");
+      VEX_LOG_AT(site, kLogMajor, kTag, "Error: ServerManager is NULL!");
       return result::kFailure;
     }
     servers->StartServerThreads(kTcpServerThreads, kUdpServerThreads, kMulticastServerThreads);
     const boost::shared_ptr<ClientManager> clients = ClientManager::ExistingInstance();
     if (!clients) {
-      VEX_LOG(kLogMajor, kTag, "Error: ClientManager is NULL!");
+      VEX_LOG_AT(site, kLogMajor, kTag, "Error: ClientManager is NULL!");
       return result::kFailure;
     }
     clients->StartClientThreads(kClientThreads);
@@ -83,15 +84,16 @@ int StartNetworkLayer() {
 }
 
 int StopNetworkLayer() {
-  return Guarded(VEX_LOG_SITE, [] {
-    VEX_LOG(kLogStep, kTag, "1: Calling StopClientThreads");
+  const LogSite site = VEX_LOG_SITE;
+  return Guarded(site, [&site] {
+    VEX_LOG_AT(site, kLogStep, kTag, "1: Calling StopClientThreads");
     const boost::shared_ptr<ClientManager> clients = ClientManager::ExistingInstance();
     if (clients) clients->StopClientThreads();
-    VEX_LOG(kLogStep, kTag, "2: StopClientThreads done");
-    VEX_LOG(kLogStep, kTag, "3: Calling StopServerThreads");
+    VEX_LOG_AT(site, kLogStep, kTag, "2: StopClientThreads done");
+    VEX_LOG_AT(site, kLogStep, kTag, "3: Calling StopServerThreads");
     const boost::shared_ptr<ServerManager> servers = ServerManager::ExistingInstance();
     if (servers) servers->StopServerThreads();
-    VEX_LOG(kLogStep, kTag, "4: Calling Stopcallback handler threads");
+    VEX_LOG_AT(site, kLogStep, kTag, "4: Calling Stopcallback handler threads");
     const boost::shared_ptr<CallBackHandler> handler = CallBackHandler::ExistingInstance();
     if (handler) handler->StopCallbackThreads();
     return result::kOk;
@@ -99,14 +101,15 @@ int StopNetworkLayer() {
 }
 
 int TerminateNetworkLayer() {
-  return Guarded(VEX_LOG_SITE, [] {
+  const LogSite site = VEX_LOG_SITE;
+  return Guarded(site, [&site] {
     NetworkInterface::DestroyInstance();
-    VEX_LOG(kLogStep, kTag, "NetworkInterface Destroyed");
+    VEX_LOG_AT(site, kLogStep, kTag, "NetworkInterface Destroyed");
     ClientManager::DestroyInstance();
     ServerManager::DestroyInstance();
-    VEX_LOG(kLogStep, kTag, "ServerManager Destroyed");
+    VEX_LOG_AT(site, kLogStep, kTag, "ServerManager Destroyed");
     CallBackHandler::DestroyInstance();
-    VEX_LOG(kLogStep, kTag, "CallBackHandler Destroyed, Exit");
+    VEX_LOG_AT(site, kLogStep, kTag, "CallBackHandler Destroyed, Exit");
     return result::kOk;
   });
 }

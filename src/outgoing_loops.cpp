@@ -32,7 +32,7 @@ void OutgoingLoops::Start(int count, const std::string& prefix, const std::strin
     std::unique_ptr<boost::thread> thread(
         StartNamedThread(prefix + base_text + std::to_string(i), [&io] { io.run(); }));
     threads_.add_thread(thread.get());
-    thread.release();
+    static_cast<void>(thread.release());
     ++running_;
   }
 }

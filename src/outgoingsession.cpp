@@ -203,7 +203,7 @@ error_code OutgoingSession::__StartConnect(const tcp::endpoint& endpoint, bool i
   const int begun = ::connect(fd.get(), endpoint.data(), static_cast<socklen_t>(endpoint.size()));
   const error_code error = begun == 0 || errno == EINPROGRESS ? error_code() : LastError();
   socket_.assign(tcp::v4(), fd.get());
-  fd.release();
+  static_cast<void>(fd.release());
   return error;
 }
 

@@ -2,7 +2,6 @@
 #define VEXUPNPCP_SRC_PACKET_QUEUE_H_
 
 #include <cstddef>
-#include <deque>
 #include <list>
 #include <string>
 #include <unordered_map>
@@ -34,14 +33,14 @@ class PacketQueue {
   Entry Append(const std::string& key, const Packet& packet, std::size_t bytes) {
     boost::lock_guard<boost::mutex> lock(mutex_);
     if (packets_ >= most_packets_ || bytes > most_bytes_ - bytes_) return Entry::kRefused;
-    Waiting waiting{key, packet, bytes};
-    bool held_back = false;
-    if (!key.empty()) {
-      const auto lane = lanes_.try_emplace(key);
-      held_back = !lane.second;
-      if (held_back) lane.first->second.push_back(std::move(waiting));
-    }
-    if (!held_back) ready_.push_back(std::move(waiting));
+    // Whatever may fail for want of memory comes before anything is linked.
+    std::list<Waiting> waiting;
+    waiting.push_back({key, packet, bytes});
+    const auto lane = lanes_.find(key);
+    const bool held_back = lane != lanes_.end();
+    if (!held_back && !key.empty()) lanes_.try_emplace(key);
+    std::list<Waiting>& queue = held_back ? lane->second : ready_;
+    queue.splice(queue.end(), waiting);
     ++packets_;
     bytes_ += bytes;
     return held_back ? Entry::kHeldBack : Entry::kReady;
@@ -71,8 +70,7 @@ class PacketQueue {
       lanes_.erase(lane);
       return false;
     }
-    ready_.push_back(std::move(lane->second.front()));
-    lane->second.pop_front();
+    ready_.splice(ready_.end(), lane->second, lane->second.begin());
     return true;
   }
 
@@ -107,7 +105,7 @@ class PacketQueue {
   const std::size_t most_packets_;
   const std::size_t most_bytes_;
   mutable boost::mutex mutex_;
-  std::deque<Waiting> ready_ VEX_GUARDED_BY(mutex_);
+  std::list<Waiting> ready_ VEX_GUARDED_BY(mutex_);
   // One lane for each key of which a packet is ready or being handled: what came behind it.
   std::unordered_map<std::string, std::list<Waiting>> lanes_ VEX_GUARDED_BY(mutex_);
   std::size_t packets_ VEX_GUARDED_BY(mutex_) = 0;
