@@ -35,4 +35,5 @@ endif()
 
 if(VEX_BUILD_BENCH)
   add_subdirectory(bench/discovery)
+  add_subdirectory(bench/actions)
 endif()
