@@ -10,7 +10,8 @@ BUILD_PACKAGES="g++ cmake ninja-build ccache pkg-config
 PROGRAM_PACKAGES="libcli11-dev nlohmann-json3-dev"
 TEST_PACKAGES="libgtest-dev libgmock-dev iproute2 python3 gcc"
 CHECK_PACKAGES="git clang-14 clang-tidy-14 clang-format-14 libclang-rt-14-dev"
-BENCH_PACKAGES="libbenchmark-dev libpugixml-dev libxml2-dev libexpat1-dev"
+BENCH_PACKAGES="libbenchmark-dev libpugixml-dev libxml2-dev libexpat1-dev libgupnp-1.6-dev libupnp-dev
+  iproute2 python3"
 FUZZ_PACKAGES="clang-14 libclang-rt-14-dev libexpat1-dev"
 
 say() { printf '\n== %s\n' "$*"; }
@@ -198,6 +199,13 @@ dev_bench() {
     say "$(basename "$program")"
     tools/in_netns "$program"
   done
+  [[ actions_events != *"${1:-}"* ]] || dev_bench_control
+}
+
+# Actions and events, side by side with other control points.
+dev_bench_control() {
+  say "actions and events"
+  tools/two_hosts python3 bench/actions/run.py --build build/release --quick
 }
 
 dev_fuzz() {
