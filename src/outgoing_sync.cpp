@@ -15,6 +15,7 @@
 #include <vexupnpcp/result_codes.h>
 
 #include "base/current_exception.h"
+#include "base/limits.h"
 #include "base/log.h"
 #include "src/outgoing_address.h"
 #include "src/outgoing_limits.h"
@@ -128,18 +129,19 @@ int OutgoingSession::SendAndRecv(const std::string& data,
     VEX_LOG(kLogMajor, kTag, "Exception:%s", error.message().c_str());
     return result::kSocketFailed;
   }
+  char buffer[limits::kReceiveBuffer + 1];
   while (true) {
-    const ssize_t bytes = ReadSome(fd, data_, limits::kReceiveBuffer);
+    const ssize_t bytes = ReadSome(fd, buffer, limits::kReceiveBuffer);
     // A shutdown by the time-out reads like an end of the stream.
     if (bytes < 0 || (bytes == 0 && __IsStopped())) {
       VEX_LOG(kLogMajor, kTag, "Failed to read sync tcp response");
       return result::kSocketFailed;
     }
     if (bytes == 0) return result::kOk;
-    data_[bytes] = '\0';
+    buffer[bytes] = '\0';
     // KEPT: the parsing status stays as it is between two reads, so what stands behind a header
     // that was cut over two reads is not stored from the second of them.
-    const int parsed = utils::HTTPParser::Parse(data_, static_cast<unsigned int>(bytes), response);
+    const int parsed = utils::HTTPParser::Parse(buffer, static_cast<unsigned int>(bytes), response);
     if (parsed != result::kOk || !AnswerFits(*response)) {
       VEX_LOG(kLogMajor, kTag, "HTTP Parsing failed");
       return result::kBadHttp;

@@ -16,6 +16,7 @@
 #include "base/address_text.h"
 #include "base/current_exception.h"
 #include "base/io_threads.h"
+#include "base/limits.h"
 #include "base/log.h"
 #include "base/scoped_fd.h"
 #include "base/socket_close.h"
@@ -35,6 +36,8 @@ namespace {
 constexpr const char* kTag = log::kTagNetwork;
 // From this number on the process is short of descriptors.
 constexpr int kManyDescriptors = 449;
+// Reads of one session before the others of its loop have their turn.
+constexpr int kReadsAtOnce = 16;
 
 error_code LastError() { return error_code(errno, boost::system::system_category()); }
 
@@ -355,38 +358,71 @@ bool OutgoingSession::__ReadOn() {
 
 void OutgoingSession::__StartRead() {
   const boost::shared_ptr<OutgoingSession> self = shared_from_this();
-  socket_.async_read_some(boost::asio::buffer(data_, limits::kReceiveBuffer),
-                          [self](const error_code& error, std::size_t bytes) {
-                            self->__RunHandler([&] { self->CallbackRead(error, bytes); });
-                          });
+  socket_.async_wait(tcp::socket::wait_read, [self](const error_code& error) {
+    self->__RunHandler([&] { self->__OnReadable(error); });
+  });
 }
 
-void OutgoingSession::CallbackRead(const error_code& error, std::size_t bytes) {
-  if (ended_) return;
+// Most sessions only wait for their answers, so none has a buffer of its own: what has come is read
+// into one on the stack. A peer that sends without end doesn't keep the loop from the others.
+void OutgoingSession::__OnReadable(const error_code& error) {
+  char data[limits::kReceiveBuffer + 1];
+  std::size_t bytes = limits::kReceiveBuffer;
+  for (int reads = 0; reads < kReadsAtOnce && bytes == limits::kReceiveBuffer; ++reads) {
+    error_code failure = error;
+    bytes = 0;
+    if (!failure) bytes = __Receive(data, failure);
+    if (failure == boost::asio::error::would_block) break;
+    if (!CallbackRead(failure, data, bytes)) return;
+  }
+  if (!__ReadOn()) __OnBrokenConnection(boost::asio::error::operation_aborted);
+}
+
+std::size_t OutgoingSession::__Receive(char* data, error_code& error) {
+  boost::lock_guard<boost::mutex> lock(mutex_);
+  if (stopped_) {
+    error = boost::asio::error::operation_aborted;
+    return 0;
+  }
+  const ssize_t bytes = ::recv(socket_.native_handle(), data, limits::kReceiveBuffer, MSG_DONTWAIT);
+  if (bytes > 0) return static_cast<std::size_t>(bytes);
+  if (bytes == 0) {
+    error = boost::asio::error::eof;
+  } else {
+    error = errno == EINTR || errno == EAGAIN ? error_code(boost::asio::error::would_block)
+                                              : LastError();
+  }
+  return 0;
+}
+
+// True while more is to come.
+bool OutgoingSession::CallbackRead(const error_code& error, char* data, std::size_t bytes) {
+  if (ended_) return false;
   if (error == boost::asio::error::eof) {
     // Complete or not: this is how a body without a length ends.
     VEX_LOG(kLogStep, kTag, "EOF received from Peer -- Handle to UPnP for session %d", handler_id_);
     __HandOver();
-    return;
+    return false;
   }
   if (error || bytes == 0) {
     __OnBrokenConnection(error);
-    return;
+    return false;
   }
-  __TakeUp(bytes);
+  // The search for the first line's end wants it.
+  data[bytes] = '\0';
+  return __TakeUp(data, bytes);
 }
 
-void OutgoingSession::__TakeUp(std::size_t bytes) {
-  data_[bytes] = '\0';
-  const bool taken = utils::FeedParser(data_, bytes, http_info_) == result::kOk &&
+bool OutgoingSession::__TakeUp(const char* data, std::size_t bytes) {
+  const bool taken = utils::FeedParser(data, bytes, http_info_) == result::kOk &&
                      http_info_->GetState() != utils::MESSAGE_FAILED && AnswerFits(*http_info_);
   if (!taken) {
     std::string start_line;
     http_info_->GetStartLine(start_line);
-    VEX_LOG(kLogMajor, kTag, "PARSER FAILURE for data %s and start line is %s", data_,
+    VEX_LOG(kLogMajor, kTag, "PARSER FAILURE for data %s and start line is %s", data,
             start_line.empty() ? "\"\"" : start_line.c_str());
     __EndInFailure();
-    return;
+    return false;
   }
   if (IsInterim(*http_info_)) {
     // KEPT: a final answer behind it in the same read is lost.
@@ -394,12 +430,12 @@ void OutgoingSession::__TakeUp(std::size_t bytes) {
     http_info_->GetClientPort(port);
     http_info_->CleanInfo();
     http_info_->SetClientPort(port);
-  } else if (http_info_->GetState() == utils::MESSAGE_COMPLETE) {
-    VEX_LOG(kLogStep, kTag, "Recived Response -- Handle to UPnP for session %d", handler_id_);
-    __HandOver();
-    return;
+    return true;
   }
-  if (!__ReadOn()) __OnBrokenConnection(boost::asio::error::operation_aborted);
+  if (http_info_->GetState() != utils::MESSAGE_COMPLETE) return true;
+  VEX_LOG(kLogStep, kTag, "Recived Response -- Handle to UPnP for session %d", handler_id_);
+  __HandOver();
+  return false;
 }
 
 // The requester gets a fault that looks like the device's own. Who has cancelled is not registered

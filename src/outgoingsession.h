@@ -14,7 +14,6 @@
 #include <vexupnpcp/httpinfo.h>
 
 #include "base/asio.h"
-#include "base/limits.h"
 #include "base/thread_marks.h"
 #include "src/outgoing_timeouts.h"
 #include "src/server_notify.h"
@@ -90,8 +89,10 @@ class OutgoingSession : public boost::enable_shared_from_this<OutgoingSession> {
 
   bool __ReadOn();
   void __StartRead() VEX_REQUIRES(mutex_);
-  void CallbackRead(const error_code& error, std::size_t bytes);
-  void __TakeUp(std::size_t bytes);
+  void __OnReadable(const error_code& error);
+  std::size_t __Receive(char* data, error_code& error);
+  bool CallbackRead(const error_code& error, char* data, std::size_t bytes);
+  bool __TakeUp(const char* data, std::size_t bytes);
   void __OnBrokenConnection(const error_code& error);
 
   bool __ClaimEnd() { return !ended_.exchange(true); }
@@ -136,9 +137,6 @@ class OutgoingSession : public boost::enable_shared_from_this<OutgoingSession> {
   boost::shared_ptr<OutgoingSession> self_ VEX_GUARDED_BY(mutex_);
   std::unique_ptr<tcp::resolver> resolver_ VEX_GUARDED_BY(mutex_);
   tcp::socket socket_ VEX_GUARDED_BY(mutex_);
-
-  // Not cleared: the NUL that a search for the first line's end wants is put behind each read.
-  char data_[limits::kReceiveBuffer + 1];
 };
 
 }  // namespace network_layer
