@@ -1,10 +1,10 @@
 #include "src/device_list.h"
 
 #include <algorithm>
+#include <string_view>
 #include <utility>
 #include <vector>
 
-#include <boost/regex.hpp>
 #include <boost/thread/lock_guard.hpp>
 
 #include <vexupnpcp/network_layer.h>
@@ -56,6 +56,34 @@ std::size_t Footprint(const Device& device) {
     bytes += device.description_xml->size();
   }
   return bytes;
+}
+
+bool IsLetter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
+bool IsTypeLetter(char c) { return IsLetter(c) || c == '|'; }
+bool IsDomainLetter(char c) { return IsTypeLetter(c) || c == '-'; }
+
+// Takes a run of one letter or more off the front of `text`.
+bool TakeRun(std::string_view& text, bool (*is_wanted)(char)) {
+  const auto end = std::find_if_not(text.begin(), text.end(), is_wanted);
+  if (end == text.begin()) return false;
+  text.remove_prefix(static_cast<std::size_t>(end - text.begin()));
+  return true;
+}
+
+bool TakeText(std::string_view& text, std::string_view wanted) {
+  if (text.substr(0, wanted.size()) != wanted) return false;
+  text.remove_prefix(wanted.size());
+  return true;
+}
+
+// "urn:", a domain of letters and hyphens, ":device:", a type of letters, ":", a version.
+//
+// KEPT: a bar passes for a letter; and only one digit of version fits, though the devices themselves
+// may have more.
+bool IsVendorType(std::string_view type) {
+  return TakeText(type, "urn:") && TakeRun(type, &IsDomainLetter) && TakeText(type, ":device:") &&
+         TakeRun(type, &IsTypeLetter) && TakeText(type, ":") && type.size() == 1 &&
+         type[0] >= '0' && type[0] <= '9';
 }
 
 // The addresses with a running streaming session, and the kind of session.
@@ -284,12 +312,8 @@ void DeviceList::AddAcceptedDevice(const std::string& type) {
     VEX_LOG(kLogStep, kTag, "it's root device");
     return;
   }
-  if (type.compare(0, sizeof(kForumDeviceType) - 1, kForumDeviceType) != 0) {
-    // KEPT: the bars stand inside the sets, so they are allowed in the text; and only one digit of
-    // version fits, though the devices themselves may have more.
-    static const boost::regex vendor_type("urn:[a-z|A-Z|-]+:device:[a-z|A-Z]+:[0-9]");
-    if (!boost::regex_match(type, vendor_type)) return;
-  }
+  const bool is_forum_type = type.compare(0, sizeof(kForumDeviceType) - 1, kForumDeviceType) == 0;
+  if (!is_forum_type && !IsVendorType(type)) return;
   VEX_LOG(kLogStep, kTag, "accepted device_type:[%s]", type.c_str());
   // Registering the same type for years must not make the list longer.
   const auto end = accepted_devices_.end();

@@ -6,7 +6,7 @@ cd "$(dirname "$0")/.."
 . tools/dev_lib.sh
 [ "$(id -u)" = 0 ] || echo "note: unpacking a root works as an ordinary user; installing the compilers needs sudo"
 KIT=${VEX_KIT:-${XDG_CACHE_HOME:-$HOME/.cache}/vexupnpcp-kit}
-ROOT_PACKAGES="libc6-dev libstdc++-12-dev libboost-thread-dev libboost-regex-dev libboost-filesystem-dev
+ROOT_PACKAGES="libc6-dev libstdc++-12-dev libboost-thread-dev libboost-filesystem-dev
   libboost-date-time-dev libboost-chrono-dev libboost-system-dev libboost-atomic-dev libgtest-dev libgmock-dev"
 mkdir -p "$KIT" build
 

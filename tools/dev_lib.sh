@@ -5,7 +5,7 @@ export CCACHE_BASEDIR=$PWD CCACHE_NOHASHDIR=1 CCACHE_MAXSIZE=${CCACHE_MAXSIZE:-4
 JOBS=${JOBS:-$(nproc)}
 
 BUILD_PACKAGES="g++ cmake ninja-build ccache pkg-config
-  libboost-thread-dev libboost-filesystem-dev libboost-regex-dev libboost-chrono-dev
+  libboost-thread-dev libboost-filesystem-dev libboost-chrono-dev
   libboost-date-time-dev"
 PROGRAM_PACKAGES="libcli11-dev nlohmann-json3-dev"
 TEST_PACKAGES="libgtest-dev libgmock-dev iproute2 python3 gcc"

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include <ctime>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -298,6 +299,25 @@ TEST_F(DeviceListTest, TypesThatAreEntered) {
     list_->AddAcceptedDevice(row.type);
     EXPECT_EQ(row.entered ? 1 : 0, log.Count("accepted device_type:[" + row.type + "]"))
         << row.type;
+  }
+}
+
+// The rule for other types, as an expression.
+TEST_F(DeviceListTest, VendorTypesAreEnteredByOneExpression) {
+  const std::regex expression("urn:[a-z|A-Z|-]+:device:[a-z|A-Z]+:[0-9]");
+  const std::string valid = "urn:a-Z:device:Fo|o:1";
+  const std::string letters("azAZ09:|-. u\0", 13);
+  LogCapture log;
+  for (std::size_t at = 0; at <= valid.size(); ++at) {
+    for (const char letter : letters) {
+      for (const std::size_t replaced : {0, 1, 2}) {
+        std::string type = valid;
+        type.replace(at, replaced, 1, letter);
+        log.Clear();
+        list_->AddAcceptedDevice(type);
+        EXPECT_EQ(std::regex_match(type, expression), log.Holds("accepted device_type:")) << type;
+      }
+    }
   }
 }
 
