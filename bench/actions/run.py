@@ -18,13 +18,13 @@ import subprocess
 import sys
 import time
 
-ADDRESS, PORT, SERVICES = "10.78.0.2", 49200, 50
+ADDRESS, PORT = "10.78.0.2", 49200
 PEERS = ("libupnp", "gupnp")
-# name, kind, width, count
-CASES = [("actions, one at a time", "actions", 1, 8000),
-         ("actions, 64 in flight", "actions", 64, 16000),
-         ("events, 1 subscription", "events", 1, 8000),
-         ("events, 50 subscriptions", "events", 50, 20000)]
+# name, kind, width, count, services of the device
+CASES = [("actions, one at a time", "actions", 1, 8000, 3),
+         ("actions, 64 in flight", "actions", 64, 16000, 3),
+         ("events, 1 subscription", "events", 1, 8000, 3),
+         ("events, 50 subscriptions", "events", 50, 20000, 50)]
 PROGRAMS = {"actions": ("bare", "vexupnpcp", "control", "libupnp", "gupnp"),
             "events": ("bare", "vexupnpcp", "gupnp")}
 ATTEMPTS = 3
@@ -62,17 +62,24 @@ def measure(build, kind, program, width, count):
 
 
 def run_case(build, case, repeat):
-    name, kind, width, count = case
+    name, kind, width, count, services = case
     # Against 50 subscriptions at full speed GUPnP loses events and does not come to an end.
     programs = [program for program in PROGRAMS[kind]
                 if not (program == "gupnp" and kind == "events" and width > 1) and
                 os.path.exists(os.path.join(build, "%s_%s" % (kind, program)))]
     runs = {program: [] for program in programs}
+    device = subprocess.Popen(on_devices([os.path.join(build, "fast_device"), ADDRESS, str(PORT),
+                                          str(services)]),
+                              stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+    device.stdout.readline()
     for turn in range(repeat):
         for program in programs[turn % len(programs):] + programs[:turn % len(programs)]:
             result = measure(build, kind, program, width, count)
             if result is not None:
                 runs[program].append(result)
+    device.stdin.close()
+    device.wait()
+    device.stdout.close()
     return {"case": name, "kind": kind, "width": width, "runs": runs}
 
 
@@ -112,17 +119,11 @@ def main():
     if "ON_DEVICES" not in os.environ:
         sys.exit("run.py: to be started by tools/two_hosts")
     spare_ports()
-    device = subprocess.Popen(on_devices([os.path.join(options.build, "fast_device"), ADDRESS,
-                                          str(PORT), str(SERVICES)]),
-                              stdin=subprocess.PIPE, stdout=subprocess.PIPE)
-    device.stdout.readline()
     results = []
     for case in CASES:
         if options.only in case[0]:
             results.append(run_case(options.build, case, 3 if options.quick else options.repeat))
             print_case(results[-1])
-    device.stdin.close()
-    device.wait()
     if options.json:
         with open(options.json, "w", encoding="utf-8") as file:
             json.dump({"date": time.strftime("%Y-%m-%dT%H:%M:%SZ", time.gmtime()),
