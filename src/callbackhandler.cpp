@@ -1,6 +1,7 @@
 #include "src/callbackhandler.h"
 
 #include <memory>
+#include <new>
 #include <utility>
 
 #include <boost/thread/exceptions.hpp>
@@ -331,14 +332,23 @@ void CallBackHandler::HandleAnswers(unsigned int stops) {
   int session_id = 0;
   bool call_another = false;
   while (stops_ == stops && TakeAnswered(session_id, call_another)) {
+    // The listener may take its time, so what waits behind this answer gets a thread of its own.
+    if (call_another) CallAnother();
     try {
-      // The listener may take its time, so what waits behind this answer gets a thread of its own.
-      if (call_another) PostResponseJob();
       InvokeUpperLayerResponseHandler(session_id);
     } catch (...) {
       LogCurrentException(VEX_LOG_SITE, kLogMajor, kTag, "Exception in callback thread: %s",
                           "Unknown Exception in callback thread");
     }
+  }
+}
+
+// Without memory for it the calling thread goes through what waits by itself.
+void CallBackHandler::CallAnother() {
+  try {
+    PostResponseJob();
+  } catch (const std::bad_alloc&) {
+    VEX_LOG(kLogDetail, kTag, "No memory to call another callback thread");
   }
 }
 

@@ -105,6 +105,7 @@ class CallBackHandler : public VEXUncopyable,
   bool InvokeUpperLayerUDPRequestListener();
   void InvokeUpperLayerResponseHandler(int session_id);
   void HandleAnswers(unsigned int stops);
+  void CallAnother();
   bool TakeAnswered(int& session_id, bool& call_another);
   void HandleTcpRequest(stIncomingContext& packet);
   void HandleUdpRequest(IncomingDatagram& request);
