@@ -15,12 +15,18 @@ constexpr int kSsdpPort = 1900;
 constexpr int kSearchPort = 3900;
 
 sem_t found;
-std::string found_udn;
 
-void OnDevice(int event, CPDeviceInfo* device) {
-  if (event != 1 || !found_udn.empty()) return;
-  found_udn = device->udn;
-  sem_post(&found);
+void OnDevice(int event, CPDeviceInfo*) {
+  if (event == 1) sem_post(&found);
+}
+
+// Empty when no device is ready yet.
+std::string FirstDevice(int handle) {
+  CPDeviceInfo* list = nullptr;
+  if (GetDeviceList(handle, "upnp:rootdevice", &list) != 0) return std::string();
+  std::string udn = list->udn;
+  FreeDeviceList(list);
+  return udn;
 }
 
 void Check(int result, const char* what) {
@@ -43,8 +49,8 @@ BenchHost::BenchHost(const char* interface_name, ControlPointCalbacks callbacks)
   char type[] = "upnp:rootdevice";
   CPDeviceTypeInfo types{type, nullptr};
   Check(RegisterCP(&types, &callbacks, &handle_), "RegisterCP");
-  sem_wait(&found);
-  udn_ = found_udn;
+  // It may have become ready before the callback was registered, which is not told then.
+  for (udn_ = FirstDevice(handle_); udn_.empty(); udn_ = FirstDevice(handle_)) sem_wait(&found);
 }
 
 BenchHost::~BenchHost() {
