@@ -415,6 +415,28 @@ int HTTPInfo::StoreData(const char* data, const unsigned int& length) {
   return AppendPiece(data, size, size) ? result::kOk : FailForMemory();
 }
 
+// Takes a block over instead of copying it. False, with nothing changed, where its bytes would not
+// be all that there is of them: behind a header, between chunks, at the end of a message.
+bool HTTPInfo::AdoptData(char* block, unsigned int length) {
+  const bool plain = encoding_ == ENC_CONTENT_LENGTH || encoding_ == ENC_UNTIL_CLOSE;
+  if (!plain || status_ != HEADER_COMPLETE || state_ != MESSAGE_INCOMPLETE || body_offset_ != 0) {
+    return false;
+  }
+  if (encoding_ == ENC_CONTENT_LENGTH && content_length_ - processed_length_ < length) return false;
+  try {
+    body_pieces_.emplace_back();
+  } catch (const std::exception&) {
+    return false;
+  }
+  body_pieces_.back().data.reset(block);
+  body_pieces_.back().length = length;
+  piece_room_ = 0;
+  body_size_ += length;
+  LimitToEncoding(length);
+  parsing_status_ = PARSING_CONTINUE;
+  return true;
+}
+
 // The chunks of one buffer share a block, which has room for all that the buffer can still hold: a
 // buffer becomes one piece, however small its chunks are.
 int HTTPInfo::StoreChunk(const char* data, unsigned int length, unsigned int left_in_buffer) {

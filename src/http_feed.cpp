@@ -16,5 +16,9 @@ int FeedParser(const char* data, std::size_t size, boost::shared_ptr<HTTPInfo>& 
   return parse_result;
 }
 
+bool AdoptBlock(char* block, std::size_t size, HTTPInfo& info) {
+  return size > 0 && size <= UINT_MAX && info.AdoptData(block, static_cast<unsigned int>(size));
+}
+
 }  // namespace utils
 }  // namespace vex_upnp

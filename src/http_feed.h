@@ -18,6 +18,10 @@ namespace utils {
 // Not for the blocking read of a request, which looks at the parsing status itself.
 int FeedParser(const char* data, std::size_t size, boost::shared_ptr<HTTPInfo>& info);
 
+// The same for a block from malloc, which the message takes over where it can do so without a copy:
+// true, and the block is the message's. False when it has to be copied by FeedParser.
+bool AdoptBlock(char* block, std::size_t size, HTTPInfo& info);
+
 }  // namespace utils
 }  // namespace vex_upnp
 

@@ -265,7 +265,18 @@ std::size_t OutgoingSession::__RescueBytes(const error_code& error, std::size_t 
   return bytes;
 }
 
+// A block that is well filled goes to the host as it was read.
+bool OutgoingSession::__HandOver(std::size_t bytes) {
+  if (bytes <= kMediaBlock / 2) return false;
+  FreePtr<char> next(static_cast<char*>(std::malloc(kMediaBlock + 1)));
+  if (!next || !utils::AdoptBlock(buffer_.get(), bytes, *http_info_)) return false;
+  static_cast<void>(buffer_.release());
+  buffer_.swap(next);
+  return true;
+}
+
 bool OutgoingSession::__Parse(std::size_t bytes) {
+  if (__HandOver(bytes)) return true;
   buffer_.get()[bytes] = '\0';
   if (utils::FeedParser(buffer_.get(), static_cast<unsigned int>(bytes), http_info_) ==
       result::kOk) {

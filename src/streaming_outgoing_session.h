@@ -70,6 +70,7 @@ class OutgoingSession : public VEXUncopyable,
   void __ReadBody();
   std::size_t __RescueBytes(const error_code& error, std::size_t bytes, bool& gone);
   bool __Parse(std::size_t bytes);
+  bool __HandOver(std::size_t bytes);
   void __SettleFraming(const ResHeaderInfo& header);
   void __HandleContinue(ResHeaderInfo* header, bool gone);
   void __HandleResponse(ResHeaderInfo* header, bool gone);
@@ -79,7 +80,7 @@ class OutgoingSession : public VEXUncopyable,
   const FreePtr<ClientAppCallbacks> callbacks_;
   MediaSocket socket_;
   // Used on the socket's queue only.
-  const FreePtr<char> buffer_;
+  FreePtr<char> buffer_;
   boost::shared_ptr<utils::HTTPInfo> http_info_;
   bool got_continue_ = false;
   bool has_length_ = false;

@@ -2,6 +2,7 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <utility>
 
@@ -9,6 +10,17 @@
 
 namespace vex_upnp {
 namespace streaming {
+
+namespace {
+
+// While a whole block is waited for, less is not worth a wake-up.
+constexpr std::size_t kWakeUpBytes = std::size_t{256} * 1024;
+// While bytes are at hand nobody waits for them: each wake-up would cost a change of threads.
+constexpr std::size_t kWakeUpNever = 0x7fffffff;
+// Blocks that one session may read before the others have their turn.
+constexpr int kReadsInARow = 8;
+
+}  // namespace
 
 MediaOptionResult SetMediaSocketOptions(tcp::socket& socket) {
   MediaOptionResult result;
@@ -50,8 +62,6 @@ bool MediaSocket::Adopt(tcp::socket& accepted) {
 }
 
 struct MediaSocket::Transfer {
-  enum class Kind { kReadSome, kReadAll, kWriteAll };
-  const Kind kind;
   char* const block;
   const std::size_t size;
   const Done done;
@@ -59,41 +69,79 @@ struct MediaSocket::Transfer {
 };
 
 void MediaSocket::ReadSome(void* block, std::size_t size, const Done& done) {
-  __Step(boost::shared_ptr<Transfer>(
-      new Transfer{Transfer::Kind::kReadSome, static_cast<char*>(block), size, done}));
+  socket_.async_read_some(boost::asio::buffer(block, size),
+                          [this, done](const error_code& error, std::size_t bytes) {
+                            queue_.Run([done, error, bytes] { done(error, bytes); });
+                          });
 }
 
 void MediaSocket::ReadAll(void* block, std::size_t size, const Done& done) {
-  __Step(boost::shared_ptr<Transfer>(
-      new Transfer{Transfer::Kind::kReadAll, static_cast<char*>(block), size, done}));
+  const boost::shared_ptr<Transfer> transfer(new Transfer{static_cast<char*>(block), size, done});
+  const auto read = [this, transfer] { __Read(transfer); };
+  if (++reads_in_a_row_ < kReadsInARow) {
+    queue_.Run(read);
+    return;
+  }
+  reads_in_a_row_ = 0;
+  boost::asio::post(socket_.get_executor(), [this, read] { queue_.Run(read); });
+}
+
+// Takes what is there without asking the event loop first: a fast peer is always ahead.
+void MediaSocket::__Read(const boost::shared_ptr<Transfer>& transfer) {
+  error_code error;
+  if (!socket_.non_blocking()) socket_.non_blocking(true, error);
+  __WakeFor(kWakeUpNever);
+  while (!error && transfer->moved < transfer->size) {
+    transfer->moved += socket_.read_some(
+        boost::asio::buffer(transfer->block + transfer->moved, transfer->size - transfer->moved),
+        error);
+  }
+  if (error != boost::asio::error::would_block && error != boost::asio::error::try_again) {
+    transfer->done(error, transfer->moved);
+    return;
+  }
+  reads_in_a_row_ = 0;
+  __WakeFor(std::min(transfer->size - transfer->moved, kWakeUpBytes));
+  // `done` keeps this socket.
+  socket_.async_wait(tcp::socket::wait_read, [this, transfer](const error_code& waited) {
+    queue_.Run([this, transfer, waited] {
+      if (waited) {
+        transfer->done(waited, transfer->moved);
+      } else {
+        __Read(transfer);
+      }
+    });
+  });
 }
 
 void MediaSocket::WriteAll(const void* block, std::size_t size, const Done& done) {
   // A write does not change the block.
   char* const bytes = const_cast<char*>(static_cast<const char*>(block));
-  __Step(boost::shared_ptr<Transfer>(new Transfer{Transfer::Kind::kWriteAll, bytes, size, done}));
+  __Write(boost::shared_ptr<Transfer>(new Transfer{bytes, size, done}));
 }
 
-void MediaSocket::__Step(const boost::shared_ptr<Transfer>& transfer) {
-  // `done` keeps this socket.
-  auto next = [this, transfer](const error_code& error, std::size_t bytes) {
-    queue_.Run([this, transfer, error, bytes] {
-      transfer->moved += bytes;
-      const bool whole = transfer->moved == transfer->size;
-      if (error || whole || transfer->kind == Transfer::Kind::kReadSome) {
-        transfer->done(error, transfer->moved);
-      } else {
-        __Step(transfer);
-      }
-    });
-  };
-  char* const rest = transfer->block + transfer->moved;
-  const std::size_t left = transfer->size - transfer->moved;
-  if (transfer->kind == Transfer::Kind::kWriteAll) {
-    socket_.async_write_some(boost::asio::buffer(rest, left), std::move(next));
-  } else {
-    socket_.async_read_some(boost::asio::buffer(rest, left), std::move(next));
-  }
+void MediaSocket::__Write(const boost::shared_ptr<Transfer>& transfer) {
+  socket_.async_write_some(
+      boost::asio::buffer(transfer->block + transfer->moved, transfer->size - transfer->moved),
+      [this, transfer](const error_code& error, std::size_t bytes) {
+        queue_.Run([this, transfer, error, bytes] {
+          transfer->moved += bytes;
+          if (error || transfer->moved == transfer->size) {
+            transfer->done(error, transfer->moved);
+          } else {
+            __Write(transfer);
+          }
+        });
+      });
+}
+
+void MediaSocket::__WakeFor(std::size_t bytes) {
+  if (bytes == wake_up_bytes_) return;
+  wake_up_bytes_ = bytes;
+  // Where the kernel refuses, it wakes more often than it has to.
+  error_code ignored;
+  socket_.set_option(boost::asio::socket_base::receive_low_watermark(static_cast<int>(bytes)),
+                     ignored);
 }
 
 bool MediaSocket::End(error_code& error) {

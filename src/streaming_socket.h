@@ -70,10 +70,16 @@ class MediaSocket {
   // One block on its way, in as many steps as the kernel takes. Asio's own composed operations
   // would take theirs outside of the queue.
   struct Transfer;
-  void __Step(const boost::shared_ptr<Transfer>& transfer);
+  void __Write(const boost::shared_ptr<Transfer>& transfer);
+  void __Read(const boost::shared_ptr<Transfer>& transfer);
+  // The kernel tells of new bytes when there are this many, or the stream has ended.
+  void __WakeFor(std::size_t bytes);
 
   tcp::socket socket_;
   HandlerQueue queue_;
+  // On the queue only.
+  std::size_t wake_up_bytes_ = 1;
+  int reads_in_a_row_ = 0;
   boost::mutex socket_mutex_;
   int descriptor_ VEX_GUARDED_BY(socket_mutex_) = kNoDescriptor;
   bool ended_ VEX_GUARDED_BY(socket_mutex_) = false;

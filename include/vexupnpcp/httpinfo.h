@@ -214,6 +214,7 @@ class VEX_EXPORT HTTPInfo : public VEXUncopyable {
 
  private:
   friend class HTTPParser;
+  friend bool AdoptBlock(char* block, std::size_t size, HTTPInfo& info);
 
   struct VEX_LOCAL FreeBlock {
     void operator()(char* block) const;
@@ -239,6 +240,7 @@ class VEX_EXPORT HTTPInfo : public VEXUncopyable {
   VEX_LOCAL void MakeRecords();
   VEX_LOCAL unsigned int LimitToEncoding(unsigned int length);
   VEX_LOCAL bool AppendPiece(const char* data, unsigned int length, unsigned int capacity);
+  VEX_LOCAL bool AdoptData(char* block, unsigned int length);
   VEX_LOCAL int StoreChunk(const char* data, unsigned int length, unsigned int left_in_buffer);
   VEX_LOCAL void ClosePiece();
   VEX_LOCAL int FailForMemory();

@@ -4,6 +4,8 @@
 
 #include <climits>
 #include <cstdint>
+#include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include <vexupnpcp/result_codes.h>
@@ -47,6 +49,55 @@ TEST(HttpFeed, NoMessageAndAnImpossibleSizeAreFailures) {
   InfoPtr info = boost::make_shared<HTTPInfo>();
   EXPECT_EQ(result::kFailure, FeedParser("x", static_cast<std::size_t>(UINT_MAX) + 1, info));
 #endif
+}
+
+class AdoptedBlock : public testing::Test {
+ protected:
+  void Feed(const std::string& text) {
+    ASSERT_EQ(result::kOk, FeedParser(text.data(), text.size(), info_));
+  }
+  // Whether the message took the block and handed the very same one out.
+  bool IsTaken(const std::string& bytes) {
+    char* const block = static_cast<char*>(std::malloc(bytes.size()));
+    std::memcpy(block, bytes.data(), bytes.size());
+    if (!AdoptBlock(block, bytes.size(), *info_)) {
+      std::free(block);
+      return false;
+    }
+    unsigned int size = 0;
+    char* const body = info_->GetBody(size);
+    EXPECT_EQ(block, body);
+    EXPECT_EQ(bytes, std::string(body, size));
+    std::free(body);
+    return true;
+  }
+  boost::shared_ptr<HTTPInfo> info_{new HTTPInfo};
+};
+
+TEST_F(AdoptedBlock, IsHandedOutWithoutACopyUntilTheLengthIsReached) {
+  Feed("HTTP/1.1 200 OK\r\nContent-Length: 8\r\n\r\n");
+  EXPECT_TRUE(IsTaken("abc"));
+  EXPECT_EQ(MESSAGE_INCOMPLETE, info_->GetState());
+  EXPECT_FALSE(IsTaken("too long"));
+  Feed("d");
+  unsigned int size = 0;
+  std::free(info_->GetBody(size));
+  EXPECT_TRUE(IsTaken("efgh"));
+  EXPECT_EQ(MESSAGE_COMPLETE, info_->GetState());
+  EXPECT_FALSE(IsTaken("i"));
+}
+
+TEST_F(AdoptedBlock, IsTakenByABodyThatEndsWithTheConnection) {
+  Feed("HTTP/1.0 200 OK\r\n\r\n");
+  EXPECT_TRUE(IsTaken("abc"));
+  EXPECT_TRUE(IsTaken("def"));
+  EXPECT_EQ(MESSAGE_INCOMPLETE, info_->GetState());
+}
+
+TEST_F(AdoptedBlock, IsRefusedWhereFramingMayBe) {
+  EXPECT_FALSE(IsTaken("HTTP/1.1 200 OK\r\n"));
+  Feed("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n");
+  EXPECT_FALSE(IsTaken("3\r\nabc\r\n"));
 }
 
 }  // namespace
