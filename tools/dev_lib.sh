@@ -132,7 +132,8 @@ need_lab_packages() {
     printf '#!/bin/sh\nexit 101\n' >"$policy"; chmod +x "$policy"; made=1
   fi
   need minidlna gerbera rygel rygel-playbin gupnp-tools gstreamer1.0-plugins-base \
-    gstreamer1.0-plugins-good dbus dbus-daemon xvfb xauth iproute2 nftables
+    gstreamer1.0-plugins-good dbus dbus-daemon xvfb xauth iproute2 nftables nginx-light curl wget \
+    ffmpeg
   [ -z "$made" ] || rm -f "$policy"
 }
 
@@ -201,6 +202,16 @@ dev_bench() {
   done
   [[ actions_events != *"${1:-}"* ]] || dev_bench_control
   [[ discovery != *"${1:-}"* ]] || dev_bench_discovery
+  [[ streaming != *"${1:-}"* ]] || dev_bench_streaming
+}
+# Beside curl and nginx, which belongs to the packages of the laboratory.
+dev_bench_streaming() {
+  say "streaming"
+  if ! command -v nginx >/dev/null || ! command -v curl >/dev/null; then
+    echo "needs nginx-light and curl; skipped"
+    return
+  fi
+  tools/two_hosts bench/streaming/run.py --build build/release --quick
 }
 
 # Actions and events, side by side with other control points.

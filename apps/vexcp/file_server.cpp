@@ -1,6 +1,7 @@
 #include "file_server.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -26,8 +27,8 @@ namespace st = vex_upnp::streaming;
 using vex_upnp::utils::HTTP_GET;
 using vex_upnp::utils::HTTP_HEAD;
 
-// One piece of a body; also what is read of a file at a time.
-constexpr std::size_t kPiece = 512 * 1024;
+// One piece of a body.
+constexpr std::size_t kPiece = 1024 * 1024;
 
 constexpr std::array<std::pair<const char*, const char*>, 26> kTypes{{
     {"mp4", "video/mp4"},
@@ -100,18 +101,42 @@ std::string MimeType(const std::string& name) {
   return "application/octet-stream";
 }
 
+// A file goes out from mapped memory, so that its bytes are copied once, into the socket. Only the
+// kernel touches them: a file that becomes shorter meanwhile fails the write and nothing else.
 struct FileServer::Transfer {
+  Transfer() = default;
+  Transfer(const Transfer&) = delete;
+  Transfer& operator=(const Transfer&) = delete;
   ~Transfer() {
+    Unmap();
     if (file >= 0) close(file);
-    std::free(block);
   }
+
+  void Unmap() {
+    if (mapped != nullptr) munmap(mapped, mapped_size);
+    mapped = nullptr;
+  }
+  // The next bytes, at most `size`; null when they cannot be had.
+  void* Next(std::size_t size) {
+    Unmap();
+    if (file < 0) return text.data() + next;
+    // A mapping begins on a page.
+    const std::size_t before = static_cast<std::size_t>(next % sysconf(_SC_PAGESIZE));
+    mapped_size = size + before;
+    void* const pages = mmap(nullptr, mapped_size, PROT_READ, MAP_SHARED | MAP_POPULATE, file,
+                             static_cast<off_t>(next - static_cast<long long>(before)));
+    if (pages == MAP_FAILED) return nullptr;
+    mapped = pages;
+    return static_cast<char*>(pages) + before;
+  }
+
   int file = -1;
   // Instead of a file.
   std::string text;
   long long next = 0;
   long long left = 0;
-  // Ours until it is handed over as the last one.
-  void* block = nullptr;
+  void* mapped = nullptr;
+  std::size_t mapped_size = 0;
 };
 
 struct FileServer::Answer {
@@ -223,6 +248,8 @@ FileServer::Answer FileServer::Find(const st::ReqHeaderInfo& request) const {
   answer.transfer->file = open(wanted.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   if (answer.transfer->file < 0 || fstat(answer.transfer->file, &info) != 0) return answer;
   if (S_ISDIR(info.st_mode)) {
+    close(answer.transfer->file);
+    answer.transfer->file = -1;
     answer.transfer->text = Listing(wanted);
     answer.size = static_cast<long long>(answer.transfer->text.size());
     answer.type = "text/html; charset=utf-8";
@@ -306,35 +333,19 @@ void FileServer::SendNext(const SessionKey& key) {
     if (found == transfers_.end()) return;
     transfer = found->second;
   }
-  if (transfer->block == nullptr) transfer->block = std::malloc(kPiece);
-  const std::size_t wanted =
+  const std::size_t size =
       static_cast<std::size_t>(std::min(transfer->left, static_cast<long long>(kPiece)));
-  ssize_t got = -1;
-  if (transfer->block != nullptr && !transfer->text.empty()) {
-    std::memcpy(transfer->block, transfer->text.data() + transfer->next, wanted);
-    got = static_cast<ssize_t>(wanted);
-  } else if (transfer->block != nullptr) {
-    got = pread(transfer->file, transfer->block, wanted, transfer->next);
-  }
-  const bool last = got <= 0 || got == transfer->left;
-  if (last) {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    transfers_.erase(key);
-  }
-  if (got <= 0) {
-    // The file cannot be read any more, or has become shorter: the client sees an early end.
-    st::StopServerTransfer(key.first, key.second);
-    return;
-  }
-  transfer->next += got;
-  transfer->left -= got;
-  void* const block = transfer->block;
-  // The last block is the library's.
-  if (last) transfer->block = nullptr;
-  const int code =
-      st::SendHTTPPayload(key.first, key.second, block, static_cast<unsigned int>(got), last);
-  if (code == 0) return;
-  if (last) std::free(block);
+  // The last payload passes to the library, and mapped memory cannot: an empty one ends the answer.
+  const bool last = size == 0;
+  void* const piece = last ? nullptr : transfer->Next(size);
+  transfer->next += static_cast<long long>(size);
+  transfer->left -= static_cast<long long>(size);
+  const bool sent =
+      (last || piece != nullptr) &&
+      st::SendHTTPPayload(key.first, key.second, piece, static_cast<unsigned int>(size), last) == 0;
+  if (sent && !last) return;
+  // Where the file cannot be read the client sees an early end.
+  if (!sent) st::StopServerTransfer(key.first, key.second);
   const std::lock_guard<std::mutex> lock(mutex_);
   transfers_.erase(key);
 }
