@@ -342,6 +342,25 @@ class ServeTest(MediaTest):
             os.path.basename(os.readlink(os.path.join(descriptors, fd))) == "big"
             for fd in os.listdir(descriptors))))
 
+    def test_a_file_that_becomes_shorter_ends_early_and_harms_nobody(self):
+        self.write("other", b"still here")
+        name = self.write("big", bytes(80000000))
+        served = self.serve(self.folder)
+        host, port = re.match(r"http://([0-9.]+):(\d+)", served.url).groups()
+        with socket.create_connection((host, int(port)), timeout=LIMIT_S) as connection:
+            connection.sendall(b"GET /big HTTP/1.1\r\n\r\n")
+            self.assertTrue(connection.recv(1000).startswith(b"HTTP/1.1 200 OK"))
+            os.truncate(name, 0)
+            got = 0
+            try:
+                while piece := connection.recv(1 << 20):
+                    got += len(piece)
+            except ConnectionResetError:
+                pass
+        self.assertLess(got, 80000000)
+        self.assertEqual(b"still here", self.ask(served.url + "other")[2])
+        self.assertEqual(0, served.stop())
+
     def test_what_cannot_be_served_says_why(self):
         result = run("serve", self.path("nothing"), "--interface", "eth0")
         self.assertEqual(2, result.returncode)
