@@ -12,7 +12,8 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 . "$root/tools/private_net.sh"
 
 packages="minidlna gerbera rygel rygel-playbin gupnp-tools gstreamer1.0-plugins-base
-gstreamer1.0-plugins-good dbus dbus-daemon xvfb xauth iproute2 nftables python3"
+gstreamer1.0-plugins-good dbus dbus-daemon xvfb xauth iproute2 nftables python3 nginx-light curl wget
+ffmpeg"
 
 print_packages() {
   cat <<T
@@ -22,7 +23,7 @@ network, so forbid that while they are installed:
   printf '#!/bin/sh\nexit 101\n' | sudo tee /usr/sbin/policy-rc.d && sudo chmod 755 /usr/sbin/policy-rc.d
   sudo apt-get install -y --no-install-recommends $(echo $packages)
   sudo rm /usr/sbin/policy-rc.d
-  sudo systemctl disable --now minidlna rygel 2>/dev/null
+  sudo systemctl disable --now minidlna rygel nginx 2>/dev/null
 T
 }
 
@@ -32,7 +33,8 @@ case $mode in
   packages) print_packages; exit 0 ;;
   *) sed -n 2,9p "$0" | cut -c3-; exit 2 ;;
 esac
-for program in minidlnad gerbera rygel gupnp-network-light xvfb-run dbus-run-session nft; do
+for program in minidlnad gerbera rygel gupnp-network-light xvfb-run dbus-run-session nft nginx curl wget \
+  ffprobe; do
   command -v "$program" >/dev/null || { echo "lab: $program is missing" >&2; print_packages >&2; exit 1; }
 done
 build=${VEX_BUILD_DIR:-}
@@ -56,5 +58,5 @@ T
   exit 0
 fi
 cd "$root/tests/lab"
-[ $# -gt 0 ] || set -- test_lab test_lab_control
+[ $# -gt 0 ] || set -- test_lab test_lab_control test_streaming_peers
 $on_cp python3 -m unittest -v "$@"
