@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -21,6 +22,7 @@
 #include "tests/support/discovery_rig.h"
 #include "tests/support/fake_device.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/process_state.h"
 #include "tests/support/ssdp_peer.h"
 #include "tests/support/timing_scaled.h"
 #include "tests/support/wait_until.h"
@@ -644,6 +646,31 @@ TEST_F(DiscoveryDescription, TheAnswerToTheSecondTryCounts) {
   DetailedDeviceInfo info;
   ASSERT_EQ(0, GetDeviceDetailInfo("uuid:a+localhost", &info));
   EXPECT_EQ(url, info.location);
+}
+
+// With many requests open at a time the oldest are dropped in silence; none of their devices is
+// lost.
+TEST(DiscoveryShortOfDescriptors, WhatWasDroppedComesWithTheSecondTry) {
+  constexpr std::size_t kDevices = 120;
+  std::unique_ptr<DiscoveryRig> rig;
+  {
+    const vex_test::ScopedDescriptorLimit limit(100);
+    rig = std::make_unique<DiscoveryRig>();
+  }
+  FasterTime faster(10);
+  LogCapture log;
+  DescriptionServer server("127.0.0.1");
+  DiscoveryRig::Register("upnp:rootdevice");
+  for (std::size_t i = 0; i < kDevices; ++i) {
+    const std::string number = std::to_string(i);
+    const std::string url = ServeDevice(server, "/" + number, Plain("uuid:" + number, 0));
+    server.Hold("/" + number);
+    DiscoveryRig::Receive(Alive("uuid:" + number, url));
+  }
+  EXPECT_TRUE(log.Holds("too many outgoing session, delete : 7"));
+  for (std::size_t i = 0; i < kDevices; ++i) server.Release("/" + std::to_string(i));
+  EXPECT_TRUE(WaitUntil([] { return DiscoveryRig::EventLog().size() >= kDevices; }));
+  EXPECT_EQ(kDevices, ListSize());
 }
 
 TEST_F(DiscoveryDescription, ASilentServiceLosesTheDeviceAfterTwoTries) {
