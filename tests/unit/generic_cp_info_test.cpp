@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
+#include <list>
 #include <string>
 #include <thread>
 
@@ -43,6 +44,9 @@ class GenericCPInfoTest : public testing::Test {
     handle->leaving = true;
   }
 
+  std::list<int>& ActionIds() VEX_NO_THREAD_SAFETY_ANALYSIS { return info_.action_ids; }
+  bool IsClosed() VEX_NO_THREAD_SAFETY_ANALYSIS { return info_.closed; }
+
   GenericCPInfo info_;
 };
 
@@ -75,18 +79,18 @@ TEST_F(GenericCPInfoTest, HandlesAreFoundByTheirExactPair) {
 }
 
 TEST_F(GenericCPInfoTest, OneIdIsRemovedAtATime) {
-  info_.action_ids = {4, 5, 4};
+  ActionIds() = {4, 5, 4};
   info_.RemoveActionId(9);
   info_.RemoveActionId(4);
-  EXPECT_THAT(info_.action_ids, ElementsAre(5, 4));
+  EXPECT_THAT(ActionIds(), ElementsAre(5, 4));
 }
 
 TEST_F(GenericCPInfoTest, CancellingLeavesTheIdsListedAndLetsNothingIn) {
-  info_.action_ids = {4, 5};
-  EXPECT_FALSE(info_.closed);
+  ActionIds() = {4, 5};
+  EXPECT_FALSE(IsClosed());
   info_.CancelAllActions();
-  EXPECT_THAT(info_.action_ids, ElementsAre(4, 5));
-  EXPECT_TRUE(info_.closed);
+  EXPECT_THAT(ActionIds(), ElementsAre(4, 5));
+  EXPECT_TRUE(IsClosed());
 }
 
 TEST_F(GenericCPInfoTest, ASuccessfulEndTakesTheHandleOffTheList) {

@@ -2,8 +2,11 @@
 
 #include <gmock/gmock.h>
 
+#include <new>
 #include <string>
 #include <vector>
+
+#include "tests/support/fail_alloc.h"
 
 namespace vex_upnp {
 namespace network_layer {
@@ -92,6 +95,43 @@ TEST(PacketQueue, RefusedPacketDoesNotHoldBackItsKey) {
   std::string key;
   TakeOne(queue, key);
   EXPECT_EQ(Queue::Entry::kReady, queue.Append("a", 3, 1));
+}
+
+// Long enough for a copy of it to need memory.
+const char kLongKey[] = "192.168.100.100:49152/upnp/event/0123456789";
+
+TEST(PacketQueue, AnAppendThatFailsForWantOfMemoryLeavesTheKeyOpen) {
+  const std::string key = kLongKey;
+  const int failed = vex_test::EachAllocationFails(
+      [&] {
+        Queue queue(10, 100);
+        bool taken_in = true;
+        try {
+          queue.Append(key, 1, 1);
+        } catch (const std::bad_alloc&) {
+          taken_in = false;
+        }
+        vex_test::SuspendFailAlloc(true);
+        EXPECT_EQ(taken_in ? 1U : 0U, queue.size());
+        if (!taken_in) EXPECT_EQ(Queue::Entry::kReady, queue.Append(key, 1, 1));
+        std::string taken;
+        EXPECT_EQ(1, TakeOne(queue, taken));
+        vex_test::SuspendFailAlloc(false);
+      },
+      [](bool) {});
+  EXPECT_GE(failed, 3);
+}
+
+TEST(PacketQueue, FinishingNeedsNoMemory) {
+  const std::string key = kLongKey;
+  Queue queue(10, 100);
+  queue.Append(key, 1, 1);
+  queue.Append(key, 2, 1);
+  std::string taken;
+  EXPECT_EQ(1, TakeOne(queue, taken));
+  const vex_test::FailAlloc fail(1);
+  EXPECT_TRUE(queue.Finish(key));
+  EXPECT_FALSE(fail.Failed());
 }
 
 TEST(PacketQueue, TakeAllGivesReadyAndHeldBackPacketsAndMakesRoom) {
