@@ -1,5 +1,6 @@
 #include "src/callbackhandler.h"
 
+#include <algorithm>
 #include <memory>
 #include <new>
 #include <utility>
@@ -231,8 +232,21 @@ int CallBackHandler::InvokeResponseHandler(const int& session_id,
     if (response_job_posted_) return result::kOk;
     response_job_posted_ = true;
   }
-  PostResponseJob();
+  try {
+    PostResponseJob();
+  } catch (...) {
+    // Unless a thread that was at work has taken it, the answer counts as not handed over.
+    if (Withdraw(session_id)) throw;
+  }
   return result::kOk;
+}
+
+bool CallBackHandler::Withdraw(int session_id) {
+  boost::lock_guard<boost::mutex> lock(response_mutex_);
+  const auto answered = std::find(answered_.begin(), answered_.end(), session_id);
+  if (answered == answered_.end()) return false;
+  answered_.erase(answered);
+  return true;
 }
 
 void CallBackHandler::CountDroppedDatagram() {

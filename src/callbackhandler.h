@@ -104,6 +104,8 @@ class CallBackHandler : public VEXUncopyable,
   bool InvokeUpperLayerTCPRequestListener();
   bool InvokeUpperLayerUDPRequestListener();
   void InvokeUpperLayerResponseHandler(int session_id);
+  // Takes back an answer that no thread has taken; whether it was still waiting.
+  bool Withdraw(int session_id);
   void HandleAnswers(unsigned int stops);
   void CallAnother();
   bool TakeAnswered(int& session_id, bool& call_another);
