@@ -122,6 +122,7 @@ void FreeBelow(DomNode& root) {
     MakeDomTree::FreeDomNode(current);
     current = next != nullptr ? next : (parent == &root ? nullptr : parent);
   }
+  // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDelete): what was freed had been unlinked before.
   for (DomNode* left = root.firstChild; left != nullptr; left = left->nextSibling) {
     left->parentNode = nullptr;
   }

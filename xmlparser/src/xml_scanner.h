@@ -119,15 +119,11 @@ inline bool XmlScanner::StaysInRun(const char* at) const {
 inline int XmlScanner::TakeRun() {
   // The first character belongs to the run even when it is a marked one, or nothing would move.
   char* at = cursor_ + 1;
-  while (at < end_) {
-    if (EmXmlParser::ends_run_[static_cast<unsigned char>(*at)] == 0) {
-      ++at;
-    } else if (*at != '\0' && StaysInRun(at)) {
-      ++at;
-    } else {
-      break;
-    }
-  }
+  const auto goes_on = [this](const char* next) {
+    return EmXmlParser::ends_run_[static_cast<unsigned char>(*next)] == 0 ||
+           (*next != '\0' && StaysInRun(next));
+  };
+  while (at < end_ && goes_on(at)) ++at;
   cursor_ = at;
   length_ = at - start_;
   return at < end_ && *at != '\0' ? kXmlTokenText : kXmlTokenEnd;
