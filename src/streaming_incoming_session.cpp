@@ -336,10 +336,11 @@ void IncomingSession::ShutDown() {
   if (!first) return;
   try {
     const boost::shared_ptr<IncomingSession> self = shared_from_this();
-    socket_.queue().Post([self] {
+    const LogSite site = VEX_LOG_SITE;
+    socket_.queue().Post([self, site] {
       error_code close_error;
       self->socket_.Close(close_error);
-      if (close_error) VEX_LOG(kLogMajor, kTagStreaming, "Error in closing TCP socket!");
+      if (close_error) VEX_LOG_AT(site, kLogMajor, kTagStreaming, "Error in closing TCP socket!");
     });
   } catch (const std::bad_alloc&) {
     // The socket has ended all the same; it closes with the session.

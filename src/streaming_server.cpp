@@ -117,13 +117,13 @@ void TCPServer::__Accept() {
   // The connection gets a socket of its own until the session has it on its queue: a stop at this
   // moment touches the session's.
   const boost::shared_ptr<tcp::socket> accepted(new tcp::socket(io_service_));
-  acceptor_.async_accept(*accepted, [self, accepted](const error_code& error) {
-    VEX_LOG(kLogStep, kTagStreaming, "Incoming connection");
+  const LogSite site = VEX_LOG_SITE;
+  acceptor_.async_accept(*accepted, [self, accepted, site](const error_code& error) {
+    VEX_LOG_AT(site, kLogStep, kTagStreaming, "Incoming connection");
     try {
       self->handle_accept(error, accepted);
     } catch (...) {
-      LogCurrentException(VEX_LOG_SITE, kLogMajor, kTagStreaming, "Exception: %s",
-                          "Unknown Exception");
+      LogCurrentException(site, kLogMajor, kTagStreaming, "Exception: %s", "Unknown Exception");
     }
   });
 }

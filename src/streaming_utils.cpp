@@ -365,6 +365,7 @@ void FormChunkedPacket(char* out, const char* data, const unsigned int& length,
   std::memcpy(out, size_line, static_cast<std::size_t>(size_length));
   out += size_length;
   std::memcpy(out, data, length);
+  // NOLINTNEXTLINE(bugprone-not-null-terminated-result): bytes of a message, not a text.
   std::memcpy(out + length, kLineEnd, 2);
   total += static_cast<unsigned int>(size_length) + length + 2;
 }

@@ -99,7 +99,7 @@ SubscribeInfoList::Pointer SubscribeInfoList::get_by_nwsession_id(int session_id
 }
 
 SubscribeInfoList::Pointer SubscribeInfoList::remove_by_handlerid(int handler_id) {
-  const Pointer record = get_by_handlerid(handler_id);
+  Pointer record = get_by_handlerid(handler_id);
   if (record) {
     record->listener = nullptr;
     remove(record);

@@ -132,11 +132,12 @@ void TCPServer::CloseAcceptor() {
 void TCPServer::AsyncAccept() {
   const boost::shared_ptr<TCPServer> self = shared_from_this();
   const unsigned int generation = generation_;
-  acceptor_.async_wait(tcp::acceptor::wait_read, [self, generation](const error_code& error) {
+  const LogSite site = VEX_LOG_SITE;
+  acceptor_.async_wait(tcp::acceptor::wait_read, [self, generation, site](const error_code& error) {
     try {
       self->handle_accept(error, generation);
     } catch (...) {
-      LogCurrentException(VEX_LOG_SITE, kLogMajor, kTag, "Exception in handle_accept: %s",
+      LogCurrentException(site, kLogMajor, kTag, "Exception in handle_accept: %s",
                           "Unknown Exception in handle_accept");
       self->KeepAccepting(generation);
     }
@@ -155,11 +156,12 @@ void TCPServer::AcceptAfterPause() {
   const boost::shared_ptr<TCPServer> self = shared_from_this();
   const unsigned int generation = generation_;
   pause_.expires_after(std::chrono::milliseconds(timing::Scaled(timing::kAcceptPauseMs)));
-  pause_.async_wait([self, generation](const error_code&) {
+  const LogSite site = VEX_LOG_SITE;
+  pause_.async_wait([self, generation, site](const error_code&) {
     boost::lock_guard<boost::mutex> lock(self->mutex_);
     if (self->generation_ != generation) return;
     if (self->stopped_) {
-      VEX_LOG(kLogMajor, kTag, "Already stop() get the scoped_lock");
+      VEX_LOG_AT(site, kLogMajor, kTag, "Already stop() get the scoped_lock");
       return;
     }
     self->AsyncAccept();
@@ -209,7 +211,7 @@ TCPServer::SessionPointer TCPServer::AddSession(tcp::socket socket, unsigned int
   boost::lock_guard<boost::mutex> lock(mutex_);
   if (generation != generation_ || stopped_) return SessionPointer();
   const int id = static_cast<int>(next_session_id_++);
-  const SessionPointer session(
+  SessionPointer session(
       new IncomingTCPSession(std::move(socket), shared_from_this(), id, reading_));
   sessions_.emplace(id, session);
   return session;

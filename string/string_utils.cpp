@@ -151,6 +151,7 @@ bool StringUtils::GetHashValue(const std::string& text, std::string& hash) {
   std::uint32_t value = 0;
   for (const char c : text) {
     // The same on targets whose plain char is unsigned.
+    // NOLINTNEXTLINE(bugprone-signed-char-misuse): the sign is wanted.
     const std::int32_t byte = static_cast<signed char>(c);
     value = (value * 33U) ^ static_cast<std::uint32_t>(byte);
   }

@@ -46,7 +46,7 @@ class TimerService {
   TimerService() : work_(KeepRunning(io_service_)), timer_(io_service_) {}
 
   // The thread holds `self`, which is this object, until the loop has been stopped.
-  void StartThread(boost::shared_ptr<TimerService> self);
+  void StartThread(const boost::shared_ptr<TimerService>& self);
   void Stop();
 
   int Start(int duration, TimerCallback callback, void* arg);
@@ -85,7 +85,7 @@ class TimerService {
   std::unordered_map<int, Place> places_ VEX_GUARDED_BY(mutex_);
 };
 
-void TimerService::StartThread(boost::shared_ptr<TimerService> self) {
+void TimerService::StartThread(const boost::shared_ptr<TimerService>& self) {
   try {
     std::string prefix;
     ThreadNamePrefix(prefix);
