@@ -113,7 +113,9 @@ TEST(PacketQueue, AnAppendThatFailsForWantOfMemoryLeavesTheKeyOpen) {
         }
         vex_test::SuspendFailAlloc(true);
         EXPECT_EQ(taken_in ? 1U : 0U, queue.size());
-        if (!taken_in) EXPECT_EQ(Queue::Entry::kReady, queue.Append(key, 1, 1));
+        if (!taken_in) {
+          EXPECT_EQ(Queue::Entry::kReady, queue.Append(key, 1, 1));
+        }
         std::string taken;
         EXPECT_EQ(1, TakeOne(queue, taken));
         vex_test::SuspendFailAlloc(false);
