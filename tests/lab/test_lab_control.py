@@ -140,7 +140,8 @@ class ControlTest(LabCase):
 
     def check_first_events(self, services):
         """The first event of each service, once as lines and once as it came."""
-        text = self.vexcp("events", "--count", str(len(services)), "--json", "--seconds", "20")
+        text = self.vexcp("events", *services, "--count", str(len(services)), "--json",
+                          "--seconds", "20")
         events = [json.loads(line) for line in text.splitlines()]
         self.assertEqual(set(services), {event["service"].split(":")[-2] for event in events})
         for service in services:
