@@ -78,8 +78,8 @@ bool TakeText(std::string_view& text, std::string_view wanted) {
 
 // "urn:", a domain of letters and hyphens, ":device:", a type of letters, ":", a version.
 //
-// KEPT: a bar passes for a letter; and only one digit of version fits, though the devices themselves
-// may have more.
+// KEPT: a bar passes for a letter; and only one digit of version fits, though the devices
+// themselves may have more.
 bool IsVendorType(std::string_view type) {
   return TakeText(type, "urn:") && TakeRun(type, &IsDomainLetter) && TakeText(type, ":device:") &&
          TakeRun(type, &IsTypeLetter) && TakeText(type, ":") && type.size() == 1 &&

@@ -146,7 +146,7 @@ NowRequestingList::Entry* NowRequestingList::Find(const Pointer& request) {
 NowRequestingList::Pointer NowRequestingList::Unlink(Entries::iterator entry) {
   by_session_.erase(entry->second.session_id);
   by_timer_.erase(entry->second.timer_id);
-  const Pointer request = entry->second.request;
+  Pointer request = entry->second.request;
   entries_.erase(entry);
   return request;
 }

@@ -78,7 +78,7 @@ Rescans::RescanTimerPtr Rescans::Enter(const std::string& type, int& result) {
     return RescanTimerPtr();
   }
   try {
-    const RescanTimerPtr entry(new RescanTimer);
+    RescanTimerPtr entry(new RescanTimer);
     entry->device_type = type;
     rescan_timers_.push_back(entry);
     return entry;

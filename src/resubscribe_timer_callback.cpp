@@ -21,6 +21,7 @@ namespace {
 using log::kTagControl;
 
 void* ToArgument(int handler_id) {
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): the number travels in the argument itself.
   return reinterpret_cast<void*>(static_cast<std::intptr_t>(handler_id));
 }
 

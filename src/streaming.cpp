@@ -21,7 +21,7 @@ using log::kTagStreaming;
 namespace {
 
 boost::shared_ptr<StreamingManager> Manager() {
-  const boost::shared_ptr<StreamingManager> manager = StreamingManager::GetInstance();
+  boost::shared_ptr<StreamingManager> manager = StreamingManager::GetInstance();
   if (!manager) VEX_LOG(kLogMajor, kTagStreaming, "Streaming manager not initialized.");
   return manager;
 }

@@ -484,6 +484,7 @@ int StreamingManager::GetRunningSessionInfo(stRunningSession** sessions) {
     try {
       for (const Configuration& configuration : m_configurations_) {
         for (const boost::shared_ptr<TCPServer>& server : configuration->servers) {
+          // NOLINTNEXTLINE(bugprone-redundant-branch-condition): an earlier server may have failed.
           if (complete) complete = server->GetAllConnectedDeviceInfo(head, tail) == result::kOk;
         }
       }
