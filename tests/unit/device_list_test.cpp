@@ -310,7 +310,7 @@ TEST_F(DeviceListTest, VendorTypesAreEnteredByOneExpression) {
   LogCapture log;
   for (std::size_t at = 0; at <= valid.size(); ++at) {
     for (const char letter : letters) {
-      for (const std::size_t replaced : {0, 1, 2}) {
+      for (std::size_t replaced = 0; replaced <= 2; ++replaced) {
         std::string type = valid;
         type.replace(at, replaced, 1, letter);
         log.Clear();
