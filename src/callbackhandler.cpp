@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <memory>
-#include <new>
 #include <utility>
 
 #include <boost/thread/exceptions.hpp>
@@ -361,7 +360,7 @@ void CallBackHandler::HandleAnswers(unsigned int stops) {
 void CallBackHandler::CallAnother() {
   try {
     PostResponseJob();
-  } catch (const std::bad_alloc&) {
+  } catch (...) {
     VEX_LOG(kLogDetail, kTag, "No memory to call another callback thread");
   }
 }

@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
+#include <chrono>
 #include <string>
 #include <thread>
 
@@ -180,13 +181,17 @@ TEST_F(GenericActions, ResultsAreSerialisedWithTheCallsOfTheHost) {
   Send("Play");
   ASSERT_TRUE(WaitUntil([&] { return inside.load(); }));
   std::atomic<bool> calling{false};
+  std::atomic<bool> returned{false};
   bool left_before = false;
   std::thread host([&] {
     calling = true;
     rig_.Register();
     left_before = left;
+    returned = true;
   });
-  ASSERT_TRUE(WaitUntil([&] { return calling.load(); }));
+  EXPECT_TRUE(WaitUntil([&] { return calling.load(); }));
+  // What does not wait has returned by then.
+  EXPECT_FALSE(WaitUntil([&] { return returned.load(); }, std::chrono::milliseconds(50)));
   go_on = true;
   host.join();
   EXPECT_TRUE(left_before);
@@ -204,13 +209,17 @@ TEST_F(GenericActions, TheEndWaitsForARunningActionCallback) {
   Send("Play");
   ASSERT_TRUE(WaitUntil([&] { return inside.load(); }));
   std::atomic<bool> ending{false};
+  std::atomic<bool> returned{false};
   bool left_before = false;
   std::thread host([&] {
     ending = true;
     rig_.TerminateControlPoint();
     left_before = left;
+    returned = true;
   });
-  ASSERT_TRUE(WaitUntil([&] { return ending.load(); }));
+  EXPECT_TRUE(WaitUntil([&] { return ending.load(); }));
+  // What does not wait has returned by then.
+  EXPECT_FALSE(WaitUntil([&] { return returned.load(); }, std::chrono::milliseconds(50)));
   go_on = true;
   host.join();
   EXPECT_TRUE(left_before);

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
+#include <chrono>
 #include <list>
 #include <string>
 #include <thread>
@@ -24,6 +25,9 @@ using HandlePointer = GenericCPInfo::HandlePointer;
 HandlePointer MakeHandle(const std::string& udn, const std::string& service_type) {
   return HandlePointer(new GenericSubscribeHandle(1, udn, service_type));
 }
+
+// What does not wait has returned by then.
+constexpr std::chrono::milliseconds kLongEnoughToReturn(50);
 
 class GenericCPInfoTest : public testing::Test {
  protected:
@@ -114,32 +118,36 @@ TEST_F(GenericCPInfoTest, WhoWaitsForALeavingHandleGoesOnWhenItHasLeft) {
   const HandlePointer handle = MakeHandle("u", "s");
   List(handle);
   MarkLeaving(handle);
-  std::atomic<bool> finished{false};
-  bool waited_to_the_end = false;
+  std::atomic<bool> begun{false};
+  std::atomic<bool> returned{false};
   std::thread waiter([&] {
+    begun = true;
     info_.WaitWhileLeaving(handle);
-    waited_to_the_end = finished;
+    returned = true;
   });
-  finished = true;
+  EXPECT_TRUE(WaitUntil([&] { return begun.load(); }));
+  EXPECT_FALSE(WaitUntil([&] { return returned.load(); }, kLongEnoughToReturn));
   info_.FinishLeaving(handle, true);
+  EXPECT_TRUE(WaitUntil([&] { return returned.load(); }));
   waiter.join();
-  EXPECT_TRUE(waited_to_the_end);
 }
 
 TEST_F(GenericCPInfoTest, UnsubscribingAllWaitsForWhatIsLeaving) {
   const HandlePointer handle = MakeHandle("u", "s");
   List(handle);
   MarkLeaving(handle);
-  std::atomic<bool> finished{false};
-  bool waited_to_the_end = false;
+  std::atomic<bool> begun{false};
+  std::atomic<bool> returned{false};
   std::thread waiter([&] {
+    begun = true;
     info_.UnSubscribeAllServices();
-    waited_to_the_end = finished;
+    returned = true;
   });
-  finished = true;
+  EXPECT_TRUE(WaitUntil([&] { return begun.load(); }));
+  EXPECT_FALSE(WaitUntil([&] { return returned.load(); }, kLongEnoughToReturn));
   info_.FinishLeaving(handle, true);
+  EXPECT_TRUE(WaitUntil([&] { return returned.load(); }));
   waiter.join();
-  EXPECT_TRUE(waited_to_the_end);
 }
 
 TEST_F(GenericCPInfoTest, InsideACallbackNobodyWaits) {
