@@ -1,5 +1,6 @@
 #include <libgupnp/gupnp.h>
 
+#include "../gupnp_root.h"
 #include "measure.h"
 
 static Measure measure;
@@ -60,15 +61,9 @@ static gboolean on_tick(gpointer loop) {
 
 int main(int argc, char** argv) {
   measure_arguments(&measure, "gupnp", argc, argv);
-  GError* error = NULL;
-  GUPnPContext* context =
-      gupnp_context_new_full(measure.interface_name, NULL, 0, GSSDP_UDA_VERSION_1_0, &error);
-  if (context == NULL) {
-    g_printerr("gupnp: %s\n", error->message);
-    return 1;
-  }
-  GUPnPControlPoint* point = gupnp_control_point_new(context, "upnp:rootdevice");
-  g_signal_connect(point, "device-proxy-available", G_CALLBACK(on_device), NULL);
+  GUPnPControlPoint* point =
+      gupnp_root_control_point(measure.interface_name, G_CALLBACK(on_device));
+  if (point == NULL) return 1;
   GMainLoop* loop = g_main_loop_new(NULL, FALSE);
   g_timeout_add(2, on_tick, loop);
   measure_start();

@@ -1,5 +1,6 @@
 #include <libgupnp/gupnp.h>
 
+#include "../gupnp_root.h"
 #include "measure.h"
 
 static Measure measure;
@@ -42,15 +43,9 @@ static void on_device(GUPnPControlPoint* point, GUPnPDeviceProxy* proxy, gpointe
 
 int main(int argc, char** argv) {
   measure_arguments(&measure, "gupnp", argc, argv);
-  GError* error = NULL;
-  GUPnPContext* context =
-      gupnp_context_new_full(measure.interface_name, NULL, 0, GSSDP_UDA_VERSION_1_0, &error);
-  if (context == NULL) {
-    g_printerr("gupnp: %s\n", error->message);
-    return 1;
-  }
-  GUPnPControlPoint* point = gupnp_control_point_new(context, "upnp:rootdevice");
-  g_signal_connect(point, "device-proxy-available", G_CALLBACK(on_device), NULL);
+  GUPnPControlPoint* point =
+      gupnp_root_control_point(measure.interface_name, G_CALLBACK(on_device));
+  if (point == NULL) return 1;
   loop = g_main_loop_new(NULL, FALSE);
   gssdp_resource_browser_set_active(GSSDP_RESOURCE_BROWSER(point), TRUE);
   g_main_loop_run(loop);
