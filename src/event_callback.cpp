@@ -53,11 +53,6 @@ void Deliver(DeviceEventListener& listener, const std::string& body) try {
   LogCurrentException(VEX_LOG_SITE, kLogMajor, kTagControl, "Exception: %s", "Unknown Exception");
 }
 
-bool IsKnown(SubscribeInfoList& list, const std::string& sid) {
-  boost::lock_guard<boost::mutex> lock(list.mutex);
-  return list.get_by_sid(sid) != nullptr;
-}
-
 }  // namespace
 
 boost::mutex& EventCallback::instance_mutex_ = *new boost::mutex;
@@ -154,7 +149,7 @@ bool EventCallback::__LookupAndNotfiy(const std::string& sid, const std::string&
   const boost::shared_ptr<SubscribeInfoList> list = SubscribeInfoList::getInstance();
   // Devices send their first event within a millisecond of the answer that brings its SID. An
   // unknown SID never waits for a listener that is busy with another event.
-  if (!list || (!IsKnown(*list, sid) && !(list->WaitForAnswers() && IsKnown(*list, sid)))) {
+  if (!list || !list->AwaitSid(sid)) {
     VEX_LOG(kLogMajor, kTagControl, "info is null.");
     return false;
   }

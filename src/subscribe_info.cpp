@@ -167,8 +167,9 @@ bool SubscribeInfoList::__AnyInHand(const std::vector<int>& sessions) const {
 }
 
 VEX_NO_THREAD_SAFETY_ANALYSIS
-bool SubscribeInfoList::WaitForAnswers() {
+bool SubscribeInfoList::AwaitSid(const std::string& sid) {
   boost::unique_lock<boost::mutex> lock(mutex);
+  if (get_by_sid(sid)) return true;
   const std::vector<int> sessions = __AnswersInHand();
   if (sessions.empty()) return false;
   const auto end = boost::chrono::steady_clock::now() +
@@ -176,7 +177,7 @@ bool SubscribeInfoList::WaitForAnswers() {
   while (!closed_ && __AnyInHand(sessions)) {
     if (answers_changed_.wait_until(lock, end) == boost::cv_status::timeout) break;
   }
-  return true;
+  return get_by_sid(sid) != nullptr;
 }
 
 void SubscribeInfoList::WaitForDelivery() {

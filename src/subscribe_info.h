@@ -100,10 +100,11 @@ class SubscribeInfoList : public VEXUncopyable {
   // The answer of this session waits for its turn; it has been handled to its end.
   void AnswerArrived(int session_id);
   void AnswerHandled(int session_id);
-  // For an event whose SID is unknown: the answer that brings it may have reached this host a
-  // moment before. Waits until the answers that have come by now are handled, for a second at most.
-  // False when there was none to wait for.
-  bool WaitForAnswers();
+  // Whether a record has this SID. When none has, the answer that brings it may have reached this
+  // host a moment before the event that asks: waits until the answers that have come by now are
+  // handled, for a second at most, and looks again. Both looks and the wait are one step, so that
+  // no answer can be handled between them unseen.
+  bool AwaitSid(const std::string& sid);
 
   // When it has returned, no delivery that had begun before runs on another thread.
   void WaitForDelivery();
