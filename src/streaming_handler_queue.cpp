@@ -15,10 +15,11 @@ class HandlerQueue::Turn {
     if (due_) state_->Abandon();
   }
 
+  // Under the lock of the state, which Take passes before it is here again.
   void MakeDue() { due_ = true; }
   void Take() {
-    due_ = false;
     state_->RunLeft();
+    due_ = false;
   }
 
  private:
@@ -30,9 +31,10 @@ void HandlerQueue::Post(Handler handler) {
   std::list<Handler> one;
   one.push_back(std::move(handler));
   const boost::shared_ptr<Turn> turn(new Turn(state_));
-  if (!state_->Add(one)) return;
-  turn->MakeDue();
-  boost::asio::post(io_, [turn] { turn->Take(); });
+  state_->Add(one, [&] {
+    boost::asio::post(io_, [turn] { turn->Take(); });
+    turn->MakeDue();
+  });
 }
 
 void HandlerQueue::LogThrown() {
@@ -55,14 +57,6 @@ bool HandlerQueue::State::ClaimOrLeave(std::list<Handler>& one) {
   }
   left_.splice(left_.end(), one);
   return false;
-}
-
-bool HandlerQueue::State::Add(std::list<Handler>& one) {
-  boost::lock_guard<boost::mutex> lock(mutex_);
-  left_.splice(left_.end(), one);
-  const bool was_running = running_;
-  running_ = true;
-  return !was_running;
 }
 
 void HandlerQueue::State::RunLeft() {

@@ -56,15 +56,23 @@ class HandlerQueue {
     bool Claim();
     // The same; if not, the handler is left to the one who runs.
     bool ClaimOrLeave(std::list<Handler>& one);
-    // Adds a handler; whether somebody has to be asked to run.
-    bool Add(std::list<Handler>& one);
+    // Adds a handler. When nobody runs, `ask` sees to it that somebody will, or throws and nothing
+    // has changed: asked outside of the lock, what others leave here meanwhile would be lost with
+    // it.
+    template <typename Ask>
+    void Add(std::list<Handler>& one, Ask ask) {
+      boost::lock_guard<boost::mutex> lock(mutex_);
+      if (!running_) ask();
+      running_ = true;
+      left_.splice(left_.end(), one);
+    }
     // For the one who claimed: runs what was left until nothing is.
     void RunLeft();
     // The loop will never run them: drops them with all that they own.
     void Abandon();
 
    private:
-    // Leaf.
+    // A leaf, save that the loop's own lock is taken inside it to post a turn.
     boost::mutex mutex_;
     std::list<Handler> left_ VEX_GUARDED_BY(mutex_);
     bool running_ VEX_GUARDED_BY(mutex_) = false;

@@ -139,6 +139,33 @@ TEST(StreamingHandlerQueue, WithoutMemoryAHandlerRunsOrIsNeverHeardOf) {
   }
 }
 
+// A completion that another thread leaves while a post fails must not go down with it.
+TEST(StreamingHandlerQueue, RegressionAPostWithoutMemoryLosesNobodyElsesHandler) {
+  vex_test::RunningLoop loop(2);
+  HandlerQueue queue(loop.io());
+  std::atomic<bool> ended{false};
+  std::atomic<int> left{0};
+  std::atomic<int> ran{0};
+  std::thread other([&] {
+    while (!ended) {
+      ++left;
+      queue.Run([&] { ++ran; });
+    }
+  });
+  for (int round = 0; round < 20000; ++round) {
+    const vex_test::FailAlloc fail(1 + round % 6);
+    try {
+      queue.Post([&] { ++ran; });
+      ++left;
+    } catch (const std::bad_alloc&) {
+    }
+  }
+  ended = true;
+  other.join();
+  EXPECT_TRUE(WaitUntil([&] { return ran == left; }, std::chrono::seconds(5)))
+      << left << " handlers, " << ran << " ran";
+}
+
 }  // namespace
 }  // namespace streaming
 }  // namespace vex_upnp
