@@ -26,8 +26,12 @@ constexpr char kTag[] = "VEX_CORE_CPDISCOVERY";
 
 std::vector<std::string> events;
 
+// The record of the last event, which lives only for its call.
+DeviceInfo last_told;
+
 void Record(int id, DeviceEventType event, DeviceInfo* device) {
   events.push_back(std::to_string(id) + (event == DEVICE_ADDED ? "+" : "-") + device->udn);
+  last_told = *device;
 }
 
 // With no network layer up, searches fail and are only noted.
@@ -311,6 +315,28 @@ TEST_F(Discovery, BothEventsAreTold) {
   Notify(DEVICE_ADDED, "urn:x-y:device:Foo:1");
   Notify(DEVICE_REMOVED, "urn:x-y:device:Foo:1");
   EXPECT_THAT(events, ElementsAre("1+urn:x-y:device:Foo:1", "1-urn:x-y:device:Foo:1"));
+}
+
+TEST_F(Discovery, EventsCarryIconsAsTheyStandAndNoDisplayName) {
+  Register("upnp:rootdevice");
+  const boost::shared_ptr<Device> device = Add("uuid:a");
+  device->interface_name = "eth0";
+  device->icons.emplace_back(new DeviceIcon{"image/png", "48", "32", "24", "icon.png", ""});
+  device->icons.emplace_back(new DeviceIcon{"image/gif", "1", "2", "3", "", ""});
+  CPDiscoveryManager::GetInstance()->NotifyToDeviceChangeListener(DEVICE_ADDED, device);
+  ASSERT_THAT(events, ElementsAre("1+uuid:a"));
+  EXPECT_EQ("Hall", last_told.friendly_name);
+  EXPECT_EQ("", last_told.display_name);
+  EXPECT_EQ("urn:x-y:device:Foo:2", last_told.device_type);
+  EXPECT_EQ("eth0", last_told.interface_name);
+  ASSERT_EQ(2U, last_told.icons.size());
+  const DeviceIconInfo& icon = last_told.icons.front();
+  EXPECT_EQ("image/png", icon.mimetype);
+  EXPECT_EQ("icon.png", icon.url);
+  EXPECT_EQ("48", icon.width);
+  EXPECT_EQ("32", icon.height);
+  EXPECT_EQ("24", icon.depth);
+  EXPECT_EQ("", last_told.icons.back().url);
 }
 
 TEST_F(Discovery, UserAgents) {

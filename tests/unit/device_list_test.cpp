@@ -9,8 +9,11 @@
 
 #include <boost/thread/lock_guard.hpp>
 
+#include <vexupnpcp/streaming.h>
+
 #include "base/limits.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/media_peer.h"
 
 namespace vex_upnp {
 namespace cp_discovery {
@@ -399,6 +402,35 @@ TEST_F(DeviceListTest, ASearchUnconfirmsReadyDevicesOfExactlyItsType) {
     EXPECT_FALSE(second->is_valid) << global;
     EXPECT_TRUE(unready->is_valid) << global;
   }
+}
+
+void NoStatus(int, int, int) {}
+void NoResponse(int, int, streaming::ResHeaderInfo*, void*, unsigned int, bool) {}
+void NoData(int, int, void*, unsigned int, bool) {}
+void NothingWritten(int, int, unsigned int) {}
+
+TEST_F(DeviceListTest, ADeviceThatIsStreamingIsNeverUnconfirmed) {
+  ASSERT_EQ(0, streaming::InitializeStreamingManager());
+  {
+    vex_test::MediaPeer silent([](vex_test::MediaConnection& peer) { peer.AwaitClose(); });
+    const streaming::ClientAppCallbacks callbacks = {NoStatus, NoResponse, NoData, NothingWritten};
+    int transfer = 0;
+    ASSERT_EQ(0, streaming::StartClient(&callbacks, "127.0.0.1", silent.port(), &transfer));
+    const DevicePtr streaming_device = AddReady("1");
+    streaming_device->ip = "127.0.0.1";
+    const DevicePtr idle_device = AddReady("2");
+    idle_device->ip = "127.0.0.2";
+    for (const char* type : {"urn:x-y:device:Foo:1", "upnp:rootdevice", "ssdp:all"}) {
+      idle_device->is_valid = true;
+      list_->ResetDeviceListValidity(type);
+      EXPECT_TRUE(streaming_device->is_valid) << type;
+      EXPECT_FALSE(idle_device->is_valid) << type;
+    }
+    EXPECT_EQ(0, streaming::StopClientTransfer(transfer));
+    list_->ResetDeviceListValidity("ssdp:all");
+    EXPECT_FALSE(streaming_device->is_valid);
+  }
+  EXPECT_EQ(0, streaming::TerminateStreamingManager());
 }
 
 TEST_F(DeviceListTest, WhoHoldsTheListMayUseItAfterItsEnd) {
