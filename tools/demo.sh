@@ -108,8 +108,6 @@ watch_devices() {
 
 # switch_lamp UDN: an action, and the event that follows it.
 switch_lamp() {
-  # The first event is not to overtake the answer to the subscription on a busy machine.
-  tell "events late=150"
   say "\$ vexcp events $1 SwitchPower          (it tells its state, and each change)"
   follow events "$build/vexcp" events "$1" SwitchPower
   wait_for "SwitchPower:1  Status = 0"
