@@ -20,6 +20,7 @@ void LogCurrentException(const LogSite& site, int level, const char* tag, const 
                          const char* unknown) {
   if (!log::IsOpen()) return;
   try {
+    // cppcheck-suppress rethrowNoCurrentException; every caller stands inside a catch (...).
     throw;
   } catch (const std::exception& error) {
     // What was thrown may be the want of memory itself; nothing may leave the edge all the same.

@@ -278,6 +278,7 @@ bool ClientManager::__AwaitProbes(int timeout, boost::unique_lock<boost::mutex>&
   const auto deadline = boost::chrono::steady_clock::now() + wait;
   while (!stop) {
     if (condition.wait_until(lock, deadline) == boost::cv_status::timeout) break;
+    // cppcheck-suppress identicalInnerCondition; another thread sets it during the wait.
     if (!stop) {
       VEX_LOG(kLogStep, kTag, "Spurious wake up by system. sleep till timeout time");
     }

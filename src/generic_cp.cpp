@@ -37,6 +37,7 @@ int Caught(const LogSite& site) {
   vex_upnp::LogCurrentException(site, kLogMajor, kTagGenericCp, "Exception: %s",
                                 "Unknown exception");
   try {
+    // cppcheck-suppress rethrowNoCurrentException; every caller stands inside a catch (...).
     throw;
   } catch (const std::bad_alloc&) {
     return CP_ERR_OUT_OF_MEMORY;

@@ -25,6 +25,7 @@ namespace streaming {
 
 using log::kTagStreaming;
 
+// cppcheck-suppress uninitMemberVar; only what a read has filled of the buffer is looked at.
 OutgoingSyncSession::OutgoingSyncSession(io_service& io, int session_id, StreamingManager* manager)
     : io_service_(io),
       session_id_(session_id),

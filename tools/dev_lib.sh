@@ -9,7 +9,7 @@ BUILD_PACKAGES="g++ cmake ninja-build ccache pkg-config
   libboost-date-time-dev"
 PROGRAM_PACKAGES="libcli11-dev nlohmann-json3-dev"
 TEST_PACKAGES="libgtest-dev libgmock-dev iproute2 python3 gcc"
-CHECK_PACKAGES="git clang-14 clang-tidy-14 clang-format-14 libclang-rt-14-dev"
+CHECK_PACKAGES="git clang-14 clang-tidy-14 clang-format-14 libclang-rt-14-dev cppcheck binutils"
 BENCH_PACKAGES="libbenchmark-dev libpugixml-dev libxml2-dev libexpat1-dev libgupnp-1.6-dev libupnp-dev
   iproute2 python3"
 FUZZ_PACKAGES="clang-14 libclang-rt-14-dev libexpat1-dev"
@@ -143,6 +143,8 @@ dev_check() {
   say "headers"; tools/check_headers
   say "format";  check_format
   check_symbols
+  check_hardening
+  say "cppcheck"; tools/check_cppcheck
   dev_tidy
   local sanitizer
   for sanitizer in asan tsan; do
@@ -152,6 +154,7 @@ dev_check() {
       VEX_STRESS_SECONDS=${VEX_STRESS_SECONDS:-60} \
       run_tests "$sanitizer" --gtest_filter='-*Slow*:*.Slow*'
   done
+  dev_fuzz "" "${VEX_FUZZ_SECONDS:-30}"
   say "all checks passed"
 }
 
@@ -175,6 +178,12 @@ check_symbols() {
   build debug vexupnpcp
   say "symbols"
   python3 tools/symbols.py check build/debug/libvexupnpcp.so
+}
+
+check_hardening() {
+  build release vexupnpcp -- -DVEX_BUILD_TESTS=OFF
+  say "hardening"
+  tools/check_hardening build/release/libvexupnpcp.so
 }
 
 dev_symbols() {
@@ -230,21 +239,12 @@ dev_bench_control() {
   tools/two_hosts python3 bench/actions/run.py --build build/release --quick
 }
 
+# dev_fuzz [ENTRY] [SECONDS]
 dev_fuzz() {
-  need $BUILD_PACKAGES $FUZZ_PACKAGES
+  need $BUILD_PACKAGES $FUZZ_PACKAGES python3
   build fuzz all
-  local program entry seconds=${2:-30}
-  for program in build/fuzz/fuzz_*; do
-    [ -x "$program" ] && [ -f "$program" ] || continue
-    entry=$(basename "$program"); entry=${entry#fuzz_}
-    [ -z "${1:-}" ] || [ "$1" = "$entry" ] || continue
-    say "fuzzing $entry for $seconds s"
-    local dictionary=() found=build/fuzz/found/$entry
-    [ -f "tests/fuzz/$entry.dict" ] && dictionary=("-dict=tests/fuzz/$entry.dict")
-    mkdir -p "$found"
-    "$program" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 \
-      -artifact_prefix="$found/" "${dictionary[@]}" "$found" "tests/fuzz/corpus/$entry" 2>&1 | tail -n 14
-  done
+  say "fuzzing ${1:-everything}, ${2:-30} s each"
+  tools/fuzz.py --build build/fuzz --jobs "$JOBS" --seconds "${2:-30}" ${1:+"$1"}
 }
 
 dev_cross() { tools/cross.sh "$@"; }

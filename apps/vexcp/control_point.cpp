@@ -150,7 +150,7 @@ void ControlPoint::Rescan() { RescanNetwork(handle_, nullptr); }
 
 std::optional<DeviceRecord> ControlPoint::FindReady(const std::string& udn) {
   for (DeviceRecord& record : Devices(kAllDevices))
-    if (Means(udn, record.key)) return std::move(record);
+    if (Means(udn, record.key)) return std::make_optional(std::move(record));
   return std::nullopt;
 }
 

@@ -90,6 +90,13 @@ std::string Listing(const fs::path& folder) {
   return page + "</ul>\n";
 }
 
+std::string CanonicalPath(const std::string& path) {
+  std::error_code error;
+  const std::string canonical = fs::canonical(path, error).string();
+  if (error) throw Failure(kWrongArguments, path + " cannot be served: " + error.message());
+  return canonical;
+}
+
 }  // namespace
 
 std::string MimeType(const std::string& name) {
@@ -152,10 +159,9 @@ struct FileServer::Answer {
 std::shared_mutex FileServer::current_mutex_;
 FileServer* FileServer::current_ = nullptr;
 
-FileServer::FileServer(const std::string& path, Tell tell) : tell_(std::move(tell)) {
+FileServer::FileServer(const std::string& path, Tell tell)
+    : root_(CanonicalPath(path)), tell_(std::move(tell)) {
   std::error_code error;
-  root_ = fs::canonical(path, error).string();
-  if (error) throw Failure(kWrongArguments, path + " cannot be served: " + error.message());
   is_folder_ = fs::is_directory(root_, error);
   if (access(root_.c_str(), R_OK) != 0 || (!is_folder_ && !fs::is_regular_file(root_, error)))
     throw Failure(kWrongArguments, path + " cannot be served: it is no readable file or folder");

@@ -17,8 +17,10 @@ bool EqualsNoCase(std::string_view a, std::string_view b);
 template <typename Number>
 std::optional<Number> ToNumber(std::string_view text) {
   Number value = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  // cppcheck-suppress danglingTemporaryLifetime; what a view shows outlives the call.
+  const char* const end = text.data() + text.size();
+  const std::from_chars_result read = std::from_chars(text.data(), end, value);
+  if (read.ec != std::errc() || read.ptr != end) return std::nullopt;
   return value;
 }
 

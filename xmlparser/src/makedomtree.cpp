@@ -138,6 +138,7 @@ DomNode* MakeDomTree::AllocateANode(DomParser* parser) {
   DomNode* const node = new (memory) DomNode();
   node->domParser = parser;
   node->pool = pool;
+  // cppcheck-suppress uninitStructMember; the empty brackets have set every member.
   return node;
 }
 
