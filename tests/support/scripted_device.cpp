@@ -154,7 +154,7 @@ PeerAnswer ScriptedDevice::ServeSubscribe(const PeerRequest& request) {
     const std::size_t host = std::string("<http://").size();
     const std::size_t colon = callback.find(':', host);
     const std::size_t path = callback.find('/', colon);
-    subscription.sid = "uuid:sub-" + std::to_string(++last_sid_);
+    subscription.sid = udn_ + "-sub-" + std::to_string(++last_sid_);
     subscription.ip = callback.substr(host, colon - host);
     subscription.port = std::stoi(callback.substr(colon + 1, path - colon - 1));
     subscription.path = callback.substr(path, callback.find('>') - path);
