@@ -20,6 +20,7 @@
 #include "src/now_requesting.h"
 #include "tests/support/discovery_rig.h"
 #include "tests/support/fake_device.h"
+#include "tests/support/hostile_rig.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/ssdp_peer.h"
 #include "tests/support/timing_scaled.h"
@@ -37,6 +38,7 @@ using vex_test::DescriptionServer;
 using vex_test::DiscoveryRig;
 using vex_test::FakeDevice;
 using vex_test::LogCapture;
+using vex_test::NothingInFlight;
 using vex_test::WaitUntil;
 
 FakeDevice Plain(const std::string& udn, int services) {
@@ -63,17 +65,15 @@ double CpuSeconds() {
   return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
 }
 
-// Whether the key may be asked for: then nothing is in flight for it.
-bool NothingInFlight(const std::string& key) {
-  const boost::shared_ptr<NowRequesting> probe(new NowRequesting(key, "", "127.0.0.1", 1, "", ""));
-  const auto manager = CPDiscoveryManager::GetInstance();
-  if (manager->AddNowRequesting(probe) != 0) return false;
-  manager->RemoveNowRequestingByUdn(key);
-  return true;
-}
-
-class DiscoveryHostile : public testing::Test {
+// Datagrams are handed to discovery on the test's own thread, as if they had come from this
+// machine.
+class DiscoveryHostile : public vex_test::HostileRig {
  protected:
+  DiscoveryHostile() {
+    DiscoveryRig::ClearEvents();
+    DiscoveryRig::OnEvent(nullptr);
+  }
+
   // Announces a device whose description is fine and that must nevertheless come to nothing.
   void ExpectLost(const FakeDevice& device) {
     const std::string key = device.udn + "+localhost";
@@ -88,7 +88,6 @@ class DiscoveryHostile : public testing::Test {
     EXPECT_THAT(DiscoveryRig::EventLog(), IsEmpty());
   }
 
-  DiscoveryRig rig_;
   DescriptionServer server_{"127.0.0.1"};
 };
 
@@ -297,13 +296,13 @@ TEST_F(DiscoveryHostile, DevicesWithOneUdnComeAndGoTogether) {
 }
 
 TEST_F(DiscoveryHostile, AnyDepthOfEmbeddingIsWalkedAndListedUpToTheBound) {
-  DiscoveryRig::Register("urn:schemas-upnp-org:device:Other:1");
+  DiscoveryRig::Register("urn:schemas-upnp-org:device:MediaServer:1");
   DiscoveryRig::Register("upnp:rootdevice");
   constexpr int kLevels = 50000;
   std::string xml = "<root>";
   std::string end;
   for (int i = 0; i < kLevels; ++i) {
-    xml += "<device><deviceType>urn:schemas-upnp-org:device:Other:1</deviceType><UDN>uuid:" +
+    xml += "<device><deviceType>urn:schemas-upnp-org:device:MediaServer:1</deviceType><UDN>uuid:" +
            std::to_string(i) + "</UDN><deviceList>";
     end += "</deviceList></device>";
   }
@@ -313,10 +312,13 @@ TEST_F(DiscoveryHostile, AnyDepthOfEmbeddingIsWalkedAndListedUpToTheBound) {
   ASSERT_TRUE(WaitUntil([&] { return DiscoveryRig::Events().size() == 2 * bound; },
                         std::chrono::seconds(120)));
   EXPECT_EQ(bound, ListSize());
-  // A full list takes no one else.
+  // A full list takes no one else, and says so once a second.
   LogCapture log;
-  DiscoveryRig::Receive(Alive("uuid:z", ServeDevice(server_, "/z.xml", Plain("uuid:z", 0))));
-  EXPECT_TRUE(WaitUntil([&] { return server_.Count("/z.xml") == 1; }));
+  const std::string url = ServeDevice(server_, "/z.xml", Plain("uuid:z", 0));
+  EXPECT_TRUE(WaitUntil([&] {
+    DiscoveryRig::Receive(Alive("uuid:z", url));
+    return log.Count("Device list is full, device not listed [uuid:z+localhost]") == 1;
+  }));
   EXPECT_TRUE(WaitUntil([] { return NothingInFlight("uuid:z+localhost"); }));
   EXPECT_EQ(bound, ListSize());
   DiscoveryRig::ClearEvents();
