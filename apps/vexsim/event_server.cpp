@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <random>
 
 #include "text.h"
 #include "xml.h"
@@ -32,9 +33,11 @@ std::string PropertySet(const Properties& properties, bool merged) {
   return body + (merged ? end : "") + "</e:propertyset>\n";
 }
 
+// No two subscriptions share one, not those of two simulators either.
 std::string NewSid(std::uint64_t number) {
+  static const unsigned run = std::random_device{}();
   char text[64];
-  std::snprintf(text, sizeof(text), "uuid:76657873-696d-4000-8000-%012llx",
+  std::snprintf(text, sizeof(text), "uuid:%08x-696d-4000-8000-%012llx", run,
                 static_cast<unsigned long long>(number));
   return text;
 }

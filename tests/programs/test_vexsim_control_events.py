@@ -289,6 +289,13 @@ class EventTest(SimulatorTest):
         self.addCleanup(subscriber.close)
         return subscriber
 
+    def test_two_simulators_give_out_different_subscriptions(self):
+        sids = []
+        for seed in ("one", "two"):
+            lamp = self.simulate("lamp", "--no-announce", "--seed", seed).device()
+            sids.append(subscribe(lamp, "SwitchPower", "http://10.78.0.1:9/").message["SID"])
+        self.assertNotEqual(sids[0], sids[1])
+
     def test_a_subscriber_gets_all_variables_first_and_then_each_change(self):
         lamp = self.simulate("lamp", "--no-announce").device()
         subscriber = self.subscriber()
