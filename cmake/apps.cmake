@@ -25,6 +25,8 @@ foreach(source ${VEX_EXAMPLE_SOURCES})
   target_link_libraries(example_${name} PRIVATE vexupnpcp vex_flags)
 endforeach()
 
+add_subdirectory(tests/soak)
+
 if(VEX_BUILD_TESTS)
   add_test(NAME program_tests
            COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/tools/two_hosts
