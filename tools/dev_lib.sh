@@ -240,6 +240,16 @@ dev_bench_control() {
 }
 
 # dev_fuzz [ENTRY] [SECONDS]
+# Long life: a host of the shared library in a house that changes all the time.
+dev_soak() {
+  local hours=${1:-0.5}
+  [ $# -eq 0 ] || shift
+  need $BUILD_PACKAGES $PROGRAM_PACKAGES iproute2 python3 python3-matplotlib
+  build release soak_host vexsim -- -DVEX_BUILD_TESTS=OFF
+  say "soak, $hours hours; the figures go to build/soak"
+  tools/two_hosts python3 tests/soak/run.py "$hours" --build build/release --out build/soak "$@"
+}
+
 dev_fuzz() {
   need $BUILD_PACKAGES $FUZZ_PACKAGES python3
   build fuzz all
