@@ -145,17 +145,20 @@ dev_check() {
   check_symbols
   check_hardening
   say "cppcheck"; tools/check_cppcheck
-  dev_tidy
-  local sanitizer
-  for sanitizer in asan tsan; do
-    build "$sanitizer" unit_tests scenario_tests stress_tests -- -DVEX_BUILD_APPS=OFF
-    ASAN_OPTIONS=detect_leaks=1:detect_stack_use_after_return=1 UBSAN_OPTIONS=print_stacktrace=1 \
-      TSAN_OPTIONS=detect_deadlocks=1:second_deadlock_stack=1:halt_on_error=0 \
-      VEX_STRESS_SECONDS=${VEX_STRESS_SECONDS:-60} \
-      run_tests "$sanitizer" --gtest_filter='-*Slow*:*.Slow*'
-  done
+  # One build serves both: the second compiler with its analyses, and the sanitizers.
+  dev_tidy clang-asan
+  run_sanitized clang-asan
+  build tsan unit_tests scenario_tests stress_tests -- -DVEX_BUILD_APPS=OFF
+  run_sanitized tsan
   dev_fuzz "" "${VEX_FUZZ_SECONDS:-30}"
   say "all checks passed"
+}
+
+run_sanitized() {
+  ASAN_OPTIONS=detect_leaks=1:detect_stack_use_after_return=1 UBSAN_OPTIONS=print_stacktrace=1 \
+    TSAN_OPTIONS=detect_deadlocks=1:second_deadlock_stack=1:halt_on_error=0 \
+    VEX_STRESS_SECONDS=${VEX_STRESS_SECONDS:-60} \
+    run_tests "$1" --gtest_filter='-*Slow*:*.Slow*'
 }
 
 our_sources() {
@@ -164,14 +167,16 @@ our_sources() {
 check_format() { our_sources | xargs "$(tool clang-format)" --dry-run --Werror; }
 dev_format() { need clang-format-14; our_sources | xargs "$(tool clang-format)" -i; }
 
-# Everything under the second compiler with its lock analysis, and the library under clang-tidy.
+# dev_tidy [PRESET]: everything under the second compiler with its lock analysis, and the library
+# under clang-tidy.
 dev_tidy() {
+  local preset=${1:-clang}
   need $BUILD_PACKAGES $PROGRAM_PACKAGES $TEST_PACKAGES $CHECK_PACKAGES
-  build clang all
+  build "$preset" all
   say "tidy"
   git ls-files 'base/*.cpp' 'src/*.cpp' 'string/*.cpp' 'timer/*.cpp' 'httpparser/*.cpp' 'xmlparser/*.cpp' 'file_io/*.cpp' |
     grep -v 'base/asio_impl.cpp' |
-    xargs -P "$JOBS" -n 2 "$(tool clang-tidy)" -p build/clang --quiet 2>build/tidy.err || { cat build/tidy.err >&2; return 1; }
+    xargs -P "$JOBS" -n 2 "$(tool clang-tidy)" -p "build/$preset" --quiet 2>build/tidy.err || { cat build/tidy.err >&2; return 1; }
 }
 
 check_symbols() {

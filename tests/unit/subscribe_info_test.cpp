@@ -144,7 +144,8 @@ class AwaitSidTest : public SubscribeInfoListTest {
     list_->AnswerHandled(session_id);
   }
   Pointer WithSid() {
-    return With([](const SubscribeInfoList& list) { return list.get_by_sid(kSid); });
+    return With([](const SubscribeInfoList& list)
+                    VEX_NO_THREAD_SAFETY_ANALYSIS { return list.get_by_sid(kSid); });
   }
   // Runs the wait on a thread of its own, which is known to have begun when this returns.
   void StartWait() {
