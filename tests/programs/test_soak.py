@@ -18,7 +18,7 @@ import run as soak_run  # noqa: E402
 
 def options(out, hours):
     return argparse.Namespace(hours=hours, build=BINARY_DIR, out=out, devices=20, speed=8.0,
-                              rate=40, seed=1)
+                              rate=40, seed=1, malloc="plain")
 
 
 def in_a_quiet_house(out, hours, work):

@@ -8,12 +8,17 @@ import subprocess
 import threading
 import time
 
+PLAIN_MALLOC = "glibc.malloc.arena_max=1:glibc.malloc.tcache_count=0"
+
 
 class HostProcess:
-    def __init__(self, build, served, rate):
+    def __init__(self, build, served, rate, malloc):
         command = [os.path.join(build, "soak_host"), "eth0", served, str(rate)]
+        environment = dict(os.environ)
+        if malloc == "plain":
+            environment["GLIBC_TUNABLES"] = PLAIN_MALLOC
         self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                                        text=True)
+                                        text=True, env=environment)
         self.answers = queue.Queue()
         self.windows = queue.Queue()
         self.violations = []

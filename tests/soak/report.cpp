@@ -1,5 +1,6 @@
 #include "report.h"
 
+#include <malloc.h>
 #include <time.h>
 
 #include <algorithm>
@@ -96,9 +97,12 @@ void PrintWindow() {
   std::string text;
   for (const auto& [name, count] : all)
     text += ", \"" + std::string(name) + "\": " + std::to_string(count->load());
-  Print("{\"e\": \"window\", \"t\": %lld, \"action_us\": %s, \"event_us\": %s%s}",
-        static_cast<long long>(Now()), action_latencies.Take().c_str(),
-        event_latencies.Take().c_str(), text.c_str());
+  const struct mallinfo2 heap = mallinfo2();
+  Print(
+      "{\"e\": \"window\", \"t\": %lld, \"heap\": [%zu, %zu], \"action_us\": %s, \"event_us\": "
+      "%s%s}",
+      static_cast<long long>(Now()), heap.uordblks + heap.hblkhd, heap.fordblks,
+      action_latencies.Take().c_str(), event_latencies.Take().c_str(), text.c_str());
 }
 
 }  // namespace soak

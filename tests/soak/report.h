@@ -60,7 +60,8 @@ class Latencies {
 extern Latencies action_latencies;
 extern Latencies event_latencies;
 
-// A window's latencies and all counts, as one line.
+// A window's latencies, the bytes that the heap has given out and those it keeps for later, and all
+// counts, as one line.
 void PrintWindow();
 
 }  // namespace soak

@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """Long life: one process of the library in a changing house of simulated devices.
 
-  run.py HOURS [--build DIR] [--out DIR] [--devices N] [--speed X] [--rate N] [--no-plot]
+  run.py HOURS [--build DIR] [--out DIR] [--devices N] [--speed X] [--rate N] [--seed N]
+         [--malloc plain|default] [--no-plot]
 
 To be run by tools/two_hosts. The house is changed all the time: devices join, say byebye, die
 without a word, come back, stop for seconds; lamps and others are changed, which their subscribers
@@ -10,6 +11,11 @@ memory, descriptors, threads and latencies go into soak.csv. At checkpoints, eve
 the end, the house rests until the host lists what lives and nothing else, and every change made
 must have been told. Ends with 0 when nothing was missed and nothing has grown; --speed changes
 the house so many times faster, for short runs.
+
+The C library keeps what a program has freed, in up to eight arenas a processor and in a cache of
+each thread, and some forty threads fill those for hours. "plain" gives the host one arena and no
+caches, so that its resident memory is what it uses; "default" shows what a host gets that sets
+nothing.
 """
 
 import argparse
@@ -35,7 +41,10 @@ CONVERGENCE_S = 90
 # Compared at the end of the warm-up and at the end of the run.
 SPAN_S = 120
 LARGEST_GROWTH = 0.01
-COLUMNS = ("t_s", "rss_kib", "pss_kib", "private_dirty_kib", "descriptors", "threads", "cpu_s",
+# Of the bytes in use, far fewer, which go up and down with every description and transfer.
+LARGEST_HEAP_GROWTH = 0.05
+COLUMNS = ("t_s", "rss_kib", "pss_kib", "private_dirty_kib", "heap_used_kib", "heap_free_kib",
+           "descriptors", "threads", "cpu_s",
            "devices", "actions", "action_p50_us", "action_p95_us", "action_p99_us",
            "action_max_us", "events", "event_p50_us", "event_p95_us", "event_p99_us",
            "event_max_us", "joins", "join_p50_us", "join_p95_us", "join_p99_us", "join_max_us",
@@ -69,7 +78,8 @@ class Soak:
                                     options.seed)
         with open(self.house.media_file, "rb") as file:
             self.digest = hashlib.sha256(file.read()).hexdigest()
-        self.host = HostProcess(options.build, self.house.media_file, options.rate)
+        self.host = HostProcess(options.build, self.house.media_file, options.rate,
+                                options.malloc)
         self.house.is_gone = self.host.is_gone
         self.house.on_join = lambda device, begun: self.joins.joined(device.udn, begun)
         self.host.on_added = self.joins.added
@@ -101,6 +111,7 @@ class Soak:
             row = {"t_s": round(time.monotonic() - self.begun, 1),
                    "devices": len(self.house.alive())}
             row.update(measure(self.host.process.pid))
+            row["heap_used_kib"], row["heap_free_kib"] = (size // 1024 for size in window["heap"])
             for name, values in (("action", window["action_us"]), ("event", window["event_us"]),
                                  ("join", percentiles(self.joins.take()))):
                 row[name + "s"] = values[0]
@@ -205,16 +216,17 @@ class Soak:
                 self.stop()
 
 
-def median_between(rows, column, begin, end):
-    values = [row[column] for row in rows if begin <= row["t_s"] < end]
-    return statistics.median(values) if values else None
+def level(rows, column, begin, end):
+    """The lower quartile: what is taken for a transfer and given back is no growth."""
+    values = sorted(row[column] for row in rows if begin <= row["t_s"] < end)
+    return values[len(values) // 4] if values else None
 
 
 def growth(rows, column):
     """At the end of the warm-up, at the end of the run, and the change per hour by a straight line
     through what lies between, as a part of the first."""
-    first = median_between(rows, column, WARM_UP_S, WARM_UP_S + SPAN_S)
-    last = median_between(rows, column, rows[-1]["t_s"] - SPAN_S, rows[-1]["t_s"] + 1)
+    first = level(rows, column, WARM_UP_S, WARM_UP_S + SPAN_S)
+    last = level(rows, column, rows[-1]["t_s"] - SPAN_S, rows[-1]["t_s"] + 1)
     points = [(row["t_s"], row[column]) for row in rows if row["t_s"] >= WARM_UP_S]
     slope = statistics.linear_regression(*zip(*points)).slope if len(points) > 1 else 0.0
     return {"after_warm_up": first, "at_end": last, "growth": (last - first) / first,
@@ -226,7 +238,7 @@ def judge(soak):
     rows = soak.rows
     result = {"date": time.strftime("%Y-%m-%dT%H:%M:%SZ", time.gmtime()),
               "kernel": os.uname().release, "hours": soak.options.hours,
-              "devices": soak.options.devices, "speed": soak.options.speed,
+              "devices": soak.options.devices, "malloc": soak.options.malloc, "speed": soak.options.speed,
               "house": soak.house.events, "host": {name: value for name, value in soak.last.items()
                                                    if isinstance(value, int) and name != "t"},
               "served_whole": soak.guest.good,
@@ -242,11 +254,14 @@ def judge(soak):
         result["cpu_share"] = round((rows[-1]["cpu_s"] - rows[0]["cpu_s"]) /
                                     max(rows[-1]["t_s"] - rows[0]["t_s"], 1), 4)
     if rows and rows[-1]["t_s"] >= WARM_UP_S + 2 * SPAN_S:
-        for column in ("rss_kib", "private_dirty_kib", "descriptors", "threads"):
+        for column in ("rss_kib", "private_dirty_kib", "heap_used_kib", "descriptors", "threads"):
             result[column] = growth(rows, column)
         if result["rss_kib"]["growth"] > LARGEST_GROWTH:
             soak.fail("resident memory has grown by %.2f %% since the warm-up" %
                       (100 * result["rss_kib"]["growth"]))
+        if result["heap_used_kib"]["growth"] > LARGEST_HEAP_GROWTH:
+            soak.fail("the heap in use has grown by %.1f %% since the warm-up" %
+                      (100 * result["heap_used_kib"]["growth"]))
         for column in ("descriptors", "threads"):
             # Exchanges that are under way make both go up and down by a few.
             if result[column]["at_end"] > result[column]["after_warm_up"] + 3:
@@ -269,6 +284,7 @@ def main():
     parser.add_argument("--speed", type=float, default=1.0)
     parser.add_argument("--rate", type=int, default=40, help="actions a second")
     parser.add_argument("--seed", type=int, default=1)
+    parser.add_argument("--malloc", choices=("plain", "default"), default="plain")
     parser.add_argument("--no-plot", action="store_true")
     options = parser.parse_args()
     if "ON_DEVICES" not in os.environ:
