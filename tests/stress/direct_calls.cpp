@@ -7,16 +7,11 @@
 #include <vector>
 
 #include <boost/make_shared.hpp>
-#include <boost/thread/condition_variable.hpp>
-#include <boost/thread/mutex.hpp>
 
 #include <vexupnpcp/cp_discovery.h>
 #include <vexupnpcp/cp_utils.h>
-#include <vexupnpcp/framework_controller_cp.h>
 #include <vexupnpcp/httpinfo.h>
 #include <vexupnpcp/network_layer.h>
-#include <vexupnpcp/networkmonitor.h>
-#include <vexupnpcp/streaming.h>
 #include <vexupnpcp/timer.h>
 
 #include "tests/stress/host_calls.h"
@@ -28,9 +23,7 @@ namespace {
 using Call = Watchdog::Call;
 namespace control = vex_upnp::cp_control;
 namespace discovery = vex_upnp::cp_discovery;
-namespace fw = vex_upnp::framework_core;
 namespace net = vex_upnp::network_layer;
-namespace streaming = vex_upnp::streaming;
 
 constexpr std::size_t kKept = 20;
 constexpr std::size_t kGravesKept = 500;
@@ -88,37 +81,12 @@ class AnswerCounter : public net::ResponseListener {
   }
 };
 
-class RequestAnswerer : public net::TCPRequestListener {
- public:
-  void OnTCPRequestReceived(boost::shared_ptr<vex_upnp::utils::HTTPInfo>, void* session) override {
-    auto* const answer = new std::string("HTTP/1.1 200 OK\r\nConnection: close\r\n\r\n");
-    if (net::SendResponsePacket(answer, static_cast<int>(answer->size()), session) != 0)
-      delete answer;
-  }
-};
-
 void OnDiscovered(int, discovery::DeviceEventType, discovery::DeviceInfo*) {
   Counts::Add("callback: discovery");
 }
 
 std::atomic<long long> expired{0};
 void OnTimer(int, void*) { ++expired; }
-
-void OnClientStatus(int, int, int) { Counts::Add("streaming client: failed"); }
-void OnClientResponse(int, int, streaming::ResHeaderInfo* response, void* body, unsigned, bool) {
-  streaming::FreeResponseHeader(response);
-  streaming::Free(body);
-  Counts::Add("streaming client: response");
-}
-void OnClientData(int, int, void* data, unsigned, bool) { streaming::Free(data); }
-void OnWritten(int, int, unsigned) {}
-
-void OnServerConnect(int, int, int) {}
-void OnServerStatus(int, int, int) { Counts::Add("streaming server: status"); }
-void OnServerRequest(int, int, streaming::ReqHeaderInfo* request, void* body, unsigned, bool) {
-  streaming::FreeRequestHeader(request);
-  streaming::Free(body);
-}
 
 }  // namespace
 
@@ -223,57 +191,6 @@ void HostThread::Exchange() {
   if (sent == 0 && Dice(3) == 0) net::CancelTCPHTTPPacket(id);
 }
 
-void HostThread::Listen() {
-  int id = 0;
-  const Call call("RegisterTCPRequestListener and back");
-  if (net::RegisterTCPRequestListener({"/eventing_1"}, boost::make_shared<RequestAnswerer>(), id) ==
-      0) {
-    net::UnRegisterRequestListener(id);
-  }
-}
-
-void HostThread::AskAddresses() {
-  std::string text;
-  std::vector<net::NetInfo> interfaces;
-  fw::NetworkInfo* available = nullptr;
-  const Call call("addresses and interfaces");
-  net::IsLocalMachine(AnyDevice().ip());
-  net::IsInterfaceExisting("10.77.1.1", "lan1");
-  net::GetOutgoingIPaddress(AnyDevice().ip(), text);
-  net::GetMacAddress(AnyDevice().ip(), text);
-  net::GetNetworkInterfaces(&interfaces);
-  if (fw::GetAvailableNetworkInterfaces(&available) == 0) fw::FreeInterfaceList(available);
-}
-
-void HostThread::Configure() {
-  const Call call("settings of the framework");
-  switch (Dice(6)) {
-    case 0:
-      fw::ConfigureAutoRescanFeature(Dice(2) == 0);
-      break;
-    case 1:
-      fw::ConfigureMulticastSupport(Dice(4) != 0);
-      break;
-    case 2:
-      fw::SetDefaultUserAgent(Dice(2) == 0 ? "stress/2.0" : "");
-      break;
-    case 3: {
-      std::string agent;
-      fw::GetDefaultUserAgent(agent);
-      break;
-    }
-    case 4:
-      fw::ConfigureApplicationOnInterface(Dice(2) == 0 ? "lan0" : "lan1");
-      break;
-    default:
-      if (Dice(2) == 0) {
-        fw::NotifyNICRemoved("lan1");
-      } else {
-        fw::NotifyNICAdded("lan1", "10.77.1.1", "255.255.255.0");
-      }
-  }
-}
-
 void HostThread::Discover() {
   int handle = 0;
   discovery::DetailedDeviceInfo details;
@@ -283,6 +200,11 @@ void HostThread::Discover() {
   discovery::GetDeviceList("upnp:rootdevice", &list);
   discovery::GetDeviceDetailInfo(AnyDevice().key(), &details);
   discovery::GetDeviceDescription(AnyDevice().key(), text);
+  discovery::GetServiceDescription(AnyDevice().key(), AnyService(), text);
+  discovery::GetProductCap(AnyDevice().key(), text);
+  discovery::getDeviceInterface(AnyDevice().ip(), text);
+  int domain = 0;
+  discovery::getDeviceDomain(AnyDevice().ip(), domain);
   if (discovery::RegisterCP("upnp:rootdevice", "", &OnDiscovered, &handle) == 0)
     discovery::UnRegisterCP(handle);
   if (Dice(10) == 0) discovery::Rescan("urn:schemas-upnp-org:device:MediaServer:1");
@@ -297,40 +219,6 @@ void HostThread::RunTimer() {
     void* argument = nullptr;
     vex_upnp::utils::Timer::Cancel(id, &argument);
   }
-}
-
-void HostThread::Stream() {
-  const streaming::ClientAppCallbacks callbacks = {&OnClientStatus, &OnClientResponse,
-                                                   &OnClientData, &OnWritten};
-  const MoodyDevice& device = AnyDevice();
-  int id = 0;
-  const Call call("streaming client");
-  if (streaming::StartClient(&callbacks, device.ip().c_str(), device.port(), &id) != 0) return;
-  streaming::ReqHeaderInfo request;
-  streaming::InitializeRequestHeaderInfo(&request);
-  char uri[] = "/media";
-  char close[] = "close";
-  request.request_type = vex_upnp::utils::HTTP_GET;
-  request.http_version = streaming::HTTP_1_1;
-  request.uri = uri;
-  request.connection = close;
-  streaming::SendHTTPRequest(id, &request);
-  if (Dice(2) == 0) streaming::StopClientTransfer(id);
-}
-
-void HostThread::Serve() {
-  const streaming::ServerAppCallbacks callbacks = {&OnServerConnect, &OnServerStatus,
-                                                   &OnServerRequest, &OnClientData, &OnWritten};
-  constexpr int kPort = 6100;
-  streaming::stServer* servers = nullptr;
-  int configuration = 0;
-  const Call call("streaming servers");
-  if (streaming::StartServers(&callbacks, nullptr, kPort, &servers, &configuration) == 0) {
-    streaming::StopServers(configuration);
-    streaming::FreeServerInfoList(servers);
-  }
-  streaming::stRunningSession* sessions = nullptr;
-  if (streaming::GetRunningSessionInfo(&sessions) == 0) streaming::FreeRunningSession(sessions);
 }
 
 }  // namespace vex_stress

@@ -2,6 +2,7 @@
 
 #include <chrono>
 
+#include "tests/stress/host_calls.h"
 #include "tests/stress/stress_watch.h"
 #include "tests/support/fake_device.h"
 #include "tests/support/private_network.h"
@@ -88,7 +89,13 @@ PeerAnswer MoodyDevice::Serve(const PeerRequest& request) {
   }
   if (request.Begins("GET /scpd/")) return vex_test::Text(WithLength("HTTP/1.1 200 OK", "", kScpd));
   if (request.Begins("GET /media")) {
-    return vex_test::Text(WithLength("HTTP/1.1 200 OK", "", std::string(100000, 'm')));
+    return vex_test::Text(
+        WithLength("HTTP/1.1 200 OK", "", std::string(kMediaBytes, kMediaLetter)));
+  }
+  if (request.Begins("POST /media")) {
+    Counts::Add("network: bodies taken");
+    if (request.Body() != std::string(kMediaBytes, kMediaLetter)) Violation("a body is not whole");
+    return vex_test::Text(WithLength("HTTP/1.1 200 OK", "", ""));
   }
   if (request.Begins("SUBSCRIBE ")) return ServeSubscribe(request);
   if (request.Begins("UNSUBSCRIBE ")) {
@@ -179,6 +186,7 @@ FakeNetwork::FakeNetwork(unsigned seed) {
   for (unsigned i = 0; i < kTalkers; ++i)
     threads_.emplace_back([this, seed, i] { Talk(seed + i); });
   threads_.emplace_back([this, seed] { MoveInterfaces(seed); });
+  threads_.emplace_back([this, seed] { FetchMedia(seed); });
 }
 
 FakeNetwork::~FakeNetwork() {
@@ -204,6 +212,29 @@ void FakeNetwork::Talk(unsigned seed) {
     }
     // A pace that leaves the host threads their share of two cores.
     std::this_thread::sleep_for(milliseconds(1 + random() % 4));
+  }
+}
+
+void FakeNetwork::FetchMedia(unsigned seed) {
+  std::mt19937 random(seed);
+  while (!ended_) {
+    vex_test::ExchangeWith("10.77.0.1", kEventPort, "GET /stress HTTP/1.1\r\nHOST: x\r\n\r\n",
+                           "10.77.0.2");
+    const int port = kMediaPort + static_cast<int>(random() % kHostThreads);
+    const std::string answer = vex_test::ExchangeWith(
+        "10.77.0.1", port, "GET /media HTTP/1.1\r\nHOST: x\r\nConnection: close\r\n\r\n",
+        "10.77.0.2");
+    const std::size_t body = answer.find("\r\n\r\n");
+    if (body == std::string::npos) {
+      Counts::Add("network: no media");
+    } else if (answer.size() - body - 4 == kServedBytes) {
+      Counts::Add("network: media fetched whole");
+      if (answer.find_first_not_of(kMediaLetter, body + 4) != std::string::npos)
+        Violation("the network got other bytes than were served");
+    } else {
+      Counts::Add("network: media cut off");
+    }
+    std::this_thread::sleep_for(milliseconds(random() % 20));
   }
 }
 

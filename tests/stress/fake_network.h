@@ -14,6 +14,9 @@
 namespace vex_stress {
 
 constexpr int kSearchPort = 5300;
+// What a device's media are made of.
+constexpr char kMediaLetter = 'm';
+constexpr unsigned kMediaBytes = 100000;
 constexpr int kEventPort = 5100;
 
 extern const std::vector<std::string> kServices;
@@ -74,6 +77,8 @@ class FakeNetwork {
  private:
   void Talk(unsigned seed);
   void MoveInterfaces(unsigned seed);
+  // Fetches from the library's servers of media, whole or not, and asks its event server.
+  void FetchMedia(unsigned seed);
 
   std::vector<std::unique_ptr<MoodyDevice>> devices_;
   std::atomic<bool> ended_{false};

@@ -117,21 +117,25 @@ constexpr WeightedCall kCalls[] = {
     {15, &HostThread::SubscribeDirect},
     {12, &HostThread::UnsubscribeDirect},
     {10, &HostThread::Exchange},
-    {4, &HostThread::Listen},
-    {4, &HostThread::AskAddresses},
-    {4, &HostThread::Configure},
     {8, &HostThread::Discover},
     {10, &HostThread::RunTimer},
-    {6, &HostThread::Stream},
-    {2, &HostThread::Serve},
+    {6, &HostThread::Listen},
+    {4, &HostThread::WatchInterfaces},
+    {4, &HostThread::SendDatagrams},
+    {4, &HostThread::AskAddresses},
+    {1, &HostThread::Probe},
+    {4, &HostThread::Configure},
+    {4, &HostThread::ConfigureServers},
+    {4, &HostThread::ConfigureDiscovery},
+    {8, &HostThread::Fetch},
+    {5, &HostThread::Upload},
+    {4, &HostThread::FetchSync},
+    {6, &HostThread::Serve},
+    {4, &HostThread::AskStreaming},
+    {8, &HostThread::UseUtilities},
 };
 
 }  // namespace
-
-HostThread::HostThread(int slot, unsigned seed, const FakeNetwork& network)
-    : slot_(slot), random_(seed), network_(network) {}
-
-HostThread::~HostThread() = default;
 
 int HostThread::handle() const { return slots[static_cast<std::size_t>(slot_)].handle; }
 
@@ -162,6 +166,8 @@ void HostThread::Forget() {
   direct_actions_.clear();
   subscriptions_.clear();
   ended_.clear();
+  ForgetRegistrations();
+  media_configuration_ = 0;
 }
 
 void CloseAllSlots() {

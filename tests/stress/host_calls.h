@@ -5,6 +5,7 @@
 #include <memory>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/stress/fake_network.h"
@@ -14,6 +15,12 @@ namespace vex_stress {
 constexpr int kHostThreads = 8;
 
 class DirectSubscription;
+struct NetworkRegistrations;
+
+// The first port of the servers of media, one for each host thread.
+constexpr int kMediaPort = 6100;
+// What a server of ours sends and takes, against kMediaBytes of a device.
+constexpr unsigned kServedBytes = 400000;
 
 // One thread of the host, with a control point and some subscriptions of its own.
 class HostThread {
@@ -47,16 +54,28 @@ class HostThread {
   void SubscribeDirect();
   void UnsubscribeDirect();
   void Exchange();
-  void Listen();
-  void AskAddresses();
-  void Configure();
   void Discover();
   void RunTimer();
-  void Stream();
+  void Listen();
+  void WatchInterfaces();
+  void SendDatagrams();
+  void AskAddresses();
+  void Probe();
+  void Configure();
+  void ConfigureServers();
+  void ConfigureDiscovery();
+  // Media.
+  void Fetch();
+  void Upload();
+  void FetchSync();
   void Serve();
+  void AskStreaming();
+  void UseUtilities();
 
  private:
   int handle() const;
+  std::pair<std::string, int> AnySource();
+  void ForgetRegistrations();
 
   const int slot_;
   std::mt19937 random_;
@@ -66,7 +85,13 @@ class HostThread {
   std::vector<std::unique_ptr<DirectSubscription>> subscriptions_;
   // Those that have ended must not be called any more, which only an object can tell.
   std::deque<std::unique_ptr<DirectSubscription>> ended_;
+  std::unique_ptr<NetworkRegistrations> registrations_;
+  int media_configuration_ = 0;
+  int media_server_ = 0;
 };
+
+// The library has ended, and all transfers with it.
+void ForgetTransfers();
 
 // Called when TerminateGenericCP has returned: no callback may come from now on.
 void CloseAllSlots();

@@ -48,10 +48,16 @@ void Start() {
 }
 
 void Stop() {
-  const Call call("stop of the library");
-  EXPECT_EQ(0, TerminateGenericCP());
+  {
+    const Call call("stop of the library: TerminateGenericCP");
+    EXPECT_EQ(0, TerminateGenericCP());
+  }
   CloseAllSlots();
-  EXPECT_EQ(0, fw::StopNetworkMonitor());
+  {
+    const Call call("stop of the library: StopNetworkMonitor");
+    EXPECT_EQ(0, fw::StopNetworkMonitor());
+  }
+  const Call call("stop of the library: TerminateFrameworkCore");
   EXPECT_EQ(0, fw::TerminateFrameworkCore());
 }
 
@@ -76,6 +82,7 @@ class Host {
     for (const auto& thread : threads_) thread->Forget();
     Counts::Add("direct action: open at the end of the library", OpenContexts());
     DropOpenContexts();
+    ForgetTransfers();
   }
 
   void Run(std::chrono::seconds time) {
@@ -130,13 +137,31 @@ TEST(Stress, EveryFunctionFromEightThreadsWhileTheNetworkTalks) {
   }
   Counts::Print();
   // It would be no test if these had not happened.
-  for (const char* what :
-       {"action: succeeded", "action: Not now", "action: Action Timeout", "action: Action Failed",
-        "action: answer not understood", "callback: event", "callback: direct event",
-        "device: added", "device: removed", "network: renewals", "network: unsubscribes",
-        "network: events answered 200", "network: events answered 412",
-        "network: interface taken down", "direct action: context given back by cancel",
-        "direct subscription: granted", "streaming client: response"}) {
+  for (const char* what : {"action: succeeded",
+                           "action: Not now",
+                           "action: Action Timeout",
+                           "action: Action Failed",
+                           "action: answer not understood",
+                           "callback: event",
+                           "callback: direct event",
+                           "device: added",
+                           "device: removed",
+                           "network: renewals",
+                           "network: unsubscribes",
+                           "network: events answered 200",
+                           "network: events answered 412",
+                           "network: interface taken down",
+                           "direct action: context given back by cancel",
+                           "direct subscription: granted",
+                           "streaming client: whole",
+                           "streaming client: body written",
+                           "synchronous streaming client: whole",
+                           "streaming server: body handed over",
+                           "streaming server: whole body taken",
+                           "network: media fetched whole",
+                           "network: bodies taken",
+                           "callback: TCP request",
+                           "callback: datagram"}) {
     EXPECT_LT(0, Counts::Of(what)) << what;
   }
   EXPECT_LE(2, Counts::Of("library: lives"));
