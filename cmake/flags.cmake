@@ -31,8 +31,18 @@ if(VEX_SANITIZE)
     # Asio's fences are invisible to the sanitizer; its queues are ordered by mutexes beside them.
     target_compile_options(vex_flags INTERFACE -Wno-tsan)
   endif()
+  if(VEX_SANITIZE MATCHES "address" AND CMAKE_CXX_COMPILER_ID MATCHES "Clang" AND NOT VEX_BUILD_FUZZ)
+    # As a library of its own the runtime stands behind the tests' allocation functions, where they
+    # look for the original ones.
+    execute_process(COMMAND ${CMAKE_CXX_COMPILER} --print-file-name=libclang_rt.asan-${CMAKE_SYSTEM_PROCESSOR}.so
+      OUTPUT_VARIABLE vex_asan_runtime OUTPUT_STRIP_TRAILING_WHITESPACE)
+    get_filename_component(vex_asan_folder ${vex_asan_runtime} DIRECTORY)
+    target_link_options(vex_flags INTERFACE -shared-libasan -Wl,-rpath,${vex_asan_folder})
+  endif()
   if(VEX_SANITIZE MATCHES "undefined")
-    target_compile_options(vex_flags INTERFACE -fno-sanitize-recover=all)
+    # Clang's check of virtual tables wants a pipe each time, and tests leave no descriptor for it.
+    target_compile_options(vex_flags INTERFACE -fno-sanitize-recover=all
+      $<$<CXX_COMPILER_ID:Clang>:-fno-sanitize=vptr>)
   endif()
 else()
   target_compile_definitions(vex_flags INTERFACE $<$<NOT:$<CONFIG:Debug>>:_FORTIFY_SOURCE=2>)

@@ -19,9 +19,9 @@ namespace {
 using vex_test::WaitUntil;
 
 TEST(DiscoveryWorkers, AJobRunsOnANamedThreadAndItsEntryGoesWithIt) {
-  DiscoveryWorkers workers;
   std::atomic<bool> go{false};
   char name[16] = {};
+  DiscoveryWorkers workers;
   ASSERT_TRUE(workers.Start(1, "VexDscRescan", [&] {
     pthread_getname_np(pthread_self(), name, sizeof(name));
     WaitUntil([&] { return go.load(); });
@@ -47,9 +47,9 @@ TEST(DiscoveryWorkers, NoThreadIsLeftBehind) {
 
 TEST(DiscoveryWorkers, JobsInLineShareAFewThreads) {
   const int before = vex_test::ThreadCount();
-  DiscoveryWorkers workers;
   std::atomic<bool> go{false};
   std::atomic<int> ran{0};
+  DiscoveryWorkers workers;
   for (int i = 1; i <= 1000; ++i) {
     ASSERT_TRUE(workers.StartInLine(i, "t", [&] {
       WaitUntil([&] { return go.load(); });
@@ -66,12 +66,13 @@ TEST(DiscoveryWorkers, JobsInLineShareAFewThreads) {
 }
 
 TEST(DiscoveryWorkers, OtherJobsDoNotWaitInLine) {
-  DiscoveryWorkers workers;
   std::atomic<bool> go{false};
+  std::atomic<bool> ran{false};
+  // Joins its threads at the end, before what they use goes.
+  DiscoveryWorkers workers;
   for (int i = 1; i <= 2 * limits::kDescriptionWorkers; ++i) {
     workers.StartInLine(i, "t", [&] { WaitUntil([&] { return go.load(); }); });
   }
-  std::atomic<bool> ran{false};
   ASSERT_TRUE(workers.Start(1000, "t", [&] { ran = true; }));
   EXPECT_TRUE(WaitUntil([&] { return ran.load(); }));
   go = true;
@@ -79,9 +80,9 @@ TEST(DiscoveryWorkers, OtherJobsDoNotWaitInLine) {
 
 TEST(DiscoveryWorkers, JoiningWaitsForWhatRunsAndDropsTheLine) {
   vex_test::LogCapture log;
-  DiscoveryWorkers workers;
   std::atomic<bool> go{false};
   std::atomic<int> ran{0};
+  DiscoveryWorkers workers;
   const auto job = [&] {
     WaitUntil([&] { return go.load(); });
     ++ran;
