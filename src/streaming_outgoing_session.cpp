@@ -278,10 +278,9 @@ bool OutgoingSession::__HandOver(std::size_t bytes) {
 bool OutgoingSession::__Parse(std::size_t bytes) {
   if (__HandOver(bytes)) return true;
   buffer_.get()[bytes] = '\0';
-  if (utils::FeedParser(buffer_.get(), static_cast<unsigned int>(bytes), http_info_) ==
-      result::kOk) {
-    return true;
-  }
+  const int parsed = utils::FeedParser(buffer_.get(), static_cast<unsigned int>(bytes), http_info_);
+  // A read may hold more than the whole of a header, so one that is complete is looked at too.
+  if (parsed == result::kOk && !HeaderTooLong(*http_info_)) return true;
   VEX_LOG(kLogMajor, kTagStreaming, "Parsing Failure!");
   ShutDown();
   __Fail(STREAMING_PARSE_FAILED);
@@ -301,11 +300,7 @@ void OutgoingSession::CallbackRead(const error_code& error, std::size_t bytes) {
   }
   if (!__Parse(bytes)) return;
   if (http_info_->GetStatus() != utils::HEADER_COMPLETE) {
-    if (HeaderTooLong(*http_info_)) {
-      VEX_LOG(kLogMajor, kTagStreaming, "Parsing Failure!");
-      ShutDown();
-      __Fail(STREAMING_PARSE_FAILED);
-    } else if (gone) {
+    if (gone) {
       VEX_LOG(kLogMajor, kTagStreaming, "Exception 1: SOCKET_CLOSED");
       __Fail(STREAMING_SOCKET_FAILED);
     } else {
