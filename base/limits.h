@@ -30,6 +30,11 @@ constexpr std::size_t kChunkSizeDigits = 8;
 constexpr std::uint64_t kControlBody = 8 * 1024 * 1024;
 // What it may occupy, with the records of small pieces counted.
 constexpr std::uint64_t kControlBodyCost = 2 * kControlBody;
+// What all answers on the control side, and all requests to the event server, may hold together. A
+// message that holds no more than a small one has its place whatever the others hold.
+constexpr std::size_t kAnswersTogether = 64 * 1024 * 1024;
+constexpr std::size_t kEventRequestsTogether = 32 * 1024 * 1024;
+constexpr std::size_t kSmallMessage = 64 * 1024;
 // Share of the soft descriptor limit from which the event server closes its most silent connection.
 constexpr unsigned kDescriptorSharePercent = 85;
 constexpr std::size_t kDescriptionRequests = 16384;

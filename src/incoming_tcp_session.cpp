@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <utility>
 
+#include <boost/make_shared.hpp>
 #include <boost/thread/lock_guard.hpp>
 
 #include <vexupnpcp/httpinfo.h>
@@ -39,7 +40,8 @@ IncomingTCPSession::IncomingTCPSession(tcp::socket socket, const boost::shared_p
     : handler_id_(handler_id),
       notify_(notify),
       reading_(reading),
-      http_info_(new utils::HTTPInfo),
+      request_(boost::make_shared<BudgetedMessage>(EventRequestBudget())),
+      http_info_(BudgetedMessage::InfoOf(request_)),
       socket_(std::move(socket)) {}
 
 IncomingTCPSession::~IncomingTCPSession() {
@@ -107,6 +109,10 @@ void IncomingTCPSession::ParseRead(std::size_t bytes) {
     VEX_LOG(kLogMajor, kTag, "PARSER FAILURE Status: %d and Buffer : %s", http_info_->GetStatus(),
             buffer_.data());
     CloseAndNotify();
+    return;
+  }
+  if (!request_->HasPlace()) {
+    RefuseTooLong();
     return;
   }
   if (http_info_->GetState() != utils::MESSAGE_COMPLETE) {

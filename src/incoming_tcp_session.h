@@ -17,6 +17,7 @@
 #include "base/limits.h"
 #include "base/thread_marks.h"
 #include "src/header_end.h"
+#include "src/message_budget.h"
 #include "src/reading_sessions.h"
 #include "src/server_notify.h"
 
@@ -84,6 +85,8 @@ class IncomingTCPSession : public boost::enable_shared_from_this<IncomingTCPSess
   const boost::shared_ptr<ReadingSessions> reading_;
 
   // Used by the one read that is out, and by what follows it.
+  const boost::shared_ptr<BudgetedMessage> request_;
+  // The request's message.
   boost::shared_ptr<utils::HTTPInfo> http_info_;
   // One more than a read: the search for a first line's end wants a NUL behind what came.
   std::array<char, limits::kReceiveBuffer + 1> buffer_;

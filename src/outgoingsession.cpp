@@ -65,7 +65,8 @@ OutgoingSession::OutgoingSession(io_service& io, Notify* notify, const utils::Pr
     : io_service_(&io),
       notify_(notify),
       timeouts_(timeouts),
-      http_info_(boost::make_shared<utils::HTTPInfo>()),
+      answer_(boost::make_shared<BudgetedMessage>(AnswerBudget())),
+      http_info_(BudgetedMessage::InfoOf(answer_)),
       socket_(io) {
   SetProtocol(protocol);
 }
@@ -415,7 +416,8 @@ bool OutgoingSession::CallbackRead(const error_code& error, char* data, std::siz
 
 bool OutgoingSession::__TakeUp(const char* data, std::size_t bytes) {
   const bool taken = utils::FeedParser(data, bytes, http_info_) == result::kOk &&
-                     http_info_->GetState() != utils::MESSAGE_FAILED && AnswerFits(*http_info_);
+                     http_info_->GetState() != utils::MESSAGE_FAILED && AnswerFits(*http_info_) &&
+                     answer_->HasPlace();
   if (!taken) {
     std::string start_line;
     http_info_->GetStartLine(start_line);

@@ -15,6 +15,7 @@
 
 #include "base/asio.h"
 #include "base/thread_marks.h"
+#include "src/message_budget.h"
 #include "src/outgoing_timeouts.h"
 #include "src/server_notify.h"
 
@@ -115,6 +116,8 @@ class OutgoingSession : public boost::enable_shared_from_this<OutgoingSession> {
   utils::Protocol protocol_ = utils::PROTOCOL_TCP;
   int handler_id_ = 0;
   std::string request_;
+  const boost::shared_ptr<BudgetedMessage> answer_;
+  // The answer's message.
   boost::shared_ptr<utils::HTTPInfo> http_info_;
   std::vector<tcp::endpoint> endpoints_;
   std::size_t next_endpoint_ = 0;

@@ -20,8 +20,8 @@ LAYERS = {
     'network': 'network_layer network_addresses networkinterface* networkmonitor '
                'net_change_listener fd_diagnostics server_notify udp_server multicast_server '
                'tcp_server servermanager incoming_tcp_session outgoing* clientmanager '
-               'callbackhandler datagram_feed datagram_server header_end packet_queue '
-               'pattern_table reading_sessions network_listeners network_types',
+               'callbackhandler datagram_feed datagram_server header_end message_budget '
+               'packet_queue pattern_table reading_sessions network_listeners network_types',
     'streaming': 'streaming*',
     'discovery': 'cp_discovery cp_discovery_manager discovery_* now_requesting* '
                  'description_listener device device_description_parser device_list observer '
