@@ -28,6 +28,7 @@ def main():
     figure, (memory, counts, times) = plt.subplots(3, 1, sharex=True, figsize=(9, 9))
     memory.plot(minutes, column(rows, "rss_kib", 1024), label="resident")
     memory.plot(minutes, column(rows, "private_dirty_kib", 1024), label="private, dirty")
+    memory.plot(minutes, column(rows, "heap_used_kib", 1024), label="heap in use")
     memory.set_ylabel("MiB")
     memory.set_ylim(bottom=0)
     for name in ("devices", "threads", "descriptors"):
@@ -41,9 +42,9 @@ def main():
     times.set_yscale("log")
     times.set_ylabel("ms, in windows of 10 s")
     times.set_xlabel("minutes")
-    for axes in (memory, counts, times):
+    for axes, place in ((memory, "center right"), (counts, "center right"), (times, "upper right")):
         axes.grid(alpha=0.3)
-        axes.legend(loc="lower right", fontsize="small", ncol=3)
+        axes.legend(loc=place, fontsize="small", ncol=3)
         if minutes[-1] > WARM_UP_MIN:
             axes.axvline(WARM_UP_MIN, color="grey", linestyle=":", linewidth=1)
     figure.tight_layout()
