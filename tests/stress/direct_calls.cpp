@@ -203,6 +203,8 @@ void HostThread::Discover() {
   discovery::GetServiceDescription(AnyDevice().key(), AnyService(), text);
   discovery::GetProductCap(AnyDevice().key(), text);
   discovery::getDeviceInterface(AnyDevice().ip(), text);
+  std::string type = AnyService(), host;
+  vex_upnp::cp_utils::GetHostAndControlUri(AnyDevice().key(), type, host, text);
   int domain = 0;
   discovery::getDeviceDomain(AnyDevice().ip(), domain);
   if (discovery::RegisterCP("upnp:rootdevice", "", &OnDiscovered, &handle) == 0)

@@ -225,9 +225,14 @@ void HostThread::Configure() {
       fw::ConfigureApplicationOnInterface(Dice(2) == 0 ? "lan0" : "lan1");
       break;
     case 5:
-      // Both are done already.
-      fw::StartFrameworkCore();
-      fw::StartNetworkMonitor();
+      // For a moment, in which others may come upon it.
+      if (Dice(2) == 0) {
+        fw::StopFrameworkCore();
+        fw::StartFrameworkCore();
+      } else {
+        fw::StopNetworkMonitor();
+        fw::StartNetworkMonitor();
+      }
       break;
     default:
       if (Dice(2) == 0) {

@@ -195,6 +195,28 @@ void ReadMessage() {
   Check(utils::GetStatusString(404) != nullptr, "GetStatusString");
 }
 
+// Tokens one by one, and a document read into a flat list.
+void ReadTokens() {
+  std::string text = "<a b='c'/>";
+  utils::DomParser parser;
+  utils::EmXmlParser::InitializeCParser(text.c_str(), static_cast<int>(text.size()), parser);
+  Check(utils::EmXmlParser::NextToken(parser) == utils::kXmlTokenTagStart &&
+            utils::EmXmlParser::NextToken(parser) == utils::kXmlTokenText &&
+            utils::EmXmlParser::SkipSpaces(parser) == utils::kXmlTokenText &&
+            utils::EmXmlParser::NextToken(parser) == utils::kXmlTokenEqual &&
+            utils::EmXmlParser::NextToken(parser) == utils::kXmlTokenSingleQuote &&
+            utils::EmXmlParser::NextToken2('\'', parser) == utils::kXmlTokenText,
+        "NextToken");
+  utils::XmlParser document;
+  utils::NodeXml* node = nullptr;
+  std::list<cp_utils::CPUtilsArgument> arguments;
+  utils::XmlParserGetDomMA("<r><x>1</x><y val=\"2\"/></r>", document);
+  utils::XmlParserGetFirstNode(document, node);
+  Check(cp_utils::MakeArgumentList(node, document, arguments) == 0 && arguments.size() == 3 &&
+            arguments.back().value == "2",
+        "MakeArgumentList");
+}
+
 // A file that only this thread knows.
 void HandleFile(int number) {
   const std::string path =
@@ -229,7 +251,7 @@ void HandleFile(int number) {
 
 void HostThread::UseUtilities() {
   const Call call("utilities");
-  switch (Dice(7)) {
+  switch (Dice(8)) {
     case 0:
       ReadSoap();
       break;
@@ -247,6 +269,9 @@ void HostThread::UseUtilities() {
       break;
     case 5:
       ReadMessage();
+      break;
+    case 6:
+      ReadTokens();
       break;
     default:
       HandleFile(slot_);
