@@ -1,7 +1,7 @@
 // The network layer and what of the framework and of discovery lies beside the control point.
-#include <algorithm>
 #include <atomic>
-#include <iterator>
+#include <cstdlib>
+#include <cstring>
 #include <map>
 #include <memory>
 #include <string>
@@ -52,9 +52,8 @@ class RequestAnswerer : public net::TCPRequestListener {
         net::SendSyncResponsePacket(kAnswer, kLength, session);
         break;
       default: {
-        char* const answer = new char[sizeof(kAnswer)];
-        std::copy(std::begin(kAnswer), std::end(kAnswer), answer);
-        if (net::SendBinaryResponsePacket(answer, kLength, session) != 0) delete[] answer;
+        char* const answer = strdup(kAnswer);
+        if (net::SendBinaryResponsePacket(answer, kLength, session) != 0) std::free(answer);
       }
     }
   }
