@@ -218,6 +218,8 @@ void FakeNetwork::Talk(unsigned seed) {
 void FakeNetwork::FetchMedia(unsigned seed) {
   std::mt19937 random(seed);
   while (!ended_) {
+    vex_test::SsdpPeer("10.77.0.2")
+        .Send("NOTIFY * HTTP/1.1\r\nNTS: x-stress\r\n\r\n", "10.77.0.1", kSearchPort);
     vex_test::ExchangeWith("10.77.0.1", kEventPort, "GET /stress HTTP/1.1\r\nHOST: x\r\n\r\n",
                            "10.77.0.2");
     const int port = kMediaPort + static_cast<int>(random() % kHostThreads);

@@ -111,7 +111,7 @@ void HostThread::Listen() {
   tcp = udp = -1;
   if (Dice(3) == 0) return;
   net::RegisterTCPRequestListener({"/stress"}, boost::make_shared<RequestAnswerer>(), tcp);
-  net::RegisterUDPRequestListener({"NOTIFY"}, boost::make_shared<DatagramCounter>(), udp);
+  net::RegisterUDPRequestListener({"x-stress"}, boost::make_shared<DatagramCounter>(), udp);
 }
 
 void HostThread::WatchInterfaces() {
