@@ -98,7 +98,7 @@ dev_test() {
   local quick=
   [ "${1:-}" = --quick ] && quick=1
   need $BUILD_PACKAGES $PROGRAM_PACKAGES $TEST_PACKAGES
-  build debug all
+  build debug all -- -DVEX_BUILD_APPS=ON -DVEX_BUILD_TESTS=ON
   if [ -n "$quick" ]; then
     run_tests debug --gtest_filter='-*Slow*:*.Slow*'
     return
@@ -120,7 +120,7 @@ dev_lab() {
   [ "$(id -u)" = 0 ] || { echo "./dev lab needs root: it makes network namespaces and starts real devices in them" >&2; exit 3; }
   need $BUILD_PACKAGES $PROGRAM_PACKAGES $TEST_PACKAGES
   need_lab_packages
-  build debug all
+  build debug all -- -DVEX_BUILD_APPS=ON -DVEX_BUILD_TESTS=ON
   say "real devices"
   VEX_BUILD_DIR=$PWD/build/debug tools/lab.sh test
 }
@@ -172,7 +172,7 @@ dev_format() { need clang-format-14; our_sources | xargs "$(tool clang-format)" 
 dev_tidy() {
   local preset=${1:-clang}
   need $BUILD_PACKAGES $PROGRAM_PACKAGES $TEST_PACKAGES $CHECK_PACKAGES
-  build "$preset" all
+  build "$preset" all -- -DVEX_BUILD_APPS=ON -DVEX_BUILD_TESTS=ON
   say "tidy"
   git ls-files 'base/*.cpp' 'src/*.cpp' 'string/*.cpp' 'timer/*.cpp' 'httpparser/*.cpp' 'xmlparser/*.cpp' 'file_io/*.cpp' |
     grep -v 'base/asio_impl.cpp' |

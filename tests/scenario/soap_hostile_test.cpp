@@ -101,7 +101,8 @@ class SoapHostile : public vex_test::HostileRig {
   }
 
   ToldAction AnswerWith(const std::string& body, const std::string& status) {
-    device_.OnAction([&](const PeerRequest&) {
+    // Copies: the device's thread answers from them while the caller's may be gone.
+    device_.OnAction([status, body](const PeerRequest&) {
       return vex_test::Text("HTTP/1.1 " + status + "\r\nContent-Length: " +
                             std::to_string(body.size()) + "\r\n\r\n" + body);
     });

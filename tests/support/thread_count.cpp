@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <fstream>
 
+#include "tests/support/wait_until.h"
+
 namespace vex_test {
 namespace {
 
@@ -25,6 +27,13 @@ int ThreadCount() { return static_cast<int>(Entries("/proc/self/task").size()); 
 
 // The listing itself uses one.
 int DescriptorCount() { return static_cast<int>(Entries("/proc/self/fd").size()) - 1; }
+
+testing::AssertionResult ThreadsBecome(int count) {
+  if (WaitUntil([count] { return ThreadCount() == count; }, std::chrono::seconds(1))) {
+    return testing::AssertionSuccess();
+  }
+  return testing::AssertionFailure() << ThreadCount() << " threads instead of " << count;
+}
 
 std::vector<std::string> ThreadNames(const std::string& leave_out) {
   std::vector<std::string> names;

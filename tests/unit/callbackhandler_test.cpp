@@ -676,10 +676,10 @@ TEST_F(CallBackHandlerTest, CyclesLeaveNoThread) {
   const int descriptors = vex_test::DescriptorCount();
   for (int i = 0; i < 10; ++i) {
     CallBackHandler::GetInstance()->StartCallbackThreads();
-    EXPECT_EQ(threads + 9, vex_test::ThreadCount());
+    EXPECT_TRUE(vex_test::ThreadsBecome(threads + 9));
     CallBackHandler::GetInstance()->StopCallbackThreads();
     CallBackHandler::DestroyInstance();
-    EXPECT_EQ(threads, vex_test::ThreadCount());
+    EXPECT_TRUE(vex_test::ThreadsBecome(threads));
     EXPECT_EQ(descriptors, vex_test::DescriptorCount());
   }
   handler_ = CallBackHandler::GetInstance();

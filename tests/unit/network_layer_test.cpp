@@ -48,16 +48,16 @@ TEST(NetworkLayer, StartAndStopRunAllThreadsAndLeaveNone) {
   EXPECT_EQ(result::kOk, InitializeNetworkLayer());
   EXPECT_EQ(result::kOk, StartNetworkLayer());
   // 2 + 2 + 5 for callbacks, 3 + 1 + 1 for servers, 3 for clients, 2 for interface events.
-  EXPECT_EQ(before + 19, vex_test::ThreadCount());
+  EXPECT_TRUE(vex_test::ThreadsBecome(before + 19));
   LogCapture log;
   EXPECT_EQ(result::kOk, StopNetworkLayer());
-  EXPECT_EQ(before + 2, vex_test::ThreadCount());
+  EXPECT_TRUE(vex_test::ThreadsBecome(before + 2));
   EXPECT_EQ(1, log.Count(4, kTag, "1: Calling StopClientThreads"));
   EXPECT_EQ(1, log.Count(4, kTag, "2: StopClientThreads done"));
   EXPECT_EQ(1, log.Count(4, kTag, "3: Calling StopServerThreads"));
   EXPECT_EQ(1, log.Count(4, kTag, "4: Calling Stopcallback handler threads"));
   EXPECT_EQ(result::kOk, TerminateNetworkLayer());
-  EXPECT_EQ(before, vex_test::ThreadCount());
+  EXPECT_TRUE(vex_test::ThreadsBecome(before));
 }
 
 TEST(NetworkLayer, StartWithoutSingletonsFailsAtTheFirstThatIsMissing) {
