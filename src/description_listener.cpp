@@ -226,6 +226,12 @@ Storing StoreServiceDescription(const NowRequesting& request, std::string body,
   return complete ? Storing::kComplete : Storing::kIncomplete;
 }
 
+void LogNoRoom(const NowRequesting& request) {
+  static LogLimit once_a_second;
+  if (!once_a_second.Due()) return;
+  VEX_LOG(kLogMajor, kTag, "No room for service descriptions of device %s", request.udn.c_str());
+}
+
 }  // namespace
 
 boost::shared_ptr<DescriptionListener> DescriptionListener::m_instance_;
@@ -453,8 +459,7 @@ void DescriptionListener::ServiceDescriptionReceived(CPDiscoveryManager& manager
       manager.RemoveNowRequestingByUdn(request.udn);
       return;
     case Storing::kNoRoom:
-      VEX_LOG(kLogMajor, kTag, "No room for service descriptions of device %s",
-              request.udn.c_str());
+      LogNoRoom(request);
       manager.LoseDevice(request.udn);
       return;
     case Storing::kWasReady:

@@ -16,6 +16,7 @@
 
 #include "base/limits.h"
 #include "src/cp_discovery_manager.h"
+#include "src/device.h"
 #include "src/device_list.h"
 #include "src/now_requesting.h"
 #include "tests/support/discovery_rig.h"
@@ -269,6 +270,40 @@ TEST_F(DiscoveryHostile, AsManyServicesAsTheBoundAreDescribedAndOneMoreLosesTheD
       Alive("uuid:most", ServeDevice(server_, "/m.xml", Plain("uuid:most", bound))));
   EXPECT_TRUE(WaitUntil([] { return DiscoveryRig::CountEvents("+uuid:most+localhost") == 1; },
                         std::chrono::seconds(60)));
+}
+
+TEST_F(DiscoveryHostile, ServiceDescriptionsWithoutRoomLoseTheirDevicesWithALineASecond) {
+  DiscoveryRig::Register("upnp:rootdevice");
+  const boost::shared_ptr<DeviceList> list = DeviceList::GetInstance();
+  boost::shared_ptr<Device> full(new Device);
+  {
+    boost::lock_guard<boost::recursive_mutex> lock(list->device_list_mutex);
+    ASSERT_TRUE(list->Add(full));
+    // What is left is enough for any of these devices without its service description.
+    ASSERT_TRUE(list->Reserve(full, limits::kHeldDeviceBytes - 512 * 1024));
+  }
+  LogCapture log;
+  const auto begin = std::chrono::steady_clock::now();
+  for (int i = 0; i < 20; ++i) {
+    const FakeDevice device = Plain("uuid:large-" + std::to_string(i), 1);
+    const std::string url = ServeDevice(server_, "/" + std::to_string(i) + ".xml", device);
+    server_.Serve(device.services[0].scpd_url, std::string(1024 * 1024, 's'));
+    DiscoveryRig::Receive(Alive(device.udn, url));
+    EXPECT_TRUE(WaitUntil([&] { return server_.Count(device.services[0].scpd_url) == 1; }));
+    EXPECT_TRUE(WaitUntil([&] { return NothingInFlight(device.udn + "+localhost"); }));
+  }
+  EXPECT_TRUE(WaitUntil([] { return ListSize() == 1; }));
+  EXPECT_THAT(DiscoveryRig::EventLog(), IsEmpty());
+  int lines = 0;
+  for (const auto& line : log.Lines()) {
+    if (line.text.find("No room for service descriptions of device ") == 0) ++lines;
+  }
+  const auto elapsed =
+      std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - begin);
+  EXPECT_GE(lines, 1);
+  EXPECT_LE(lines, static_cast<int>(elapsed.count()) + 2);
+  boost::lock_guard<boost::recursive_mutex> lock(list->device_list_mutex);
+  list->Remove(full);
 }
 
 TEST_F(DiscoveryHostile, EmptyFieldsMakeAnOddDeviceAndNoMore) {
