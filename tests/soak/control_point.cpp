@@ -90,9 +90,25 @@ void ControlPoint::Start(const std::string& interface_name) {
         "ConfigureApplicationOnInterface");
   Check(InitializeGenericCP(), "InitializeGenericCP");
   Check(fw::ConfigureAutoRescanFeature(true), "ConfigureAutoRescanFeature");
+  Register();
+}
+
+void ControlPoint::Register() {
   ControlPointCalbacks callbacks{&OnEvent, &OnAction, &OnDevice, nullptr};
   Check(RegisterCP(Types().head(), &callbacks, &handle_), "RegisterCP");
   TakeUpListed();
+}
+
+void ControlPoint::RegisterAnew() {
+  Note(UnRegisterCP(handle_), "UnRegisterCP");
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    // Of the control point that is gone; the list tells the rest.
+    device_events_.clear();
+  }
+  house_.Clear();
+  ++counts.control_points;
+  Register();
 }
 
 void ControlPoint::Stop() {
@@ -204,7 +220,7 @@ void ControlPoint::HandleDevices() {
     ++counts.removed;
     house_.Removed(event.key);
     for (const std::string& service : Services(event.kind))
-      UnSubscribeService(handle_, event.key.c_str(), service.c_str());
+      if (UnSubscribeService(handle_, event.key.c_str(), service.c_str()) != 0) ++counts.left;
   }
 }
 

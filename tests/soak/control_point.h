@@ -34,6 +34,9 @@ class ControlPoint {
   void Hold(bool held) { held_ = held; }
   bool Idle();
 
+  // Gives the control point back, with all it has subscribed, and begins anew. While idle.
+  void RegisterAnew();
+
   // The devices that the library lists now.
   std::vector<std::string> Listed();
 
@@ -53,6 +56,7 @@ class ControlPoint {
   static void OnAction(int id, errorcodes code, CPArgument* output, const char* description);
   static void OnDevice(int event, CPDeviceInfo* device);
 
+  void Register();
   void TakeUp(const std::string& key, Kind kind);
   void TakeUpListed();
   void HandleDevices();

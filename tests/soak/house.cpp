@@ -114,6 +114,11 @@ void House::Removed(const std::string& key) {
   devices_.erase(found);
 }
 
+void House::Clear() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  devices_.clear();
+}
+
 std::optional<Kind> House::Find(const std::string& key) const {
   const std::lock_guard<std::mutex> lock(mutex_);
   const auto found = devices_.find(key);

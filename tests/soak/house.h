@@ -57,6 +57,7 @@ class House {
 
   void Added(const std::string& key, Kind kind);
   void Removed(const std::string& key);
+  void Clear();
   std::optional<Kind> Find(const std::string& key) const;
   bool IsStable(const std::string& key) const;
   // Whether its times say something of the library.

@@ -85,6 +85,7 @@ void PrintWindow() {
                     std::make_pair("events", &counts.events),
                     std::make_pair("changes", &counts.changes),
                     std::make_pair("subscriptions", &counts.subscriptions),
+                    std::make_pair("left", &counts.left),
                     std::make_pair("stuck", &counts.stuck),
                     std::make_pair("added", &counts.added),
                     std::make_pair("removed", &counts.removed),

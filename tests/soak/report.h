@@ -32,7 +32,10 @@ struct Counts {
   // Events that told a numbered change.
   std::atomic<long long> changes{0};
   std::atomic<long long> subscriptions{0};
-  // Pairs that count as subscribed although the device has given the subscription up.
+  // Subscriptions that had ended with their device before they were ended here: their pairs count
+  // as subscribed until the control point goes.
+  std::atomic<long long> left{0};
+  // Of those, met again.
   std::atomic<long long> stuck{0};
   std::atomic<long long> added{0};
   std::atomic<long long> removed{0};

@@ -36,6 +36,8 @@ from simulated_house import COUNTED, SimulatedHouse, on_devices
 HERE = "10.78.0.1"
 WARM_UP_S = 300
 CHECKPOINT_S = 120
+# At every so many checkpoints the host gives its control point back and registers another.
+ANEW = 3
 # Silent deaths are found by searches, each type's every 20 s.
 CONVERGENCE_S = 90
 # Compared at the end of the warm-up and at the end of the run.
@@ -73,6 +75,7 @@ class Soak:
         self.failures = []
         self.rows = []
         self.convergence = []
+        self.checkpoints = 0
         self.joins = Joins()
         self.house = SimulatedHouse(options.build, options.devices, work, options.speed,
                                     options.seed)
@@ -159,6 +162,9 @@ class Soak:
             # A pair whose subscription ended with its device cannot be subscribed again.
             if seen != "told" and (stable or seen != "not subscribed"):
                 self.fail("change %d of %s was missed: %s" % (device.changes, device.udn, seen))
+        self.checkpoints += 1
+        if self.checkpoints % ANEW == 1 and self.host.ask("anew", 60) is None:
+            self.fail("the host did not begin anew")
         self.host.tell("resume")
 
     def live(self):

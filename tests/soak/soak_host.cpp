@@ -11,6 +11,7 @@
 //   expect UDN NUMBER       waits until that change has been told
 //   settle                  waits until all actions have ended and what they set has been told;
 //                           no new ones are sent
+//   anew                    behind "settle": another control point takes the place of the first
 //   resume                  actions again
 //   stop                    the library ends, and the program
 #include <atomic>
@@ -83,6 +84,10 @@ class SoakHost {
             soak::Quoted(house_.Expect(text, number, kEventLimit)).c_str());
     } else if (command == "settle") {
       Settle();
+    } else if (command == "anew") {
+      asked_for_another_ = true;
+      while (asked_for_another_) std::this_thread::sleep_for(kTick);
+      Print("{\"e\": \"anew\"}");
     } else if (command == "resume") {
       held_ = false;
     } else {
@@ -109,6 +114,10 @@ class SoakHost {
       control_point_.Work();
       idle_ = held_ && control_point_.Idle();
       if (asked_for_devices_.exchange(false)) TellDevices();
+      if (asked_for_another_) {
+        control_point_.RegisterAnew();
+        asked_for_another_ = false;
+      }
       if (soak::Now() > window) {
         window += kWindow;
         soak::PrintWindow();
@@ -162,6 +171,7 @@ class SoakHost {
   std::atomic<bool> idle_{false};
   std::atomic<bool> ended_{false};
   std::atomic<bool> asked_for_devices_{false};
+  std::atomic<bool> asked_for_another_{false};
 };
 
 }  // namespace
