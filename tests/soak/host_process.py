@@ -8,7 +8,9 @@ import subprocess
 import threading
 import time
 
-PLAIN_MALLOC = "glibc.malloc.arena_max=1:glibc.malloc.tcache_count=0"
+# The thresholds are glibc's first ones, which it raises when a large block is freed.
+PLAIN_MALLOC = ("glibc.malloc.arena_max=1:glibc.malloc.tcache_count=0:"
+                "glibc.malloc.mmap_threshold=131072:glibc.malloc.trim_threshold=131072")
 
 
 class HostProcess:
