@@ -42,7 +42,7 @@ def main():
     times.set_yscale("log")
     times.set_ylabel("ms, in windows of 10 s")
     times.set_xlabel("minutes")
-    for axes, place in ((memory, "center right"), (counts, "center right"), (times, "upper right")):
+    for axes, place in ((memory, "lower right"), (counts, (0.6, 0.65)), (times, "upper right")):
         axes.grid(alpha=0.3)
         axes.legend(loc=place, fontsize="small", ncol=3)
         if minutes[-1] > WARM_UP_MIN:
