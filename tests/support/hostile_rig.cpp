@@ -42,14 +42,15 @@ ToldAction HostileRig::Act(const std::string& key, const std::string& service_ty
   int id = 0;
   EXPECT_EQ(0, SendAction(handle_, key.c_str(), service_type.c_str(), "Do", nullptr, &id));
   ToldAction outcome = {};
-  EXPECT_TRUE(WaitUntil([&] {
+  const auto came = [&] {
     for (const ToldAction& told : HostLog::Actions()) {
       if (told.action_id != id) continue;
       outcome = told;
       return true;
     }
     return false;
-  })) << key;
+  };
+  EXPECT_TRUE(WaitUntil(came, std::chrono::minutes(2))) << key;
   return outcome;
 }
 
