@@ -34,7 +34,7 @@ bool SayUntil(Say say, Heard heard) {
         say();
         return WaitUntil(heard, std::chrono::milliseconds(300));
       },
-      std::chrono::seconds(60));
+      std::chrono::minutes(2));
 }
 
 bool Acts(int handle, const std::string& udn, std::string& told_text) {
