@@ -173,17 +173,6 @@ TEST_F(FaultNetwork, WhatIsUnderWayWhenTheInterfaceGoesEnds) {
   EXPECT_EQ(CP_ERR_NONE, Act(far_name_));
 }
 
-std::atomic<int> media_ends{0};
-void OnMediaStatus(int, int, int) { ++media_ends; }
-void OnMediaResponse(int, int, streaming::ResHeaderInfo* response, void* body, unsigned int, bool) {
-  streaming::FreeResponseHeader(response);
-  streaming::Free(body);
-}
-void OnMediaData(int, int, void* data, unsigned int, bool) { streaming::Free(data); }
-void OnMediaWritten(int, int, unsigned int) {}
-constexpr streaming::ClientAppCallbacks kMedia = {OnMediaStatus, OnMediaResponse, OnMediaData,
-                                                  OnMediaWritten};
-
 TEST_F(FaultNetwork, StreamingFollowsTheInterface) {
   vex_test::MediaHost serving;
   serving.DoOnRequest([](const vex_test::MediaHost::Request& got) {
