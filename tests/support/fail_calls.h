@@ -1,6 +1,8 @@
 #ifndef VEXUPNPCP_TESTS_SUPPORT_FAIL_CALLS_H_
 #define VEXUPNPCP_TESTS_SUPPORT_FAIL_CALLS_H_
 
+#include <sys/resource.h>
+
 #include <atomic>
 #include <chrono>
 #include <thread>
@@ -62,7 +64,7 @@ class NoDescriptors {
   ~NoDescriptors();
 
  private:
-  unsigned long before_ = 0;
+  rlim_t before_ = 0;
   std::vector<int> filling_;
 };
 
