@@ -1,14 +1,12 @@
 #include "tests/support/hostile_xml.h"
 
+#include "tests/support/sanitizers.h"
+
 namespace vex_test {
 namespace {
 
 // A sanitizer looks at each access, and is as good at finding a bad one in a tenth of all this.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr std::size_t kShare = 10;
-#else
-constexpr std::size_t kShare = 1;
-#endif
+constexpr std::size_t kShare = kUnderSanitizer ? 10 : 1;
 constexpr std::size_t kMebibyte = 1024 * 1024;
 
 std::string Bomb() {

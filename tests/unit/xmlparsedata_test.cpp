@@ -7,6 +7,7 @@
 
 #include "tests/support/cpu_seconds.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/sanitizers.h"
 #include "xmlparser/src/dom_cursor.h"
 #include "xmlparser/src/xml_scope.h"
 
@@ -203,11 +204,7 @@ TEST(XmlData, CursorWithoutRecordsMovesAlike) {
 class Hostile : public testing::Test {
  protected:
   // Far above what linear work needs and far below a square; a sanitizer looks at each access.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-  static constexpr double kSeconds = 20.0;
-#else
-  static constexpr double kSeconds = 5.0;
-#endif
+  static constexpr double kSeconds = vex_test::kUnderSanitizer ? 20.0 : 5.0;
 
   std::string Repeated(const std::string& piece, int times) {
     std::string text;
