@@ -248,8 +248,11 @@ std::size_t Told() {
 
 // One life, which ends while all of it is under way.
 void LiveOnce(BusyNetwork& network) {
+  // Whoever registers is not told of devices that are listed already.
+  auto held = network.Hold();
   HostRig rig;
   const int handle = rig.Register();
+  held.clear();
   std::vector<std::string> udns;
   for (const auto& device : network.devices()) {
     udns.push_back(rig.Meet(*device));
