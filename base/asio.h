@@ -14,7 +14,7 @@
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/ip/udp.hpp>
 #include <boost/asio/post.hpp>
-#include <boost/asio/system_timer.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <boost/asio/write.hpp>
 #include <boost/system/error_code.hpp>
 #include <boost/system/system_error.hpp>
@@ -28,8 +28,8 @@ using boost::system::system_error;
 
 using io_service = boost::asio::io_context;
 using io_work = boost::asio::executor_work_guard<io_service::executor_type>;
-// Runs on the UTC clock, so a step of the system's time moves a pending wait.
-using deadline_timer = boost::asio::system_timer;
+// Runs on the monotonic clock, so steps of the system's time move no wait.
+using deadline_timer = boost::asio::steady_timer;
 
 inline io_work KeepRunning(io_service& io) { return boost::asio::make_work_guard(io); }
 

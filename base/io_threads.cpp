@@ -5,7 +5,10 @@
 #include <memory>
 #include <utility>
 
+#include "base/current_exception.h"
 #include "base/limits.h"
+#include "base/log.h"
+#include "base/retry.h"
 
 namespace vex_upnp {
 namespace {
@@ -21,7 +24,8 @@ void StartPool(boost::thread_group& threads, io_service& io, int count, const st
   if (io.stopped()) io.restart();
   for (int i = 0; i < count; ++i) {
     std::unique_ptr<boost::thread> thread(StartNamedThread(name + std::to_string(i), body));
-    threads.add_thread(thread.get());
+    // The thread runs already: without its place in the group nobody could wait for its end.
+    RetryWithoutMemory([&] { threads.add_thread(thread.get()); });
     static_cast<void>(thread.release());
   }
 }
@@ -37,6 +41,18 @@ bool ThreadNamePrefix(std::string& prefix) {
   prefix.assign(name);
   if (prefix.size() > kPrefixLength) prefix.resize(kPrefixLength);
   return true;
+}
+
+void RunLoop(io_service& io) {
+  for (;;) {
+    try {
+      io.run();
+      return;
+    } catch (...) {
+      LogCurrentException(VEX_LOG_SITE, kLogMajor, log::kTagNetwork, "Exception: %s",
+                          "Unknown Exception");
+    }
+  }
 }
 
 boost::thread* StartNamedThread(const std::string& name, std::function<void()> body) {
@@ -57,12 +73,12 @@ bool OnLibraryThread() { return on_library_thread; }
 
 void StartIoThreads(boost::thread_group& threads, io_service& io, int count,
                     const std::string& prefix, const std::string& base_text) {
-  StartPool(threads, io, count, prefix + base_text, [&io] { io.run(); });
+  StartPool(threads, io, count, prefix + base_text, [&io] { RunLoop(io); });
 }
 
 void StartIoThreads(boost::thread_group& threads, const boost::shared_ptr<io_service>& io,
                     int count, const std::string& prefix, const std::string& base_text) {
-  StartPool(threads, *io, count, prefix + base_text, [io] { io->run(); });
+  StartPool(threads, *io, count, prefix + base_text, [io] { RunLoop(*io); });
 }
 
 }  // namespace vex_upnp

@@ -22,6 +22,10 @@ struct IoPool {
 // whose they are. Returns false, with an empty prefix, when the platform gives no name.
 bool ThreadNamePrefix(std::string& prefix);
 
+// Runs a loop to its stop. What a handler lets pass is logged: it must end neither the thread nor
+// the process.
+void RunLoop(io_service& io);
+
 // Starts `body` on a new thread with the library's stack size and gives it `name` before
 // returning. A name that the platform refuses is no fault. Throws boost::thread_resource_error.
 // The caller owns the thread.

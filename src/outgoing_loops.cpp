@@ -3,6 +3,7 @@
 #include <boost/thread/lock_guard.hpp>
 
 #include "base/io_threads.h"
+#include "base/retry.h"
 
 namespace vex_upnp {
 namespace network_layer {
@@ -30,8 +31,8 @@ void OutgoingLoops::Start(int count, const std::string& prefix, const std::strin
     // A loop that was stopped before would return from run() at once.
     if (io.stopped()) io.restart();
     std::unique_ptr<boost::thread> thread(
-        StartNamedThread(prefix + base_text + std::to_string(i), [&io] { io.run(); }));
-    threads_.add_thread(thread.get());
+        StartNamedThread(prefix + base_text + std::to_string(i), [&io] { RunLoop(io); }));
+    RetryWithoutMemory([&] { threads_.add_thread(thread.get()); });
     static_cast<void>(thread.release());
     ++running_;
   }

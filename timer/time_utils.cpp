@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <ctime>
+#include <new>
 
 #include <vexupnpcp/result_codes.h>
 
@@ -40,7 +41,12 @@ int Generate_CurrentDate(std::string& date) {
     VEX_LOG(kLogMajor, kTag, "strftime failed!");
     return result::kTimeUnavailable;
   }
-  date.assign(text.get(), length);
+  try {
+    date.assign(text.get(), length);
+  } catch (const std::bad_alloc&) {
+    VEX_LOG(kLogMajor, kTag, "malloc failed!");
+    return result::kFailure;
+  }
   return result::kOk;
 }
 

@@ -23,11 +23,14 @@
 
 namespace vex_upnp {
 namespace utils {
+class TimerService;
+
 namespace {
 
 constexpr const char* kTag = log::kTagUtils;
 
-using Clock = std::chrono::system_clock;
+// Steps of the system's time move no timer.
+using Clock = std::chrono::steady_clock;
 
 // One pending timer. Its place in the order is its expiry, and among equals the order of starting.
 struct TimerHandler {
@@ -37,6 +40,9 @@ struct TimerHandler {
 };
 using Place = std::pair<Clock::time_point, unsigned int>;
 
+// Whose timer thread the caller is.
+thread_local const TimerService* served = nullptr;
+
 }  // namespace
 
 // What the timer thread works on. Held by the Timer, by whoever is inside Start or Cancel, and by
@@ -45,7 +51,8 @@ class TimerService {
  public:
   TimerService() : work_(KeepRunning(io_service_)), timer_(io_service_) {}
 
-  // The thread holds `self`, which is this object, until the loop has been stopped.
+  // Does nothing once there is a thread. It holds `self`, which is this object, until the loop has
+  // been stopped.
   void StartThread(const boost::shared_ptr<TimerService>& self);
   void Stop();
 
@@ -58,14 +65,16 @@ class TimerService {
   bool TakeExpired(TimerHandler& handler);
   void CallbackReturned();
   void StartTimer() VEX_REQUIRES(mutex_);
-  bool OnTimerThread() const {
-    return thread_ && thread_->get_id() == boost::this_thread::get_id();
-  }
+  bool OnTimerThread() const { return served == this; }
 
   io_service io_service_;
   io_work work_;
-  // Set once, by StartThread.
-  std::unique_ptr<boost::thread> thread_;
+
+  std::atomic<bool> has_thread_{false};
+  // Held to start the thread and to take it out; outer to nothing.
+  boost::mutex thread_mutex_;
+  std::unique_ptr<boost::thread> thread_ VEX_GUARDED_BY(thread_mutex_);
+  bool ended_ VEX_GUARDED_BY(thread_mutex_) = false;
 
   // A leaf: held for one list operation, never during a callback.
   boost::mutex mutex_;
@@ -86,10 +95,17 @@ class TimerService {
 };
 
 void TimerService::StartThread(const boost::shared_ptr<TimerService>& self) {
+  if (has_thread_) return;
+  boost::lock_guard<boost::mutex> lock(thread_mutex_);
+  if (thread_ || ended_) return;
   try {
     std::string prefix;
     ThreadNamePrefix(prefix);
-    thread_.reset(StartNamedThread(prefix + "VexTimer", [self] { self->io_service_.run(); }));
+    thread_.reset(StartNamedThread(prefix + "VexTimer", [self] {
+      served = self.get();
+      RunLoop(self->io_service_);
+    }));
+    has_thread_ = true;
   } catch (const boost::thread_resource_error& error) {
     VEX_LOG(kLogMajor, kTag, "thread_resource_error exception:[%s]", error.what());
   } catch (...) {
@@ -111,14 +127,20 @@ void TimerService::Stop() {
     }
   }
   io_service_.stop();
-  if (!thread_) return;
+  std::unique_ptr<boost::thread> thread;
+  {
+    boost::lock_guard<boost::mutex> lock(thread_mutex_);
+    ended_ = true;
+    thread.swap(thread_);
+  }
+  if (!thread) return;
   if (OnTimerThread()) {
     VEX_LOG(kLogMajor, kTag, "Timer ended by a callback, its thread is not waited for");
-    thread_->detach();
+    thread->detach();
     return;
   }
   boost::this_thread::disable_interruption uninterrupted;
-  thread_->join();
+  thread->join();
 }
 
 int TimerService::Start(int duration, TimerCallback callback, void* arg) {
@@ -234,7 +256,10 @@ Timer::Timer() : service_(new TimerService) {
 
 Timer::~Timer() = default;
 
-void Timer::InitializeManager() { GetInstance(); }
+// The first Start makes what could not be made here.
+void Timer::InitializeManager() try { GetInstance(); } catch (...) {
+  LogCurrentException(VEX_LOG_SITE, kLogMajor, kTag, "Exception: %s", "Unknown Exception");
+}
 
 void Timer::TerminateManager() {
   boost::lock_guard<boost::mutex> lock(timer_mutex_);
@@ -273,6 +298,8 @@ int Timer::Start(int duration, TimerCallback callback, void* arg) {
     GetInstance();
     service = ExistingService();
   }
+  // There may have been no thread to be had when the service was made.
+  service->StartThread(service);
   return service->Start(duration, callback, arg);
 }
 

@@ -23,7 +23,7 @@ typedef void (*TimerCallback)(int id, void* arg);
 /// Callbacks run on that thread, one at a time, in order of expiry; timers that expire at the same
 /// time run in the order in which they were started. A callback may call Start and Cancel, holds no
 /// lock of this class, and should be short: it delays the timers behind it. Times are taken on the
-/// UTC clock, so a step of the system's time moves what is pending.
+/// monotonic clock, so steps of the system's time move nothing.
 ///
 /// All functions may be called from any thread.
 class VEX_EXPORT Timer : public VEXUncopyable {
@@ -39,7 +39,8 @@ class VEX_EXPORT Timer : public VEXUncopyable {
   /// points to before. The service that is started next counts its ids from 1 again.
   static void TerminateManager();
 
-  /// The service, started at the first call. Valid until TerminateManager.
+  /// The service, started at the first call. Valid until TerminateManager. Throws std::bad_alloc
+  /// when there is no memory for it.
   static Timer* GetInstance();
 
   /// Starts a timer that calls `callback` once.
