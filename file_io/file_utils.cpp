@@ -230,12 +230,16 @@ void CheckFileExistance(const std::string& directory, const std::list<std::strin
     VEX_LOG(kLogMajor, kSearchTag, "Invalid args!");
     return;
   }
-  for (const bool upper : {false, true}) {
-    for (const std::string& name : names) {
-      found_name = upper ? UpperCase(name) : name;
-      full_path = directory + found_name;
-      if (CanBeRead(full_path)) return;
+  try {
+    for (const bool upper : {false, true}) {
+      for (const std::string& name : names) {
+        found_name = upper ? UpperCase(name) : name;
+        full_path = directory + found_name;
+        if (CanBeRead(full_path)) return;
+      }
     }
+  } catch (...) {
+    Failed(VEX_LOG_SITE, "exception in looking for a file", result::kFailure);
   }
   found_name.clear();
   full_path.clear();

@@ -1,6 +1,7 @@
 #include <vexupnpcp/cp_discovery.h>
 
 #include <memory>
+#include <new>
 #include <vector>
 
 #include <boost/shared_ptr.hpp>
@@ -11,6 +12,7 @@
 #include <vexupnpcp/result_codes.h>
 #include <vexupnpcp/string_utils.h>
 
+#include "base/current_exception.h"
 #include "base/log.h"
 #include "src/cp_discovery_manager.h"
 #include "src/device.h"
@@ -30,6 +32,18 @@ constexpr int kDomainUnknown = 0;
 constexpr int kDomainThisMachine = 1;
 constexpr int kDomainSameSubnet = 2;
 constexpr int kDomainElsewhere = 3;
+
+// To be called inside a catch (...): nothing is thrown at the host.
+int Caught(const LogSite& site) {
+  LogCurrentException(site, kLogMajor, kTag, "Exception: %s", "Unknown Exception");
+  try {
+    throw;
+  } catch (const std::bad_alloc&) {
+    return result::kOutOfMemory;
+  } catch (...) {
+    return result::kFailure;
+  }
+}
 
 boost::shared_ptr<Device> FindReadyDevice(const std::string& udn) {
   return DeviceList::GetInstance()->LockAndGetDeviceByUdn(udn);
@@ -78,26 +92,30 @@ void CopyTexts(const Device& device, DetailedDeviceInfo& info) {
 
 }  // namespace
 
-int Initialize() {
+int Initialize() try {
   if (CPDiscoveryManager::GetInstance()->Init() != result::kOk) {
     VEX_LOG(kLogMajor, kTag, "CP Discovery Initialization Failure");
     return result::kFailure;
   }
   VEX_LOG(kLogStep, kTag, "CP Discovery Initialization SuccessFul");
   return result::kOk;
+} catch (...) {
+  return Caught(VEX_LOG_SITE);
 }
 
-int Terminate() {
+int Terminate() try {
   VEX_LOG(kLogStep, kTag, "CP Discovery Terminate");
   CPDiscoveryManager::Terminate();
   VEX_LOG(kLogStep, kTag, "CP Discovery Terminate DeviceList");
   DeviceList::Terminate();
   VEX_LOG(kLogStep, kTag, "CP Discovery Terminate Finish");
   return result::kOk;
+} catch (...) {
+  return Caught(VEX_LOG_SITE);
 }
 
 int RegisterCP(const std::string& type, const std::string& user_agent, DeviceCallback callback,
-               int* handle) {
+               int* handle) try {
   if (type.empty()) {
     VEX_LOG(kLogMajor, kTag, "Device Type Empty");
     return result::kFailure;
@@ -113,41 +131,65 @@ int RegisterCP(const std::string& type, const std::string& user_agent, DeviceCal
   }
   VEX_LOG(kLogStep, kTag, "Registering CP Success");
   return result::kOk;
+} catch (...) {
+  return Caught(VEX_LOG_SITE);
 }
 
-int UnRegisterCP(const int& handle) {
+int UnRegisterCP(const int& handle) try {
   CPDiscoveryManager::GetInstance()->RemoveDeviceChangeListener(handle);
   VEX_LOG(kLogStep, kTag, "UnRegistering CP Success");
   return result::kOk;
+} catch (...) {
+  return Caught(VEX_LOG_SITE);
 }
 
-void Rescan(const std::string& type) {
+void Rescan(const std::string& type) try {
   if (CPDiscoveryManager::GetInstance()->Rescan(type) != result::kOk) {
     VEX_LOG(kLogDetail, kTag, "Rescan failed.");
   }
+} catch (...) {
+  Caught(VEX_LOG_SITE);
 }
 
-void RescanForRegisteredCP() { CPDiscoveryManager::GetInstance()->RescanForRegisteredCP(); }
+void RescanForRegisteredCP() try {
+  CPDiscoveryManager::GetInstance()->RescanForRegisteredCP();
+} catch (...) {
+  Caught(VEX_LOG_SITE);
+}
 
-void SetRescanConnectTimeout(int seconds) {
+void SetRescanConnectTimeout(int seconds) try {
   VEX_LOG(kLogStep, kTag, "Setting Rescan connect timeout to %d sec", seconds);
   CPDiscoveryManager::GetInstance()->SetRescanConnectTimeout(seconds);
+} catch (...) {
+  Caught(VEX_LOG_SITE);
 }
 
-void SetDefaultUserAgent(const std::string& agent) {
+void SetDefaultUserAgent(const std::string& agent) try {
   CPDiscoveryManager::GetInstance()->SetDefaultUserAgent(agent);
+} catch (...) {
+  Caught(VEX_LOG_SITE);
 }
 
-void GetDefaultUserAgent(std::string& agent) {
+void GetDefaultUserAgent(std::string& agent) try {
   CPDiscoveryManager::GetInstance()->GetDefaultUserAgent(agent);
+} catch (...) {
+  Caught(VEX_LOG_SITE);
 }
 
-int EnableAutoRescanFeature() { return CPDiscoveryManager::GetInstance()->EnableAutoRescan(); }
+int EnableAutoRescanFeature() try {
+  return CPDiscoveryManager::GetInstance()->EnableAutoRescan();
+} catch (...) {
+  return Caught(VEX_LOG_SITE);
+}
 
-int DisableAutoRescanFeature() { return CPDiscoveryManager::GetInstance()->DisableAutoRescan(); }
+int DisableAutoRescanFeature() try {
+  return CPDiscoveryManager::GetInstance()->DisableAutoRescan();
+} catch (...) {
+  return Caught(VEX_LOG_SITE);
+}
 
 // KEPT: an empty result counts as a failure.
-int GetDeviceList(const std::string& type, std::list<DeviceInfo>* list) {
+int GetDeviceList(const std::string& type, std::list<DeviceInfo>* list) try {
   if (type.empty() || list == nullptr) {
     VEX_LOG(kLogMajor, kTag, "Device Type is Empty and hence Getting Device List failed");
     return result::kFailure;
@@ -167,9 +209,11 @@ int GetDeviceList(const std::string& type, std::list<DeviceInfo>* list) {
     list->back().display_name = device->display_name;
   }
   return result::kOk;
+} catch (...) {
+  return Caught(VEX_LOG_SITE);
 }
 
-int GetDeviceDetailInfo(const std::string& udn, DetailedDeviceInfo* info) {
+int GetDeviceDetailInfo(const std::string& udn, DetailedDeviceInfo* info) try {
   if (udn.empty() || info == nullptr) {
     VEX_LOG(kLogMajor, kTag, "INVALID PARAMS!");
     return result::kFailure;
@@ -185,9 +229,11 @@ int GetDeviceDetailInfo(const std::string& udn, DetailedDeviceInfo* info) {
   CopyIcons(*device, info->icons);
   CopyServices(*device, info->services);
   return result::kOk;
+} catch (...) {
+  return Caught(VEX_LOG_SITE);
 }
 
-int GetDeviceDescription(const std::string& udn, std::string& xml) {
+int GetDeviceDescription(const std::string& udn, std::string& xml) try {
   if (udn.empty()) {
     VEX_LOG(kLogMajor, kTag, "INVALID PARAMS!");
     return result::kFailure;
@@ -203,10 +249,12 @@ int GetDeviceDescription(const std::string& udn, std::string& xml) {
   }
   xml = *device->description_xml;
   return result::kOk;
+} catch (...) {
+  return Caught(VEX_LOG_SITE);
 }
 
 int GetServiceDescription(const std::string& udn, const std::string& service_type,
-                          std::string& xml) {
+                          std::string& xml) try {
   if (udn.empty() || service_type.empty()) {
     VEX_LOG(kLogStep, kTag, "Devcie udn and Service type Empty");
     return result::kFailure;
@@ -230,9 +278,11 @@ int GetServiceDescription(const std::string& udn, const std::string& service_typ
   VEX_LOG(kLogMajor, kTag, "Service description not found for %s %s", udn.c_str(),
           service_type.c_str());
   return result::kFailure;
+} catch (...) {
+  return Caught(VEX_LOG_SITE);
 }
 
-int GetProductCap(const std::string& udn, std::string& value) {
+int GetProductCap(const std::string& udn, std::string& value) try {
   if (udn.empty()) {
     VEX_LOG(kLogMajor, kTag, "INVALID PARAMS!");
     return result::kFailure;
@@ -249,11 +299,13 @@ int GetProductCap(const std::string& udn, std::string& value) {
   }
   VEX_LOG(kLogStep, kTag, "Cannot find Product cap!");
   return result::kFailure;
+} catch (...) {
+  return Caught(VEX_LOG_SITE);
 }
 
 // KEPT: interfaces are tried one at a time, so a subnet that matches hides an equal address on a
 // later one.
-int getDeviceDomain(const std::string& ip, int& domain) {
+int getDeviceDomain(const std::string& ip, int& domain) try {
   if (ip.empty()) {
     VEX_LOG(kLogMajor, kTag, "device ip is null/empty.");
     domain = kDomainUnknown;
@@ -273,9 +325,11 @@ int getDeviceDomain(const std::string& ip, int& domain) {
   }
   domain = kDomainElsewhere;
   return result::kOk;
+} catch (...) {
+  return Caught(VEX_LOG_SITE);
 }
 
-int getDeviceInterface(const std::string& ip, std::string& local_ip) {
+int getDeviceInterface(const std::string& ip, std::string& local_ip) try {
   std::vector<network_layer::NetInfo> interfaces;
   network_layer::GetActiveSelectedNetworkInterfaces(&interfaces);
   for (network_layer::NetInfo& info : interfaces) {
@@ -284,6 +338,8 @@ int getDeviceInterface(const std::string& ip, std::string& local_ip) {
     return result::kOk;
   }
   return result::kFailure;
+} catch (...) {
+  return Caught(VEX_LOG_SITE);
 }
 
 }  // namespace cp_discovery

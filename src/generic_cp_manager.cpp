@@ -73,6 +73,11 @@ bool TypeWants(const std::string& registered, const std::string& device_type, in
          VersionAccepted(device_version, wanted.version);
 }
 
+// Discovery's own code for it means nothing to a host.
+int HostCode(int discovered) {
+  return discovered == result::kOutOfMemory ? CP_ERR_OUT_OF_MEMORY : discovered;
+}
+
 // Ends the leaving of a handle on every path.
 class LeavingGuard {
  public:
@@ -196,20 +201,20 @@ int GenericCPManager::UnRegisterCP(int handle) {
 int GenericCPManager::GetDeviceList(int handle, const std::string& device_type,
                                     std::list<cp_discovery::DeviceInfo>& list) {
   if (!__IsRegistered(handle)) return CP_ERR_INVALID_PARAMS;
-  return cp_discovery::GetDeviceList(device_type, &list);
+  return HostCode(cp_discovery::GetDeviceList(device_type, &list));
 }
 
 int GenericCPManager::GetDetailedDeviceInfo(int handle, const std::string& udn,
                                             cp_discovery::DetailedDeviceInfo& info) {
   if (!__IsRegistered(handle)) return CP_ERR_INVALID_PARAMS;
-  return cp_discovery::GetDeviceDetailInfo(udn, &info);
+  return HostCode(cp_discovery::GetDeviceDetailInfo(udn, &info));
 }
 
 int GenericCPManager::GetServiceDescription(int handle, const std::string& udn,
                                             const std::string& service_type,
                                             std::string& description) {
   if (!__IsRegistered(handle)) return CP_ERR_INVALID_PARAMS;
-  return cp_discovery::GetServiceDescription(udn, service_type, description);
+  return HostCode(cp_discovery::GetServiceDescription(udn, service_type, description));
 }
 
 int GenericCPManager::Rescan(int handle, const std::string& device_type) {
@@ -489,11 +494,10 @@ int GenericCPManager::UnSubscribeDevice(int handle, const std::string& udn) {
 int GenericCPManager::__FindDevice(int handle, const std::string& udn,
                                    cp_discovery::DetailedDeviceInfo& device) const {
   if (!__IsRegistered(handle)) return CP_ERR_INVALID_PARAMS;
-  if (cp_discovery::GetDeviceDetailInfo(udn, &device) != result::kOk) {
-    VEX_LOG(kLogMajor, kTagGenericCp, "GetDeviceDetailInfo failed.");
-    return CP_ERR_INVALID_PARAMS;
-  }
-  return CP_ERR_NONE;
+  const int found = cp_discovery::GetDeviceDetailInfo(udn, &device);
+  if (found == result::kOk) return CP_ERR_NONE;
+  VEX_LOG(kLogMajor, kTagGenericCp, "GetDeviceDetailInfo failed.");
+  return found == result::kOutOfMemory ? CP_ERR_OUT_OF_MEMORY : CP_ERR_INVALID_PARAMS;
 }
 
 GenericCPManager::InfoPointer GenericCPManager::__Find(int handle) const {

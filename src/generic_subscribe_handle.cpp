@@ -53,9 +53,9 @@ GenericSubscribeHandle::GenericSubscribeHandle(int cp_handle, const std::string&
 
 int GenericSubscribeHandle::SubscribeService() {
   cp_discovery::DetailedDeviceInfo device;
-  if (cp_discovery::GetDeviceDetailInfo(device_udn_, &device) != result::kOk) {
-    return CP_ERR_INVALID_PARAMS;
-  }
+  const int found = cp_discovery::GetDeviceDetailInfo(device_udn_, &device);
+  if (found == result::kOutOfMemory) return CP_ERR_OUT_OF_MEMORY;
+  if (found != result::kOk) return CP_ERR_INVALID_PARAMS;
   const boost::shared_ptr<GenericCPManager> manager = GenericCPManager::ExistingInstance();
   const std::string user_agent = manager ? manager->GetUserAgent() : std::string();
   const cp_discovery::DeviceServiceInfo* const service = __FindService(device);

@@ -169,7 +169,7 @@ bool IsSameSubnet(const std::string& ip1, const std::string& ip2, std::string& m
   return CutMask(mask, mask_numbers) && AgreeUnderMask(numbers1, numbers2, mask_numbers);
 }
 
-int GetOutgoingIPaddress(const std::string& peer_ip, std::string& local_ip) {
+int GetOutgoingIPaddress(const std::string& peer_ip, std::string& local_ip) try {
   const boost::shared_ptr<NetworkInterface> registry = NetworkInterface::ExistingInstance();
   if (!registry) return result::kFailure;
   std::vector<NetInfo> active;
@@ -180,6 +180,9 @@ int GetOutgoingIPaddress(const std::string& peer_ip, std::string& local_ip) {
     return result::kOk;
   }
   return result::kNoNetworkInterface;
+} catch (...) {
+  LogCurrentException(VEX_LOG_SITE, kLogMajor, kTag, "Exception: %s", "Unknown Exception");
+  return result::kFailure;
 }
 
 int GetMacAddress(const std::string& ip, std::string& mac) {

@@ -271,12 +271,14 @@ void UnEscapeURI(char* text) {
 int GetResponseAdditionalHeaders(const stArgument* headers, const std::string& name,
                                  std::string& value) {
   if (name.empty()) return result::kNo;
-  for (; headers != nullptr; headers = headers->next) {
-    if (headers->name == nullptr || !boost::iequals(headers->name, name)) continue;
-    value = headers->value == nullptr ? "" : headers->value;
-    return result::kYes;
-  }
-  return result::kNo;
+  return Guarded<int>(result::kNo, [&] {
+    for (; headers != nullptr; headers = headers->next) {
+      if (headers->name == nullptr || !boost::iequals(headers->name, name)) continue;
+      value = headers->value == nullptr ? "" : headers->value;
+      return result::kYes;
+    }
+    return result::kNo;
+  });
 }
 
 int GetRunningSessionInfo(stRunningSession** sessions) {

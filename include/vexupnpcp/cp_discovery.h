@@ -23,8 +23,9 @@ namespace cp_discovery {
 //   goes without an event.
 // - Devices do not expire by age. One goes when it says byebye, when it neither answers a search
 //   nor lets itself be connected to, and with its interface.
-// - Results are those of result_codes.h: 0 (kOk) for success and 1 (kFailure) otherwise, unless
-//   told. Outputs are written on success only, unless told.
+// - Results are those of result_codes.h: 0 (kOk) for success, kOutOfMemory when memory is short and
+//   1 (kFailure) otherwise, unless told. Nothing is thrown. Outputs are written on success only,
+//   unless told; lists that are appended to may have grown when memory gives out.
 // - The functions may be called from any thread of the host, and from inside a device callback,
 //   except where told. They take their texts by copy.
 

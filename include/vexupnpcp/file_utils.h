@@ -76,8 +76,8 @@ VEX_EXPORT int ReadFileUTF8(const std::string& path, char** content);
 /// Finds a file that may stand under its name or under its name in upper case.
 /// @param directory   Put in front of the name as it is: end it with a separator.
 /// @param names       Tried in order, first as they are, then all of them in upper case.
-/// @param found_name  The name that was found; empty when none was.
-/// @param full_path   Directory and name; empty when none was found.
+/// @param found_name  The name that was found; empty when none was, and without memory.
+/// @param full_path   Directory and name; empty when none was found, and without memory.
 /// With no names or no directory nothing is written.
 VEX_EXPORT void CheckFileExistance(const std::string& directory,
                                    const std::list<std::string>& names, std::string& found_name,

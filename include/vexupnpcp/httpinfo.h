@@ -117,7 +117,8 @@ class VEX_EXPORT HTTPInfo : public VEXUncopyable {
 
   /// Copies the request target as it came.
   ///
-  /// @return result::kOk; result::kEmptyText when there is none, as in every response.
+  /// @return result::kOk; result::kEmptyText when there is none, as in every response;
+  ///         result::kNoMemory.
   int GetURI(std::string& uri) const;
 
   /// Continues a chunk-size line of which the first part came in an earlier buffer.

@@ -92,6 +92,7 @@ VEX_EXPORT int GetConfiguredTcpPorts(std::list<boost::shared_ptr<IpInfo>>& list)
 /// Answers a TCP request and returns at once.
 ///
 /// @param data             From `new`. The layer's own on success, the caller's still on failure.
+///                         Null ends the connection without an answer.
 /// @param length           Its bytes.
 /// @param session_context  From OnTCPRequestReceived; used up whatever the result.
 /// @return result::kOk when the answer is on its way; result::kFailure for a null context; the
@@ -227,7 +228,8 @@ VEX_EXPORT bool IsSameSubnet(const std::string& ip1, const std::string& ip2, std
 /// The local address of the first active interface on whose subnet a peer is.
 ///
 /// @param local_ip  Written on success only.
-/// @return result::kOk; result::kNoNetworkInterface when there is none.
+/// @return result::kOk; result::kNoNetworkInterface when there is none; result::kFailure without
+///         memory.
 VEX_EXPORT int GetOutgoingIPaddress(const std::string& peer_ip, std::string& local_ip);
 
 /// The hardware address of a peer, from the kernel's ARP cache; nothing is sent, so a peer that was

@@ -175,7 +175,7 @@ VEX_EXPORT void UnEscapeURI(char* text);
 
 /// Looks an additional header up, without regard to case.
 /// @param value  Written on success only.
-/// @return 1 when found, 0 otherwise.
+/// @return 1 when found, 0 otherwise and without memory.
 VEX_EXPORT int GetResponseAdditionalHeaders(const stArgument* headers, const std::string& name,
                                             std::string& value);
 
