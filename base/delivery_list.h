@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <iterator>
+#include <list>
 #include <vector>
 
 #include <boost/shared_ptr.hpp>
@@ -32,19 +33,20 @@ class DeliveryList {
   // Takes out every entry for which `matches` holds. The entries die with the returned vector, at
   // the caller, and never under the list's lock.
   template <typename Matches>
-  std::vector<Pointer> Remove(Matches matches) {
-    std::vector<Pointer> removed;
+  std::list<Pointer> Remove(Matches matches) {
+    std::list<Pointer> removed;
     boost::lock_guard<boost::mutex> lock(list_mutex_);
-    const auto kept = std::stable_partition(entries_.begin(), entries_.end(),
-                                            [&](const Pointer& entry) { return !matches(*entry); });
-    removed.assign(std::make_move_iterator(kept), std::make_move_iterator(entries_.end()));
-    entries_.erase(kept, entries_.end());
+    for (auto entry = entries_.begin(); entry != entries_.end();) {
+      const auto next = std::next(entry);
+      if (matches(**entry)) removed.splice(removed.end(), entries_, entry);
+      entry = next;
+    }
     return removed;
   }
 
-  std::vector<Pointer> TakeAll() {
+  std::list<Pointer> TakeAll() {
     boost::lock_guard<boost::mutex> lock(list_mutex_);
-    std::vector<Pointer> all;
+    std::list<Pointer> all;
     all.swap(entries_);
     return all;
   }
@@ -59,7 +61,7 @@ class DeliveryList {
 
   std::vector<Pointer> Snapshot() const {
     boost::lock_guard<boost::mutex> lock(list_mutex_);
-    return entries_;
+    return std::vector<Pointer>(entries_.begin(), entries_.end());
   }
 
   bool Empty() const {
@@ -76,7 +78,8 @@ class DeliveryList {
  private:
   boost::recursive_mutex delivery_mutex_;
   mutable boost::mutex list_mutex_;
-  std::vector<Pointer> entries_ VEX_GUARDED_BY(list_mutex_);
+  // Taking an entry out must not need memory.
+  std::list<Pointer> entries_ VEX_GUARDED_BY(list_mutex_);
 };
 
 }  // namespace vex_upnp

@@ -78,6 +78,7 @@ void ActionRequestTimerCallback::__DeliverTimeout(int action_id) {
     listener = record->listener;
     record->timer_id = 0;
     record->context = nullptr;
+    record->claimed = true;
   }
   // KEPT: as with the answer, a record that is claimed already gives a call with a null context.
   DeliverResult(listener, action_id, kTimeoutStatus, TimeoutFault(), context);

@@ -30,6 +30,8 @@ class ControlInfo : public VEXUncopyable {
   ControlResponseListener* listener;
   // The caller's; null once the action is claimed: it is given back exactly once.
   void* context;
+  // An answer or the time-out has claimed it, whatever the context was.
+  bool claimed = false;
   // The session of the POST, and what the caller knows the action by.
   int action_id = 0;
 };

@@ -67,8 +67,8 @@ int ControlRequestor::SendAction(const std::string& device_udn, const std::strin
     VEX_LOG(kLogMajor, kTagControl, "Request registration failed!!!");
     return result::kRequestFailed;
   }
+  if (!__RunTimer(session_id) && __TakeBack(session_id)) return result::kOutOfMemory;
   action_id = session_id;
-  __RunTimer(session_id);
   return result::kOk;
 }
 
@@ -138,9 +138,9 @@ int ControlRequestor::__SendAndList(const std::string& ip, int port, const std::
   return result::kOk;
 }
 
-void ControlRequestor::__RunTimer(int action_id) try {
+bool ControlRequestor::__RunTimer(int action_id) try {
   const boost::shared_ptr<ControlInfoList> list = ControlInfoList::getInstance();
-  if (!list) return;
+  if (!list) return true;
   ActionRequestTimerCallback::GetInstance();
   std::unique_ptr<int> arg(new int(action_id));
   // Started under the lock, so that neither a time-out nor a cancel can come between the timer and
@@ -149,14 +149,28 @@ void ControlRequestor::__RunTimer(int action_id) try {
   const ControlInfoList::Pointer record = list->get_by_action_id(action_id);
   if (!record) {
     VEX_LOG(kLogMajor, kTagControl, "get_by_action_id failed!");
-    return;
+    return true;
   }
   record->timer_id = utils::Timer::Start(timing::Scaled(timing::kActionTimeoutMs),
                                          ActionRequestTimerCallback::OnTimerExpired, arg.get());
   static_cast<void>(arg.release());
+  return true;
 } catch (...) {
-  // The action has been sent; it only stays without a time-out.
   LogCurrentException(VEX_LOG_SITE, kLogMajor, kTagControl, "Exception: %s", "Unknown Exception");
+  return false;
+}
+
+// An action without a time-out might never end, so it ends here, unless its answer is there
+// already. True when it was taken back: its context stays the caller's.
+bool ControlRequestor::__TakeBack(int action_id) {
+  const boost::shared_ptr<ControlInfoList> list = ControlInfoList::getInstance();
+  if (!list) return false;
+  ControlInfoList::Pointer record;
+  boost::lock_guard<boost::mutex> lock(list->mutex);
+  record = list->get_by_action_id(action_id);
+  if (!record || record->claimed) return false;
+  list->remove(record);
+  return true;
 }
 
 }  // namespace cp_control

@@ -48,7 +48,8 @@ class ControlRequestor : public VEXUncopyable {
                                 const ControlInfoList::Pointer& record, int& action_id);
   static int __SendAndList(const std::string& ip, int port, const std::string& packet,
                            const ControlInfoList::Pointer& record, int& action_id);
-  static void __RunTimer(int action_id);
+  static bool __RunTimer(int action_id);
+  static bool __TakeBack(int action_id);
 
   boost::mutex mutex_;
   std::string default_user_agent_ VEX_GUARDED_BY(mutex_);

@@ -67,6 +67,7 @@ void ControlResponseCallback::__DeliverAnswer(utils::HTTPInfo& response, int ses
     listener = record->listener;
     record->timer_id = 0;
     record->context = nullptr;
+    record->claimed = true;
   }
   // KEPT: an answer that finds its record claimed by the time-out still calls the listener, with a
   // null context by which it knows the duplicate.

@@ -8,6 +8,7 @@
 #include <vexupnpcp/result_codes.h>
 #include <vexupnpcp/streaming.h>
 
+#include "base/current_exception.h"
 #include "base/log.h"
 #include "base/singleton.h"
 #include "src/cp_network_state_listener.h"
@@ -126,6 +127,9 @@ void CPDiscoveryManager::CleanUp() {
 }
 
 int CPDiscoveryManager::AddDeviceChangeListener(const boost::shared_ptr<Observer>& observer) {
+  std::string type;
+  observer->GetDeviceType(type);
+  const boost::shared_ptr<DeviceList> list = DeviceList::GetInstance();
   int id = 0;
   {
     boost::lock_guard<boost::mutex> lock(id_mutex_);
@@ -133,14 +137,23 @@ int CPDiscoveryManager::AddDeviceChangeListener(const boost::shared_ptr<Observer
     observer->SetId(id);
     observers_.Append(observer);
   }
-  std::string type;
-  observer->GetDeviceType(type);
-  // A registered control point is of use without its first search, so a failure is only noted.
-  if (Rescan(type) != result::kOk) VEX_LOG(kLogDetail, kTag, "Rescan failed. ");
-  const boost::shared_ptr<DeviceList> list = DeviceList::GetInstance();
-  boost::lock_guard<boost::recursive_mutex> lock(list->device_list_mutex);
-  list->AddAcceptedDevice(type);
+  try {
+    SearchFirst(type);
+    boost::lock_guard<boost::recursive_mutex> lock(list->device_list_mutex);
+    list->AddAcceptedDevice(type);
+  } catch (...) {
+    // Nobody knows the id: it could never be unregistered.
+    RemoveDeviceChangeListener(id);
+    throw;
+  }
   return id;
+}
+
+// A registered control point is of use without its first search, so a failure is only noted.
+void CPDiscoveryManager::SearchFirst(const std::string& type) try {
+  if (Rescan(type) != result::kOk) VEX_LOG(kLogDetail, kTag, "Rescan failed. ");
+} catch (const std::bad_alloc&) {
+  VEX_LOG(kLogDetail, kTag, "Rescan failed. ");
 }
 
 // The type stays accepted: the list of accepted types only grows.
@@ -173,15 +186,26 @@ void CPDiscoveryManager::RescanForRegisteredCP() {
 
 void CPDiscoveryManager::StartRescanCheck(const boost::shared_ptr<CPDiscoveryManager>& manager,
                                           int timer_id, void* data) {
-  const bool started = manager->discovery_threads_.Start(
-      timer_id, kRescanThread,
-      [manager, timer_id, data] { manager->RescanTimerExpired(timer_id, data); });
+  bool started = false;
+  try {
+    started = manager->discovery_threads_.Start(timer_id, kRescanThread, [manager, timer_id, data] {
+      manager->RescanTimerExpired(timer_id, data);
+    });
+  } catch (...) {
+    LogCurrentException(VEX_LOG_SITE, kLogMajor, kTag, "Exception: %s", "Unknown Exception");
+  }
   // Without its check the search would stand in the way of the next one for ever.
   if (!started) manager->rescans_.Remove(timer_id);
 }
 
 void CPDiscoveryManager::RescanTimerExpired(int timer_id, void* data) {
   (void)data;
+  // On every path: a search that stayed listed would stand in the way of the next one for ever.
+  struct Removal {
+    ~Removal() { rescans.Remove(timer_id); }
+    Rescans& rescans;
+    const int timer_id;
+  } const removal{rescans_, timer_id};
   std::string type;
   if (!rescans_.FindType(timer_id, type)) {
     VEX_LOG(kLogMajor, kTag, "Invalid timer id..!!");
@@ -197,7 +221,6 @@ void CPDiscoveryManager::RescanTimerExpired(int timer_id, void* data) {
       }
     }
   }
-  rescans_.Remove(timer_id);
 }
 
 void CPDiscoveryManager::ProgressTimerExpired(int timer_id) {
@@ -304,8 +327,13 @@ void CPDiscoveryManager::NotifyRemovedDeviceHierarchy(const boost::shared_ptr<De
 
 void CPDiscoveryManager::StartDescriptionCheck(const boost::shared_ptr<CPDiscoveryManager>& manager,
                                                int timer_id) {
-  const bool started = manager->discovery_threads_.StartInLine(
-      timer_id, kRetryThread, [manager, timer_id] { manager->CheckNowRequesting(timer_id); });
+  bool started = false;
+  try {
+    started = manager->discovery_threads_.StartInLine(
+        timer_id, kRetryThread, [manager, timer_id] { manager->CheckNowRequesting(timer_id); });
+  } catch (...) {
+    LogCurrentException(VEX_LOG_SITE, kLogMajor, kTag, "Exception: %s", "Unknown Exception");
+  }
   // With no thread to be had, a request must still not stay in the list for ever.
   if (!started) manager->CheckNowRequesting(timer_id);
 }
@@ -316,7 +344,12 @@ void CPDiscoveryManager::CheckNowRequesting(int timer_id) {
     VEX_LOG(kLogMajor, kTag, "Now requesting not found for %d", timer_id);
     return;
   }
-  if (RetryDescription(request)) return;
+  try {
+    if (RetryDescription(request)) return;
+  } catch (...) {
+    // A request whose timer has run out must be tried again or go.
+    LogCurrentException(VEX_LOG_SITE, kLogMajor, kTag, "Exception: %s", "Unknown Exception");
+  }
 
   VEX_LOG(kLogMajor, kTag, "Description request failed for device %s", request->udn.c_str());
   if (request->IsForService()) {

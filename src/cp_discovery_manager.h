@@ -107,6 +107,7 @@ class CPDiscoveryManager : public Observable {
   void CheckNowRequesting(int timer_id);
 
  private:
+  void SearchFirst(const std::string& type);
   CPDiscoveryManager() = default;
 
   int RegisterWithNetwork();

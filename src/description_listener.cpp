@@ -157,7 +157,13 @@ int RequestService(CPDiscoveryManager& manager, const boost::shared_ptr<Device>&
   const Adding adding = AddRequest(manager, listed, request);
   if (adding == Adding::kDeviceGone) return result::kOk;
   if (adding == Adding::kRefused) return result::kFailure;
-  manager.StartNowRequesting(request);
+  try {
+    manager.StartNowRequesting(request);
+  } catch (...) {
+    // The device could never become ready, nor be asked for afresh.
+    manager.LoseDevice(device.udn);
+    throw;
+  }
   const int result =
       manager.SendNowRequesting(request, packet, DescriptionListener::ExistingInstance());
   // KEPT: no immediate second try here, and the request stays listed; its timer tries again.

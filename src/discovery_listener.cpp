@@ -222,7 +222,13 @@ int DiscoveryListener::SendDeviceDescriptionRequest(CPDiscoveryManager& manager,
   }
   // One request comes of the many announcements of one device.
   if (manager.AddNowRequesting(request) != result::kOk) return result::kFailure;
-  manager.StartNowRequesting(request);
+  try {
+    manager.StartNowRequesting(request);
+  } catch (...) {
+    // Without its timer it would stand in the way of the device's next announcement for ever.
+    manager.RemoveNowRequestingByUdn(udn);
+    throw;
+  }
   return SendTwice(manager, request, FormatDescriptionRequest(path, ip, port, user_agent),
                    listener);
 }

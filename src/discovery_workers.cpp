@@ -1,5 +1,8 @@
 #include "src/discovery_workers.h"
 
+#include <memory>
+#include <utility>
+
 #include <boost/thread/lock_guard.hpp>
 
 #include "base/current_exception.h"
@@ -52,8 +55,11 @@ bool DiscoveryWorkers::StartThread(int timer_id, const std::string& base_name, c
   try {
     std::string prefix;
     ThreadNamePrefix(prefix);
-    Thread& entry = threads_[timer_id];
-    entry.reset(StartNamedThread(prefix + base_name, body));
+    // Whatever may fail for want of memory comes before the thread runs.
+    const Thread entry(new boost::thread);
+    threads_[timer_id] = entry;
+    const std::unique_ptr<boost::thread> started(StartNamedThread(prefix + base_name, body));
+    entry->swap(*started);
     return true;
   } catch (...) {
     threads_.erase(timer_id);
@@ -77,12 +83,13 @@ bool DiscoveryWorkers::NextInLine(int& timer_id, Job& job) {
     --line_threads_;
     return false;
   }
-  const Thread self = threads_[timer_id];
-  threads_.erase(timer_id);
+  // Moved all the way: an exception here would be the end of the process.
+  auto self = threads_.extract(timer_id);
   timer_id = line_.front().first;
-  job = line_.front().second;
+  job = std::move(line_.front().second);
   line_.pop_front();
-  threads_[timer_id] = self;
+  self.key() = timer_id;
+  threads_.insert(std::move(self));
   return true;
 }
 

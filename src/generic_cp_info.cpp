@@ -44,7 +44,8 @@ void GenericCPInfo::CancelAllActions() {
   {
     boost::lock_guard<boost::mutex> lock(info_mutex);
     closed = true;
-    open = action_ids;
+    // Taken, not copied: what ends must not need memory.
+    open.swap(action_ids);
   }
   // Cancelling waits for a time-out in progress, which wants the mutex.
   for (const int action_id : open) cp_control::CancelAction(action_id);

@@ -2,10 +2,10 @@
 
 #include <algorithm>
 
-#include <boost/date_time/posix_time/posix_time_types.hpp>
 #include <boost/make_shared.hpp>
 #include <boost/thread/exceptions.hpp>
 #include <boost/thread/lock_guard.hpp>
+#include <boost/thread/thread.hpp>
 
 #include <vexupnpcp/result_codes.h>
 
@@ -23,7 +23,7 @@ namespace {
 constexpr const char* kTag = log::kTagNetwork;
 
 void SleepMs(int milliseconds) {
-  boost::this_thread::sleep(boost::posix_time::milliseconds(timing::Scaled(milliseconds)));
+  boost::this_thread::sleep_for(boost::chrono::milliseconds(timing::Scaled(milliseconds)));
 }
 
 bool HasName(const std::vector<NetInfo>& interfaces, const std::string& name) {
@@ -51,8 +51,13 @@ void NetworkMonitor::__Watch() {
     if (!netruntimer_thread) return;
     const boost::shared_ptr<NetworkInterface> instance = NetworkInterface::ExistingInstance();
     if (!instance) return;
-    boost::lock_guard<boost::mutex> lock(instance->scan_mutex_);
-    instance->Scan();
+    try {
+      boost::lock_guard<boost::mutex> lock(instance->scan_mutex_);
+      instance->Scan();
+    } catch (const std::bad_alloc&) {
+      // The next look finds what this one could not take in.
+      LogCurrentException(VEX_LOG_SITE, kLogMajor, kTag, "Exception: %s", "Unknown Exception");
+    }
   }
 }
 

@@ -1,6 +1,6 @@
 #include "src/now_requesting_list.h"
 
-#include <vector>
+#include <iterator>
 
 #include <boost/thread/lock_guard.hpp>
 #include <boost/thread/locks.hpp>
@@ -57,7 +57,13 @@ void NowRequestingList::StartTimer(const Pointer& request) {
   request->Start();
   by_timer_.erase(entry->timer_id);
   entry->timer_id = request->timer_id;
-  by_timer_[entry->timer_id] = request;
+  try {
+    by_timer_[entry->timer_id] = request;
+  } catch (...) {
+    // Its expiry would find nobody.
+    request->Stop();
+    throw;
+  }
 }
 
 int NowRequestingList::Send(const Pointer& request, const std::string& packet,
@@ -104,11 +110,16 @@ NowRequestingList::Pointer NowRequestingList::FindByTimer(int timer_id) {
 }
 
 void NowRequestingList::RemoveByUdn(const std::string& udn) {
-  std::vector<Pointer> removed;
+  // Moved from map to map: what takes requests out must not need memory.
+  Entries removed;
   boost::lock_guard<boost::mutex> lock(mutex_);
   auto entry = entries_.lower_bound(Key(udn, std::string()));
   while (entry != entries_.end() && entry->first.first == udn) {
-    removed.push_back(Unlink(entry++));
+    const auto next = std::next(entry);
+    by_session_.erase(entry->second.session_id);
+    by_timer_.erase(entry->second.timer_id);
+    removed.insert(entries_.extract(entry));
+    entry = next;
   }
 }
 

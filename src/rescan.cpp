@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <new>
+#include <utility>
 #include <vector>
 
 #include <boost/thread/lock_guard.hpp>
@@ -42,15 +43,22 @@ int Rescans::Rescan(const std::string& type) {
   if (!entry) return result;
 
   VEX_LOG(kLogStep, kTag, "Sending Rescan for [%s]", type.c_str());
-  DeviceList::GetInstance()->ResetDeviceListValidity(type);
-  result = SendSearch(type);
-  if (result != result::kOk) {
-    boost::lock_guard<boost::mutex> lock(rescan_mutex_);
-    rescan_timers_.remove(entry);
-    return result;
+  try {
+    DeviceList::GetInstance()->ResetDeviceListValidity(type);
+    result = SendSearch(type);
+    if (result == result::kOk) StartCheckTimer(entry);
+  } catch (const std::bad_alloc&) {
+    VEX_LOG(kLogMajor, kTag, "memory allocation failed");
+    result = result::kOutOfMemory;
   }
-  StartCheckTimer(entry);
-  return result::kOk;
+  // Without its check the search would stand in the way of the next one for ever.
+  if (result != result::kOk) Leave(entry);
+  return result;
+}
+
+void Rescans::Leave(const RescanTimerPtr& entry) {
+  boost::lock_guard<boost::mutex> lock(rescan_mutex_);
+  rescan_timers_.remove(entry);
 }
 
 bool Rescans::EnterGlobalRescan(const std::string& type) {
@@ -59,9 +67,14 @@ bool Rescans::EnterGlobalRescan(const std::string& type) {
     VEX_LOG(kLogDetail, kTag, "Rescan already in progress for [%s]", type.c_str());
     return false;
   }
+  // The timer's place first: a guard without a timer would never go.
+  auto place = std::set<int>({0});
+  const int timer_id = utils::Timer::Start(timing::Scaled(timing::kGlobalRescanGuardMs),
+                                           RescanProgressTimerExpiredCallback, nullptr);
+  auto entry = place.extract(place.begin());
+  entry.value() = timer_id;
+  progress_timers_.insert(std::move(entry));
   rescan_in_progress_ = true;
-  progress_timers_.insert(utils::Timer::Start(timing::Scaled(timing::kGlobalRescanGuardMs),
-                                              RescanProgressTimerExpiredCallback, nullptr));
   VEX_LOG(kLogStep, kTag, "Rescan progress timer started");
   return true;
 }

@@ -60,6 +60,7 @@ class Rescans {
   RescanTimerPtr Enter(const std::string& type, int& result);
   int SendSearch(const std::string& type);
   void StartCheckTimer(const RescanTimerPtr& entry);
+  void Leave(const RescanTimerPtr& entry);
 
   // Leaves, all of them; Timer::Start never waits.
   boost::mutex rescan_mutex_;

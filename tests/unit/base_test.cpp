@@ -160,10 +160,10 @@ TEST(HostMemory, EmptyTextIsEmptyInOneFamilyAndNullInTheOther) {
 TEST(DeliveryList, RemovedEntriesOutliveTheLockAndOrderStays) {
   DeliveryList<int> list;
   for (int i = 1; i <= 4; ++i) list.Append(boost::shared_ptr<int>(new int(i)));
-  const std::vector<boost::shared_ptr<int>> odd = list.Remove([](int i) { return i % 2 == 1; });
+  const std::list<boost::shared_ptr<int>> odd = list.Remove([](int i) { return i % 2 == 1; });
   ASSERT_EQ(2U, odd.size());
-  EXPECT_EQ(1, *odd[0]);
-  EXPECT_EQ(3, *odd[1]);
+  EXPECT_EQ(1, *odd.front());
+  EXPECT_EQ(3, *odd.back());
   std::vector<int> rest;
   for (const boost::shared_ptr<int>& entry : list.Snapshot()) rest.push_back(*entry);
   EXPECT_THAT(rest, ElementsAre(2, 4));
