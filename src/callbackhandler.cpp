@@ -13,6 +13,7 @@
 #include "base/current_exception.h"
 #include "base/limits.h"
 #include "base/log.h"
+#include "base/retry.h"
 #include "base/singleton.h"
 #include "src/incoming_tcp_session.h"
 #include "src/listener_hooks.h"
@@ -73,8 +74,7 @@ void CallBackHandler::DestroyInstance() {
 
 CallBackHandler::CallBackHandler()
     : incoming_tcp_packets_(kNoBound, kNoBound),
-      incoming_udp_packets_(limits::kQueuedDatagrams, limits::kQueuedDatagramBytes),
-      threads_(new boost::thread_group) {}
+      incoming_udp_packets_(limits::kQueuedDatagrams, limits::kQueuedDatagramBytes) {}
 
 CallBackHandler::~CallBackHandler() {
   StopPools();
@@ -158,17 +158,22 @@ void CallBackHandler::Post(IoPool& pool, Job job) {
 
 // The packet that becomes ready behind a finished one is handled by the same thread: another would
 // have to be woken for it.
+// A packet that is queued without a job would keep waiting, and every later one behind it.
 void CallBackHandler::PostTcpJob() {
-  Post(tcp_req_handling_ios_, [](CallBackHandler& self, unsigned int stops) {
-    while (self.InvokeUpperLayerTCPRequestListener() && self.stops_ == stops) {
-    }
+  RetryWithoutMemory([this] {
+    Post(tcp_req_handling_ios_, [](CallBackHandler& self, unsigned int stops) {
+      while (self.InvokeUpperLayerTCPRequestListener() && self.stops_ == stops) {
+      }
+    });
   });
 }
 
 void CallBackHandler::PostUdpJob() {
-  Post(udp_req_handling_ios_, [](CallBackHandler& self, unsigned int stops) {
-    while (self.InvokeUpperLayerUDPRequestListener() && self.stops_ == stops) {
-    }
+  RetryWithoutMemory([this] {
+    Post(udp_req_handling_ios_, [](CallBackHandler& self, unsigned int stops) {
+      while (self.InvokeUpperLayerUDPRequestListener() && self.stops_ == stops) {
+      }
+    });
   });
 }
 
@@ -302,7 +307,7 @@ void CallBackHandler::RefuseRequest(void* session_context) {
   try {
     answer.reset(new std::string(BadRequestAnswer(BadRequestLayout::kTrailingBlanks)));
   } catch (...) {
-    TakeSession(session_context);
+    ServerManager::SendResponsePacket(nullptr, 0, session_context);
     throw;
   }
   const int length = static_cast<int>(answer->size());
@@ -398,6 +403,7 @@ void CallBackHandler::StartCallbackThreads() {
     VEX_LOG(kLogMajor, kTag, "pthread_getname_np : Error in getting Thread Name");
   }
   try {
+    if (!threads_) threads_.reset(new boost::thread_group);
     StartIoThreads(*threads_, tcp_req_handling_ios_.io, kTcpRequestThreads, prefix, "VexTcpReq");
     StartIoThreads(*threads_, udp_req_handling_ios_.io, kUdpRequestThreads, prefix, "VexUdpReq");
     StartIoThreads(*threads_, tcp_res_handling_ios_.io, kTcpResponseThreads, prefix, "VexTcpRes");
@@ -428,21 +434,20 @@ void CallBackHandler::StopPools() {
   tcp_req_handling_ios_.io->stop();
   udp_req_handling_ios_.io->stop();
   tcp_res_handling_ios_.io->stop();
-  if (threads_->is_this_thread_in()) {
+  if (threads_ && threads_->is_this_thread_in()) {
     // The pools' threads hold their loops and jobs hold this object, so nobody has to wait.
     VEX_LOG(kLogMajor, kTag, "Callback threads stopped by one of them, they are not waited for");
-  } else {
+  } else if (threads_) {
     threads_->join_all();
   }
-  threads_.reset(new boost::thread_group);
+  threads_.reset();
 }
 
 // The jobs of what waits will never run, so the sessions are let go here.
 void CallBackHandler::DropWaitingPackets() {
-  for (const stIncomingContext& packet : incoming_tcp_packets_.TakeAll()) {
-    TakeSession(packet.session_context);
-  }
-  incoming_udp_packets_.TakeAll();
+  incoming_tcp_packets_.TakeAll(
+      [](const stIncomingContext& packet) { TakeSession(packet.session_context); });
+  incoming_udp_packets_.TakeAll([](const IncomingDatagram&) {});
   std::multimap<int, stOutgoingContext> contexts;
   {
     boost::lock_guard<boost::mutex> lock(response_mutex_);

@@ -141,6 +141,7 @@ class CallBackHandler : public VEXUncopyable,
   IoPool tcp_req_handling_ios_;
   IoPool udp_req_handling_ios_;
   IoPool tcp_res_handling_ios_;
+  // Null while no thread runs: ending them must not need memory.
   std::unique_ptr<boost::thread_group> threads_;
 };
 

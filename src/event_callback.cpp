@@ -37,10 +37,8 @@ std::unique_ptr<std::string> MakeAnswer(const char* status_line) try {
 // Uses up the session in any case; the network layer owns the text once it has taken it.
 int SendAnswer(const char* status_line, void* session_context) {
   std::unique_ptr<std::string> packet = MakeAnswer(status_line);
-  if (!packet) {
-    network_layer::ReleaseSessionContext(session_context);
-    return result::kFailure;
-  }
+  // Without one the connection ends: the device must not wait for it.
+  if (!packet) return network_layer::SendResponsePacket(nullptr, 0, session_context);
   const int length = static_cast<int>(packet->size());
   const int sent = network_layer::SendResponsePacket(packet.get(), length, session_context);
   if (sent == result::kOk) static_cast<void>(packet.release());

@@ -66,7 +66,13 @@ void IncomingTCPSession::RegisterRead() {
     CloseAndNotify();
     return;
   }
-  StartRead();
+  try {
+    StartRead();
+  } catch (...) {
+    LogCurrentException(VEX_LOG_SITE, kLogMajor, kTag, "Exception in RegisterRead: %s",
+                        "Unknown Exception in RegisterRead");
+    CloseAndNotify();
+  }
 }
 
 void IncomingTCPSession::StartRead() {
@@ -81,12 +87,12 @@ void IncomingTCPSession::StartRead() {
 }
 
 void IncomingTCPSession::CallbackRead(const error_code& error, std::size_t bytes) {
-  if (error) {
-    VEX_LOG(kLogMajor, kTag, "CallbackRead] Socket Error: %s", error.message().c_str());
-    CloseAndNotify();
-    return;
-  }
   try {
+    if (error) {
+      VEX_LOG(kLogMajor, kTag, "CallbackRead] Socket Error: %s", error.message().c_str());
+      CloseAndNotify();
+      return;
+    }
     ParseRead(bytes);
   } catch (...) {
     LogCurrentException(VEX_LOG_SITE, kLogMajor, kTag, "Exception in CallbackRead: %s",
@@ -161,7 +167,13 @@ void IncomingTCPSession::SetAddresses() {
 void IncomingTCPSession::HandOver() {
   void* const context = MakeSessionContext(shared_from_this());
   const boost::shared_ptr<CallBackHandler> handler = CallBackHandler::ExistingInstance();
-  if (handler && handler->InvokeTCPRequestHandler(http_info_, context) == result::kOk) return;
+  try {
+    if (handler && handler->InvokeTCPRequestHandler(http_info_, context) == result::kOk) return;
+  } catch (...) {
+    // Not queued: nobody else will use the context up.
+    TakeSession(context);
+    throw;
+  }
   TakeSession(context);
   std::unique_ptr<std::string> answer(new std::string(BadRequestAnswer(BadRequestLayout::kPlain)));
   const int length = static_cast<int>(answer->size());

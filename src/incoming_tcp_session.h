@@ -60,6 +60,8 @@ class IncomingTCPSession : public boost::enable_shared_from_this<IncomingTCPSess
   // With `stop_called` the server is going down and is not told of this session's end.
   void ShutDown(bool stop_called);
   void ShutDownOnStopCalled();
+  // Ends the session, answered or not, and tells the server.
+  void CloseAndNotify();
 
  private:
   void StartRead();
@@ -74,7 +76,6 @@ class IncomingTCPSession : public boost::enable_shared_from_this<IncomingTCPSess
   error_code WriteAll(int descriptor, const char* data, std::size_t size);
   void DiscardUnread();
   void Leave();
-  void CloseAndNotify();
   void NotifyCompleted();
   void ShutDownSocket() VEX_REQUIRES(mutex_);
   void CloseSocketNow() VEX_REQUIRES(mutex_);

@@ -458,11 +458,20 @@ void OutgoingSession::__OnBrokenConnection(const error_code& error) {
 
 void OutgoingSession::__HandOver() {
   if (!__ClaimEnd()) return;
-  const boost::shared_ptr<CallBackHandler> handler = CallBackHandler::ExistingInstance();
-  if (!handler || handler->InvokeResponseHandler(handler_id_, http_info_) != result::kOk) {
-    VEX_LOG(kLogMajor, kTag, "Invocation of Response Handler failed.");
+  bool handed_over = true;
+  try {
+    const boost::shared_ptr<CallBackHandler> handler = CallBackHandler::ExistingInstance();
+    if (!handler || handler->InvokeResponseHandler(handler_id_, http_info_) != result::kOk) {
+      VEX_LOG(kLogMajor, kTag, "Invocation of Response Handler failed.");
+    }
+  } catch (...) {
+    // The end has been claimed, so it is told here or nowhere.
+    LogCurrentException(VEX_LOG_SITE, kLogMajor, kTag, "Exception in HandOver: %s",
+                        "Unknown Exception in HandOver");
+    handed_over = false;
   }
-  if (notify_ != nullptr) notify_->SessionCompleted(handler_id_);
+  if (notify_ != nullptr && handed_over) notify_->SessionCompleted(handler_id_);
+  if (notify_ != nullptr && !handed_over) notify_->HandleFailureCondition(handler_id_);
   reset();
 }
 

@@ -6,7 +6,6 @@
 #include <string>
 #include <unordered_map>
 #include <utility>
-#include <vector>
 
 #include <boost/thread/lock_guard.hpp>
 #include <boost/thread/mutex.hpp>
@@ -74,20 +73,23 @@ class PacketQueue {
     return true;
   }
 
-  // Empties the queue. What is being handled is not touched; its Finish finds nothing behind it.
-  std::vector<Packet> TakeAll() {
-    std::vector<Packet> all;
-    boost::lock_guard<boost::mutex> lock(mutex_);
-    all.reserve(packets_);
-    for (Waiting& waiting : ready_) all.push_back(std::move(waiting.packet));
-    for (auto& lane : lanes_) {
-      for (Waiting& waiting : lane.second) all.push_back(std::move(waiting.packet));
+  // Empties the queue and gives each packet to `take`, with no lock held. What is being handled is
+  // not touched; its Finish finds nothing behind it. Needs no memory.
+  template <typename Take>
+  void TakeAll(Take take) {
+    std::list<Waiting> ready;
+    std::unordered_map<std::string, std::list<Waiting>> lanes;
+    {
+      boost::lock_guard<boost::mutex> lock(mutex_);
+      ready.swap(ready_);
+      lanes.swap(lanes_);
+      packets_ = 0;
+      bytes_ = 0;
     }
-    ready_.clear();
-    lanes_.clear();
-    packets_ = 0;
-    bytes_ = 0;
-    return all;
+    for (const Waiting& waiting : ready) take(waiting.packet);
+    for (const auto& lane : lanes) {
+      for (const Waiting& waiting : lane.second) take(waiting.packet);
+    }
   }
 
   std::size_t size() const {

@@ -10,6 +10,7 @@
 #include <vexupnpcp/networkmonitor.h>
 #include <vexupnpcp/result_codes.h>
 
+#include "base/current_exception.h"
 #include "base/log.h"
 #include "base/singleton.h"
 #include "src/device_key.h"
@@ -94,8 +95,7 @@ void ServerManager::DestroyInstance() {
   DestroyShared(singleton.instance, singleton.mutex);
 }
 
-ServerManager::ServerManager()
-    : threads_(new boost::thread_group), reading_sessions_(new ReadingSessions) {}
+ServerManager::ServerManager() : reading_sessions_(new ReadingSessions) {}
 
 ServerManager::~ServerManager() {
   VEX_LOG(kLogMajor, kTag, "ServerManager Destructor");
@@ -115,6 +115,7 @@ void ServerManager::StartServerThreads(const int& tcp, const int& udp, const int
     VEX_LOG(kLogMajor, kTag, "pthread_getname_np : Error in getting Thread Name");
   }
   try {
+    if (!threads_) threads_.reset(new boost::thread_group);
     StartIoThreads(*threads_, tcp_ios_.io, tcp, prefix, "VexTcpIo");
     StartIoThreads(*threads_, udp_ios_.io, udp, prefix, "VexUdpIo");
     StartIoThreads(*threads_, mcast_ios_.io, multicast, prefix, "VexMcastIo");
@@ -144,17 +145,21 @@ void ServerManager::StopServerSockets() {
 
 void ServerManager::EndThreads() {
   for (const IoPool* pool : {&tcp_ios_, &udp_ios_, &mcast_ios_}) pool->io->stop();
-  if (threads_->is_this_thread_in()) {
+  if (threads_ && threads_->is_this_thread_in()) {
     VEX_LOG(kLogMajor, kTag, "Server threads stopped by one of them, they are not waited for");
-    threads_.reset(new boost::thread_group);
+    threads_.reset();
     return;
   }
-  threads_->join_all();
-  threads_.reset(new boost::thread_group);
+  if (threads_) threads_->join_all();
+  threads_.reset();
   // What was cancelled comes to its end here, so that no socket stays open behind a stopped loop.
   for (const IoPool* pool : {&tcp_ios_, &udp_ios_, &mcast_ios_}) {
     pool->io->restart();
-    pool->io->poll();
+    try {
+      pool->io->poll();
+    } catch (...) {
+      LogCurrentException(VEX_LOG_SITE, kLogMajor, kTag, "Exception: %s", "Unknown Exception");
+    }
     pool->io->stop();
   }
 }
@@ -192,11 +197,15 @@ int ServerManager::ConfigureTcpServerOnInterface(const std::string& ip, const st
                                                  int port) {
   const boost::shared_ptr<TCPServer> server(
       new TCPServer(ip, name, *tcp_ios_.io, reading_sessions_));
+  // Their places first: a server that runs unlisted could never be stopped.
+  std::list<IpInfoPointer> entry(1, IpInfoPointer(new IpInfo(ip, port, port, name)));
+  std::list<ServerPointer> place(1, server);
   int bound = port;
   const int start_result = server->Start(bound);
   if (start_result != result::kOk) return start_result;
-  ip_info_list_.push_back(IpInfoPointer(new IpInfo(ip, bound, port, name)));
-  server_list_.push_back(server);
+  entry.front()->port = bound;
+  ip_info_list_.splice(ip_info_list_.end(), entry);
+  server_list_.splice(server_list_.end(), place);
   return result::kOk;
 }
 
@@ -224,6 +233,8 @@ int ServerManager::ConfigureUdpServerOnInterface(const std::string& ip, int port
   std::string name;
   if (!InterfaceNameFor(ip, name)) return result::kNoNetworkInterface;
   const boost::shared_ptr<UDPServer> server(new UDPServer(ip, name, port, *udp_ios_.io));
+  std::list<IpInfoPointer> entry(1, IpInfoPointer(new IpInfo(ip, port, port, name)));
+  std::list<ServerPointer> place(1, server);
   int bound = port;
   if (multicast_support_) {
     const int start_result = server->Start(bound);
@@ -234,10 +245,10 @@ int ServerManager::ConfigureUdpServerOnInterface(const std::string& ip, int port
   } else {
     VEX_LOG(kLogStep, kTag, "Start of udp server blocked as multicasting is disabled");
   }
-  const IpInfoPointer entry(new IpInfo(ip, bound, port, name));
-  entry->type = kTypeUdp;
-  ip_info_list_.push_back(entry);
-  server_list_.push_back(server);
+  entry.front()->port = bound;
+  entry.front()->type = kTypeUdp;
+  ip_info_list_.splice(ip_info_list_.end(), entry);
+  server_list_.splice(server_list_.end(), place);
   return result::kOk;
 }
 
@@ -284,6 +295,7 @@ int ServerManager::ConfigureMulticastServerOnInterface(const std::string& ip,
   if (!InterfaceNameFor(ip, name)) return result::kNoNetworkInterface;
   const boost::shared_ptr<MulticastServer> server(
       new MulticastServer(ip, name, group, port, *mcast_ios_.io));
+  std::list<ServerPointer> place(1, server);
   if (multicast_support_) {
     int bound = port;
     const int start_result = server->Start(bound);
@@ -294,7 +306,7 @@ int ServerManager::ConfigureMulticastServerOnInterface(const std::string& ip,
   } else {
     VEX_LOG(kLogStep, kTag, "Start of multicast server blocked as multicasting is disabled");
   }
-  server_list_.push_back(server);
+  server_list_.splice(server_list_.end(), place);
   return result::kOk;
 }
 
@@ -498,7 +510,12 @@ int ServerManager::SendResponsePacket(std::string* data, const int& length, void
   // The loop that the session works on is there until the answer is on its way.
   const boost::shared_ptr<ServerManager> manager = ExistingInstance();
   const boost::shared_ptr<IncomingTCPSession> session = SessionOf(session_context);
-  if (!session || data == nullptr) return result::kFailure;
+  if (!session) return result::kFailure;
+  if (data == nullptr) {
+    // There is no answer and will be none: the peer must not wait for it.
+    session->CloseAndNotify();
+    return result::kFailure;
+  }
   return session->RegisterWrite(data, length);
 }
 

@@ -102,6 +102,7 @@ class ServerManager : public VEXUncopyable {
   IoPool tcp_ios_;
   IoPool udp_ios_;
   IoPool mcast_ios_;
+  // Null while no thread runs: ending them must not need memory.
   std::unique_ptr<boost::thread_group> threads_;
   // The connections of all TCP servers that wait for the rest of a request.
   const boost::shared_ptr<ReadingSessions> reading_sessions_;

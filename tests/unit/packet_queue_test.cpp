@@ -136,14 +136,20 @@ TEST(PacketQueue, FinishingNeedsNoMemory) {
   EXPECT_FALSE(fail.Failed());
 }
 
+std::vector<int> All(PacketQueue<int>& queue) {
+  std::vector<int> all;
+  queue.TakeAll([&all](int packet) { all.push_back(packet); });
+  return all;
+}
+
 TEST(PacketQueue, TakeAllGivesReadyAndHeldBackPacketsAndMakesRoom) {
   Queue queue(3, 3);
   queue.Append("a", 1, 1);
   queue.Append("a", 2, 1);
   queue.Append("", 3, 1);
-  EXPECT_THAT(queue.TakeAll(), testing::UnorderedElementsAre(1, 2, 3));
+  EXPECT_THAT(All(queue), testing::UnorderedElementsAre(1, 2, 3));
   EXPECT_EQ(0U, queue.size());
-  EXPECT_THAT(queue.TakeAll(), ElementsAre());
+  EXPECT_THAT(All(queue), ElementsAre());
   for (int i = 0; i < 3; ++i) EXPECT_EQ(Queue::Entry::kReady, queue.Append("", i, 1));
 }
 
@@ -153,7 +159,7 @@ TEST(PacketQueue, FinishAfterTakeAllFindsNothing) {
   queue.Append("a", 2, 1);
   std::string key;
   TakeOne(queue, key);
-  queue.TakeAll();
+  All(queue);
   EXPECT_FALSE(queue.Finish(key));
 }
 
