@@ -1,5 +1,7 @@
 #include "src/streaming_handler_queue.h"
 
+#include <new>
+
 #include "base/current_exception.h"
 #include "base/log.h"
 
@@ -37,9 +39,23 @@ void HandlerQueue::Post(Handler handler) {
   });
 }
 
-void HandlerQueue::LogThrown() {
+// To be called inside a catch (...).
+void HandlerQueue::State::Thrown() {
   LogCurrentException(VEX_LOG_SITE, kLogMajor, log::kTagStreaming, "Exception: %s",
                       "Unknown Exception");
+  try {
+    throw;
+  } catch (const std::bad_alloc&) {
+    if (!on_no_memory) return;
+    try {
+      on_no_memory();
+    } catch (...) {
+      LogCurrentException(VEX_LOG_SITE, kLogMajor, log::kTagStreaming, "Exception: %s",
+                          "Unknown Exception");
+    }
+  } catch (...) {
+    // The host's own; it is logged and goes no further.
+  }
 }
 
 bool HandlerQueue::State::Claim() {
@@ -70,7 +86,7 @@ void HandlerQueue::State::RunLeft() {
       }
       next.splice(next.end(), left_, left_.begin());
     }
-    Try([&] { next.front()(); });
+    Try(next.front());
   }
 }
 

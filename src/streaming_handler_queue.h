@@ -29,6 +29,10 @@ class HandlerQueue {
   HandlerQueue(const HandlerQueue&) = delete;
   HandlerQueue& operator=(const HandlerQueue&) = delete;
 
+  // What follows when a handler found no memory and left its work undone: whoever waits for the
+  // next completion would wait for ever. Runs as a handler does. To be set before the first one.
+  void OnNoMemory(Handler handler) { state_->on_no_memory = std::move(handler); }
+
   // From any thread: runs later, on a thread of the loop. Throws without memory, and then it never
   // runs.
   void Post(Handler handler);
@@ -45,7 +49,7 @@ class HandlerQueue {
       RetryWithoutMemory([&] { one.emplace_back(step); });
       if (!state->ClaimOrLeave(one)) return;
     }
-    Try([&] { step(); });
+    state->Try(step);
     state->RunLeft();
   }
 
@@ -70,8 +74,20 @@ class HandlerQueue {
     void RunLeft();
     // The loop will never run them: drops them with all that they own.
     void Abandon();
+    template <typename Step>
+    void Try(const Step& step) {
+      try {
+        step();
+      } catch (...) {
+        Thrown();
+      }
+    }
+
+    Handler on_no_memory;
 
    private:
+    void Thrown();
+
     // A leaf, save that the loop's own lock is taken inside it to post a turn.
     boost::mutex mutex_;
     std::list<Handler> left_ VEX_GUARDED_BY(mutex_);
@@ -80,16 +96,6 @@ class HandlerQueue {
 
   // A posted turn of the queue. One that is destroyed without having run was dropped by the loop.
   class Turn;
-
-  static void LogThrown();
-  template <typename Step>
-  static void Try(Step step) {
-    try {
-      step();
-    } catch (...) {
-      LogThrown();
-    }
-  }
 
   io_service& io_;
   const boost::shared_ptr<State> state_;

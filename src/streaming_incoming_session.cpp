@@ -65,6 +65,11 @@ MediaSocket::Done IncomingSession::Bound(Handler member) {
 }
 
 void IncomingSession::RegisterRead(const boost::shared_ptr<tcp::socket>& accepted) {
+  const boost::weak_ptr<IncomingSession> weak = shared_from_this();
+  socket_.queue().OnNoMemory([weak] {
+    const boost::shared_ptr<IncomingSession> self = weak.lock();
+    if (self && self->alive_) self->__FailSocket(boost::asio::error::no_memory, true);
+  });
   socket_.queue().Run(
       __IfListed([accepted](IncomingSession& session) { session.__StartReading(*accepted); }));
 }
@@ -270,7 +275,8 @@ int IncomingSession::RegisterWrite(void* data, const unsigned int& length, const
     bytes = framed.get();
   }
   VEX_LOG(kLogDetail, kTagStreaming, "async_write 2 [%d] [%d]", server_id_, session_id_);
-  const boost::shared_ptr<void> last(final ? data : nullptr, &std::free);
+  // Empty until the write is posted: what is not posted stays the caller's.
+  const boost::shared_ptr<LastPayload> last(new LastPayload);
   const boost::shared_ptr<IncomingSession> self = shared_from_this();
   socket_.queue().Post([self, framed, last, bytes, size] {
     if (!self->alive_) return;
@@ -279,6 +285,7 @@ int IncomingSession::RegisterWrite(void* data, const unsigned int& length, const
       if (self->__IsListed()) self->CallbackWritePayload(error);
     });
   });
+  if (final) last->block.reset(data);
   return result::kOk;
 }
 

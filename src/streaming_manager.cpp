@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <memory>
 #include <new>
 #include <vector>
 
@@ -164,8 +165,11 @@ int StreamingManager::StartStreamingThreads(int count) {
     if (m_io_service_->stopped()) m_io_service_->restart();
     const boost::shared_ptr<io_service> io = m_io_service_;
     for (int i = 0; i < count; ++i) {
-      m_threads_.push_back(boost::shared_ptr<boost::thread>(
-          StartNamedThread(prefix + "VexStrmIo" + std::to_string(i), [io] { io->run(); })));
+      // Its place first: a thread that runs must be known to whoever ends the pool.
+      m_threads_.push_back(boost::shared_ptr<boost::thread>(new boost::thread));
+      const std::unique_ptr<boost::thread> started(
+          StartNamedThread(prefix + "VexStrmIo" + std::to_string(i), [io] { RunLoop(*io); }));
+      m_threads_.back()->swap(*started);
     }
     m_threads_running_ = true;
     return result::kOk;
@@ -174,6 +178,8 @@ int StreamingManager::StartStreamingThreads(int count) {
   } catch (...) {
     VEX_LOG(kLogMajor, kTagStreaming, "Unknown Exception in StartStreamingThreads");
   }
+  // Half a pool is none: the next try starts from nothing.
+  __StopThreads();
   return result::kFailure;
 }
 
@@ -190,7 +196,7 @@ void StreamingManager::__StopThreads() {
     if (thread->get_id() == boost::this_thread::get_id()) {
       VEX_LOG(kLogMajor, kTagStreaming, "streaming stopped from a streaming thread, not joined");
       thread->detach();
-    } else {
+    } else if (thread->joinable()) {
       thread->join();
     }
   }

@@ -80,6 +80,13 @@ int OutgoingSession::Connect(const std::string& ip, const int& port) {
     return result::kStreamingConnectFailed;
   }
   const boost::shared_ptr<OutgoingSession> self = shared_from_this();
+  const boost::weak_ptr<OutgoingSession> weak = self;
+  socket_.queue().OnNoMemory([weak] {
+    const boost::shared_ptr<OutgoingSession> session = weak.lock();
+    if (!session || !session->alive_) return;
+    session->ShutDown();
+    session->__Fail(STREAMING_OUT_OF_MEMORY);
+  });
   socket_.queue().Post([self, endpoint] { self->__Connect(endpoint); });
   return result::kOk;
 }
@@ -194,7 +201,8 @@ int OutgoingSession::RegisterWrite(void* data, const unsigned int& length, const
     }
     bytes = framed.get();
   }
-  const boost::shared_ptr<void> last(final ? data : nullptr, &std::free);
+  // Empty until the write is posted: what is not posted stays the caller's.
+  const boost::shared_ptr<LastPayload> last(new LastPayload);
   const boost::shared_ptr<OutgoingSession> self = shared_from_this();
   socket_.queue().Post([self, framed, last, bytes, size] {
     if (!self->alive_) return;
@@ -203,6 +211,7 @@ int OutgoingSession::RegisterWrite(void* data, const unsigned int& length, const
       if (self->__IsListed()) self->CallbackWritePayload(error);
     });
   });
+  if (final) last->block.reset(data);
   return result::kOk;
 }
 

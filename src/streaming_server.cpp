@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <new>
 
 #include <boost/thread/lock_guard.hpp>
 
@@ -10,6 +11,7 @@
 #include "base/current_exception.h"
 #include "base/log.h"
 #include "base/port_search.h"
+#include "base/retry.h"
 #include "src/streaming_incoming_session.h"
 #include "src/streaming_manager.h"
 #include "src/streaming_socket.h"
@@ -110,13 +112,10 @@ void TCPServer::__Accept() {
   if (stopped_) return;
   const boost::shared_ptr<IncomingSession> session(
       new IncomingSession(io_service_, *callbacks_, self, next_session_id_));
-  {
-    boost::lock_guard<boost::mutex> lock(m_session_list_mutex_);
-    incoming_session_list_.push_back(session);
-  }
   // The connection gets a socket of its own until the session has it on its queue: a stop at this
   // moment touches the session's.
   const boost::shared_ptr<tcp::socket> accepted(new tcp::socket(io_service_));
+  std::list<boost::shared_ptr<IncomingSession>> place(1, session);
   const LogSite site = VEX_LOG_SITE;
   acceptor_.async_accept(*accepted, [self, accepted, site](const error_code& error) {
     VEX_LOG_AT(site, kLogStep, kTagStreaming, "Incoming connection");
@@ -126,6 +125,10 @@ void TCPServer::__Accept() {
       LogCurrentException(site, kLogMajor, kTagStreaming, "Exception: %s", "Unknown Exception");
     }
   });
+  // Listed only when it is waited for, so that one without memory leaves nothing behind. The
+  // connection is looked for under the acceptor's lock.
+  boost::lock_guard<boost::mutex> lock(m_session_list_mutex_);
+  incoming_session_list_.splice(incoming_session_list_.end(), place);
 }
 
 void TCPServer::handle_accept(const error_code& error,
@@ -138,10 +141,16 @@ void TCPServer::handle_accept(const error_code& error,
     if (stopped_) return;
     session_id = next_session_id_++;
   }
-  callbacks_->on_connect(server_id_, session_id, 0);
-  boost::shared_ptr<IncomingSession> session;
-  if (FindSession(session_id, session) == result::kYes) session->RegisterRead(accepted);
-  __Accept();
+  try {
+    callbacks_->on_connect(server_id_, session_id, 0);
+    boost::shared_ptr<IncomingSession> session;
+    if (FindSession(session_id, session) == result::kYes) session->RegisterRead(accepted);
+  } catch (const std::bad_alloc&) {
+    // The one connection is lost, the server is not.
+    VEX_LOG(kLogMajor, kTagStreaming, "No memory for a connection");
+    SessionCompleted(session_id);
+  }
+  RetryWithoutMemory([this] { __Accept(); });
 }
 
 void TCPServer::Stop() {

@@ -69,9 +69,11 @@ struct MediaSocket::Transfer {
 };
 
 void MediaSocket::ReadSome(void* block, std::size_t size, const Done& done) {
+  // One allocation now and none when the bytes are there: a completion has nobody to fail to.
+  const boost::shared_ptr<Transfer> transfer(new Transfer{static_cast<char*>(block), size, done});
   socket_.async_read_some(boost::asio::buffer(block, size),
-                          [this, done](const error_code& error, std::size_t bytes) {
-                            queue_.Run([done, error, bytes] { done(error, bytes); });
+                          [this, transfer](const error_code& error, std::size_t bytes) {
+                            queue_.Run([transfer, error, bytes] { transfer->done(error, bytes); });
                           });
 }
 

@@ -9,6 +9,8 @@
 #include <vexupnpcp/httpinfo.h>
 #include <vexupnpcp/streaming_types.h>
 
+#include "base/host_memory.h"
+
 namespace vex_upnp {
 namespace streaming {
 
@@ -59,6 +61,11 @@ void FormChunkedPacket(char* out, const char* data, const unsigned int& length,
 // The whole payload in chunks, with the end marker if `final`, in a block from malloc; null without
 // memory or when the framed length does not fit.
 char* FrameChunked(const void* data, unsigned int length, bool final, unsigned int& framed_length);
+
+// The last block of a body, which is the library's from the moment its write is posted.
+struct LastPayload {
+  FreePtr<void> block;
+};
 
 // "chunked" without regard to case.
 bool IsChunked(const char* transfer_encoding);
