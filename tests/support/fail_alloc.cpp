@@ -2,9 +2,12 @@
 
 #include <dlfcn.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdlib>
 #include <new>
+
+#include "base/io_threads.h"
 
 namespace {
 
@@ -15,7 +18,30 @@ thread_local int failures = 0;
 thread_local bool has_failed = false;
 thread_local bool is_suspended = false;
 
+// Of the library's threads one allocation in so many fails; 0 for none.
+std::atomic<unsigned> library_period{0};
+std::atomic<unsigned> library_seed{0};
+std::atomic<unsigned> library_allocations{0};
+std::atomic<unsigned> library_failures{0};
+
+// Spreads a counter evenly over all numbers.
+unsigned Scramble(unsigned number) {
+  number = (number ^ (number >> 16)) * 0x7feb352dU;
+  number = (number ^ (number >> 15)) * 0x846ca68bU;
+  return number ^ (number >> 16);
+}
+
+bool FailsOnLibraryThread() {
+  const unsigned period = library_period.load(std::memory_order_relaxed);
+  if (period == 0 || is_suspended || !vex_upnp::OnLibraryThread()) return false;
+  const unsigned number = library_allocations.fetch_add(1, std::memory_order_relaxed);
+  if (Scramble(number + library_seed.load(std::memory_order_relaxed)) % period != 0) return false;
+  library_failures.fetch_add(1, std::memory_order_relaxed);
+  return true;
+}
+
 bool FailsNow() {
+  if (FailsOnLibraryThread()) return true;
   if (countdown == 0 || is_suspended) return false;
   if (countdown > 1) {
     --countdown;
@@ -38,6 +64,16 @@ NewFunction Original(const char* name) {
   return reinterpret_cast<NewFunction>(dlsym(RTLD_NEXT, name));
 }
 
+// The array form of the standard library comes back here through the plain one, which is not to
+// count as a second allocation.
+void* CallOriginal(NewFunction original, std::size_t size) {
+  const bool was_suspended = is_suspended;
+  is_suspended = true;
+  void* const block = original(size);
+  is_suspended = was_suspended;
+  return block;
+}
+
 }  // namespace
 
 namespace vex_test {
@@ -53,6 +89,20 @@ FailAlloc::~FailAlloc() { countdown = 0; }
 bool FailAlloc::Failed() const { return has_failed; }
 
 void SuspendFailAlloc(bool suspended) { is_suspended = suspended; }
+
+FailOnLibraryThreads::FailOnLibraryThreads(unsigned period, unsigned seed) {
+  library_seed = seed * 0x9e3779b9U;
+  library_allocations = 0;
+  library_failures = 0;
+  library_period = period;
+}
+
+FailOnLibraryThreads::~FailOnLibraryThreads() { library_period = 0; }
+
+unsigned FailOnLibraryThreads::Failures() const { return library_failures; }
+
+WithMemory::WithMemory() : was_suspended_(is_suspended) { is_suspended = true; }
+WithMemory::~WithMemory() { is_suspended = was_suspended_; }
 
 }  // namespace vex_test
 
@@ -81,21 +131,21 @@ void* __wrap_realloc(void* block, std::size_t size) {
 void* operator new(std::size_t size) {
   static const NewFunction original = Original(kNew);
   if (FailsNow()) throw std::bad_alloc();
-  return original(size);
+  return CallOriginal(original, size);
 }
 
 void* operator new[](std::size_t size) {
   static const NewFunction original = Original(kNewArray);
   if (FailsNow()) throw std::bad_alloc();
-  return original(size);
+  return CallOriginal(original, size);
 }
 
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
   static const NewFunction original = Original(kNew);
-  return FailsNow() ? nullptr : original(size);
+  return FailsNow() ? nullptr : CallOriginal(original, size);
 }
 
 void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
   static const NewFunction original = Original(kNewArray);
-  return FailsNow() ? nullptr : original(size);
+  return FailsNow() ? nullptr : CallOriginal(original, size);
 }

@@ -22,6 +22,31 @@ class FailAlloc {
 // nor counted.
 void SuspendFailAlloc(bool suspended);
 
+// From here to the end of the scope about one in `period` of the allocations that the library makes
+// on threads of its own fails; which ones, `seed` decides. One at a time in the process.
+class FailOnLibraryThreads {
+ public:
+  FailOnLibraryThreads(unsigned period, unsigned seed);
+  FailOnLibraryThreads(const FailOnLibraryThreads&) = delete;
+  FailOnLibraryThreads& operator=(const FailOnLibraryThreads&) = delete;
+  ~FailOnLibraryThreads();
+
+  unsigned Failures() const;
+};
+
+// For callbacks of a test, which run on the library's threads: to the end of the scope nothing is
+// failed on this thread.
+class WithMemory {
+ public:
+  WithMemory();
+  WithMemory(const WithMemory&) = delete;
+  WithMemory& operator=(const WithMemory&) = delete;
+  ~WithMemory();
+
+ private:
+  const bool was_suspended_;
+};
+
 // Runs `act` with its first allocation failing, then with its second, and so on, up to the run in
 // which none fails any more. `check(failed)` follows each run, with memory to be had again. Returns
 // how many allocations were failed.

@@ -2,11 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <memory>
 #include <new>
 #include <string>
 #include <thread>
+
+#include "base/io_threads.h"
 
 namespace vex_test {
 namespace {
@@ -58,6 +61,46 @@ TEST(FailAlloc, OtherThreadsHaveTheirMemory) {
   }
   EXPECT_NE(nullptr, block);
   std::free(block);
+}
+
+TEST(FailAlloc, AnArrayCountsOnceAndItsQuietFormGivesNull) {
+  char* arrays[2] = {};
+  bool failed = false;
+  {
+    const FailAlloc fail(2);
+    arrays[0] = new (std::nothrow) char[10];
+    kept = arrays[0];
+    arrays[1] = new (std::nothrow) char[10];
+    kept = arrays[1];
+    failed = fail.Failed();
+  }
+  EXPECT_TRUE(failed);
+  EXPECT_NE(nullptr, arrays[0]);
+  EXPECT_EQ(nullptr, arrays[1]);
+  delete[] arrays[0];
+}
+
+TEST(FailAlloc, OnTheLibrarysThreadsOneInSoManyFails) {
+  std::atomic<int> failed{0};
+  const auto allocate = [&] {
+    for (int i = 0; i < 10000; ++i) {
+      kept = std::malloc(10);
+      if (kept == nullptr) ++failed;
+      std::free(kept);
+      const WithMemory with_memory;
+      kept = std::malloc(10);
+      if (kept == nullptr) failed += 100000;
+      std::free(kept);
+    }
+  };
+  const FailOnLibraryThreads fail(100, 7);
+  std::thread(allocate).join();
+  EXPECT_EQ(0, failed);
+  const std::unique_ptr<boost::thread> thread(vex_upnp::StartNamedThread("failing", allocate));
+  thread->join();
+  EXPECT_GT(failed, 50);
+  EXPECT_LT(failed, 200);
+  EXPECT_EQ(static_cast<unsigned>(failed), fail.Failures());
 }
 
 TEST(FailAlloc, RunsUntilNothingFails) {
