@@ -16,6 +16,7 @@
 #include <vexupnpcp/network_layer.h>
 #include <vexupnpcp/result_codes.h>
 #include <vexupnpcp/streaming.h>
+#include <vexupnpcp/timer.h>
 
 #include "tests/support/fail_calls.h"
 #include "tests/support/host_rig.h"
@@ -279,6 +280,40 @@ TEST(FaultHostLife, WithoutThreadsTheStartDoesNoHarm) {
   ScriptedDevice device("uuid:after", {kService});
   rig.Register();
   rig.Meet(device);
+}
+
+std::atomic<bool> fired{false};
+void NoteFired(int, void*) { fired = true; }
+
+TEST(FaultHostLife, RegressionATimerGetsItsThreadAsSoonAsThereIsOne) {
+  {
+    const FailCalls fail(SystemCall::kThread, EAGAIN);
+    vex_upnp::utils::Timer::InitializeManager();
+    vex_upnp::utils::Timer::Start(0, &NoteFired, nullptr);
+    EXPECT_EQ(2, fail.Failed());
+  }
+  EXPECT_FALSE(fired);
+  vex_upnp::utils::Timer::Start(0, &NoteFired, nullptr);
+  EXPECT_TRUE(WaitUntil([] { return fired.load(); }));
+  vex_upnp::utils::Timer::TerminateManager();
+}
+
+TEST_F(FaultHost, WithoutThreadsStreamingFailsAndStartsLater) {
+  for (int nth = 1; nth <= 20; nth += 6) {
+    const int threads = vex_test::ThreadCount();
+    const FailCalls fail(SystemCall::kThread, EAGAIN, nth);
+    streaming::stServer* servers = nullptr;
+    int configuration = 0;
+    EXPECT_EQ(result::kFailure,
+              streaming::StartServers(vex_test::MediaHost::callbacks(), "10.77.0.1", 21000,
+                                      &servers, &configuration));
+    EXPECT_EQ(nullptr, servers);
+    int client = 0;
+    const FailCalls again(SystemCall::kThread, EAGAIN, nth);
+    EXPECT_EQ(result::kFailure, streaming::StartClient(&kMedia, "10.77.0.2", 9, &client));
+    EXPECT_TRUE(WaitUntil([&] { return vex_test::ThreadCount() == threads; }));
+  }
+  ExpectToWork();
 }
 
 // Checks behind a search, and of descriptions that did not come, take threads of their own.
