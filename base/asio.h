@@ -29,7 +29,7 @@ using boost::system::system_error;
 using io_service = boost::asio::io_context;
 using io_work = boost::asio::executor_work_guard<io_service::executor_type>;
 // Runs on the monotonic clock, so steps of the system's time move no wait.
-using deadline_timer = boost::asio::steady_timer;
+using boost::asio::steady_timer;
 
 inline io_work KeepRunning(io_service& io) { return boost::asio::make_work_guard(io); }
 

@@ -31,6 +31,8 @@ constexpr int kAddressChangePauseMs = 500;
 constexpr int kAcceptPauseMs = 100;
 // How long a thread that can't go on without memory waits before it tries again.
 constexpr int kMemoryRetryMs = 100;
+// Pending timers notice a step of the system's time after so long, at the latest.
+constexpr int kClockLookMs = 10000;
 // How long a synchronous streaming client waits for its connection.
 constexpr int kSyncConnectTimeoutMs = 5000;
 // Between the last byte of a served payload and the close.

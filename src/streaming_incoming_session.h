@@ -77,7 +77,7 @@ class IncomingSession : public VEXUncopyable,
   const boost::shared_ptr<TCPServer> server_;
 
   MediaSocket socket_;
-  deadline_timer close_timer_;
+  steady_timer close_timer_;
   // Used on the socket's queue only. Made when the connection is accepted.
   FreePtr<char> buffer_;
   boost::shared_ptr<utils::HTTPInfo> http_info_;

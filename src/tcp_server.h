@@ -70,7 +70,7 @@ class TCPServer : public ServerNotify, public boost::enable_shared_from_this<TCP
   boost::mutex mutex_;
   tcp::acceptor acceptor_ VEX_GUARDED_BY(mutex_);
   // Waits until an accept that failed is tried again.
-  deadline_timer pause_ VEX_GUARDED_BY(mutex_);
+  steady_timer pause_ VEX_GUARDED_BY(mutex_);
   // The open connections.
   Sessions sessions_ VEX_GUARDED_BY(mutex_);
   unsigned int next_session_id_ VEX_GUARDED_BY(mutex_) = 0;

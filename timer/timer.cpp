@@ -20,6 +20,7 @@
 #include "base/log.h"
 #include "base/retry.h"
 #include "base/thread_marks.h"
+#include "base/timing.h"
 
 namespace vex_upnp {
 namespace utils {
@@ -29,8 +30,9 @@ namespace {
 
 constexpr const char* kTag = log::kTagUtils;
 
-// Steps of the system's time move no timer.
-using Clock = std::chrono::steady_clock;
+// KEPT: a step of the system's time moves what is pending: forward, and it is due at once; back,
+// and it waits until the time has come again. Timers that are started afterwards are not concerned.
+using Clock = std::chrono::system_clock;
 
 // One pending timer. Its place in the order is its expiry, and among equals the order of starting.
 struct TimerHandler {
@@ -80,9 +82,9 @@ class TimerService {
   boost::mutex mutex_;
   boost::condition_variable callback_returned_;
   // One wait serves all timers: it stands at the earliest expiry, or before it.
-  deadline_timer timer_ VEX_GUARDED_BY(mutex_);
+  steady_timer timer_ VEX_GUARDED_BY(mutex_);
   bool armed_ VEX_GUARDED_BY(mutex_) = false;
-  Clock::time_point armed_for_ VEX_GUARDED_BY(mutex_);
+  std::chrono::steady_clock::time_point armed_for_ VEX_GUARDED_BY(mutex_);
   // The timer thread is going through what has expired and arms the wait when it is through.
   bool firing_ VEX_GUARDED_BY(mutex_) = false;
   bool stopped_ VEX_GUARDED_BY(mutex_) = false;
@@ -177,17 +179,21 @@ void TimerService::Cancel(int id, void** arg) {
   while (running_ && running_id_ == id) callback_returned_.wait(lock);
 }
 
-// Asks for a wake-up at the earliest expiry, unless one is due by then already.
+// Asks for a wake-up at the earliest expiry, or earlier to look at the clock, unless one is due by
+// then already.
 void TimerService::StartTimer() {
   if (stopped_ || timer_handlers_.empty()) return;
-  const Clock::time_point earliest = timer_handlers_.begin()->first.first;
-  if (armed_ && armed_for_ <= earliest) return;
+  const Clock::duration left = timer_handlers_.begin()->first.first - Clock::now();
+  const std::chrono::milliseconds longest(timing::Scaled(timing::kClockLookMs));
+  // The wake-up itself runs on a clock that makes no steps: a loop that waits notices none.
+  const auto wake_up = std::chrono::steady_clock::now() + std::min<Clock::duration>(left, longest);
+  if (armed_ && armed_for_ <= wake_up) return;
   armed_ = false;
-  timer_.expires_at(earliest);
+  timer_.expires_at(wake_up);
   // The loop is run by the service's own thread only, which holds a reference while it is in it.
   timer_.async_wait([this](const error_code& error) { OnTimerExpiry(error); });
   armed_ = true;
-  armed_for_ = earliest;
+  armed_for_ = wake_up;
 }
 
 void TimerService::OnTimerExpiry(const error_code& error) {

@@ -23,7 +23,7 @@ typedef void (*TimerCallback)(int id, void* arg);
 /// Callbacks run on that thread, one at a time, in order of expiry; timers that expire at the same
 /// time run in the order in which they were started. A callback may call Start and Cancel, holds no
 /// lock of this class, and should be short: it delays the timers behind it. Times are taken on the
-/// monotonic clock, so steps of the system's time move nothing.
+/// UTC clock, so a step of the system's time moves what is pending: it is noticed within 10 s.
 ///
 /// All functions may be called from any thread.
 class VEX_EXPORT Timer : public VEXUncopyable {
