@@ -40,7 +40,9 @@ bool DiscoveryWorkers::StartInLine(int timer_id, const std::string& base_name, c
   boost::lock_guard<boost::mutex> lock(mutex_);
   if (closed_) return false;
   if (line_threads_ < limits::kDescriptionWorkers &&
-      StartThread(timer_id, base_name, [this, timer_id, job] { RunLine(timer_id, job); })) {
+      // Moved, not copied: an exception on the new thread would be the end of the process.
+      StartThread(timer_id, base_name,
+                  [this, timer_id, job]() mutable { RunLine(timer_id, std::move(job)); })) {
     ++line_threads_;
     return true;
   }

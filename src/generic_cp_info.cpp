@@ -49,6 +49,9 @@ void GenericCPInfo::CancelAllActions() {
   }
   // Cancelling waits for a time-out in progress, which wants the mutex.
   for (const int action_id : open) cp_control::CancelAction(action_id);
+  // KEPT: what was cancelled stays listed.
+  boost::lock_guard<boost::mutex> lock(info_mutex);
+  action_ids.splice(action_ids.begin(), open);
 }
 
 // boost::unique_lock carries no marks for the analysis.

@@ -46,16 +46,22 @@ void HandlerQueue::State::Thrown() {
   try {
     throw;
   } catch (const std::bad_alloc&) {
-    if (!on_no_memory) return;
-    try {
-      on_no_memory();
-    } catch (...) {
-      LogCurrentException(VEX_LOG_SITE, kLogMajor, log::kTagStreaming, "Exception: %s",
-                          "Unknown Exception");
-    }
+    RunNoMemory();
   } catch (...) {
     // The host's own; it is logged and goes no further.
   }
+}
+
+void HandlerQueue::State::RunNoMemory() try {
+  boost::shared_ptr<Handler> handler;
+  {
+    boost::lock_guard<boost::mutex> lock(mutex_);
+    handler = on_no_memory_;
+  }
+  if (handler) (*handler)();
+} catch (...) {
+  LogCurrentException(VEX_LOG_SITE, kLogMajor, log::kTagStreaming, "Exception: %s",
+                      "Unknown Exception");
 }
 
 bool HandlerQueue::State::Claim() {

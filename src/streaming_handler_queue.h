@@ -30,8 +30,11 @@ class HandlerQueue {
   HandlerQueue& operator=(const HandlerQueue&) = delete;
 
   // What follows when a handler found no memory and left its work undone: whoever waits for the
-  // next completion would wait for ever. Runs as a handler does. To be set before the first one.
-  void OnNoMemory(Handler handler) { state_->on_no_memory = std::move(handler); }
+  // next completion would wait for ever. Runs as a handler does. Throws without memory, and then
+  // nothing is set.
+  void OnNoMemory(Handler handler) {
+    state_->SetNoMemory(boost::shared_ptr<Handler>(new Handler(std::move(handler))));
+  }
 
   // From any thread: runs later, on a thread of the loop. Throws without memory, and then it never
   // runs.
@@ -83,14 +86,19 @@ class HandlerQueue {
       }
     }
 
-    Handler on_no_memory;
+    void SetNoMemory(boost::shared_ptr<Handler> handler) {
+      boost::lock_guard<boost::mutex> lock(mutex_);
+      on_no_memory_.swap(handler);
+    }
 
    private:
     void Thrown();
+    void RunNoMemory();
 
     // A leaf, save that the loop's own lock is taken inside it to post a turn.
     boost::mutex mutex_;
     std::list<Handler> left_ VEX_GUARDED_BY(mutex_);
+    boost::shared_ptr<Handler> on_no_memory_ VEX_GUARDED_BY(mutex_);
     bool running_ VEX_GUARDED_BY(mutex_) = false;
   };
 

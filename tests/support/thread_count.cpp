@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <fstream>
+#include <sstream>
 
 #include "tests/support/wait_until.h"
 
@@ -21,9 +22,26 @@ std::vector<std::string> Entries(const char* folder) {
   return names;
 }
 
+// Whether the kernel still lists a thread that is on its way out or gone. A join returns once
+// that way has begun, so only this tells a joined thread from one that runs.
+bool HasEnded(const std::string& thread) {
+  constexpr unsigned kExiting = 0x4;  // PF_EXITING of the kernel's flags
+  std::string stat;
+  if (!std::getline(std::ifstream("/proc/self/task/" + thread + "/stat"), stat)) return true;
+  std::istringstream behind_name(stat.substr(stat.rfind(')') + 1));
+  std::string skipped;
+  for (int i = 0; i < 6; ++i) behind_name >> skipped;  // from the state to the terminal's group
+  unsigned flags = 0;
+  behind_name >> flags;
+  return (flags & kExiting) != 0;
+}
+
 }  // namespace
 
-int ThreadCount() { return static_cast<int>(Entries("/proc/self/task").size()); }
+int ThreadCount() {
+  const std::vector<std::string> threads = Entries("/proc/self/task");
+  return static_cast<int>(threads.size() - std::count_if(threads.begin(), threads.end(), HasEnded));
+}
 
 // The listing itself uses one.
 int DescriptorCount() { return static_cast<int>(Entries("/proc/self/fd").size()) - 1; }

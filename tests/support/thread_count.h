@@ -8,12 +8,13 @@
 
 namespace vex_test {
 
-// How many threads and descriptors the process has now.
+// How many threads and descriptors the process has now. A thread that was joined isn't counted,
+// though the kernel lists it for a moment longer.
 int ThreadCount();
 int DescriptorCount();
 
-// Whether the process has this many threads. The kernel lists one that was joined for a moment
-// longer, so it is looked at again for up to a second.
+// Whether the process has this many threads. One that nobody joins may take a moment to end, so
+// it is looked at again for up to a second.
 testing::AssertionResult ThreadsBecome(int count);
 
 // The names of the process's threads, sorted, without those that `leave_out` names.
