@@ -370,6 +370,24 @@ void CPDiscoveryManager::LoseDevice(const std::string& udn) {
   RemoveNowRequestingByUdn(udn);
 }
 
+// A device of which a part is missing for good could never become ready; one that is ready stays.
+void CPDiscoveryManager::GiveUp(int session_id) {
+  const boost::shared_ptr<NowRequesting> request = GetNowRequesting(session_id);
+  if (!request) return;
+  bool ready = false;
+  {
+    const boost::shared_ptr<DeviceList> list = DeviceList::GetInstance();
+    boost::lock_guard<boost::recursive_mutex> lock(list->device_list_mutex);
+    const boost::shared_ptr<Device> device = list->IsDeviceAdded(request->udn);
+    ready = device && device->services_ready;
+  }
+  if (ready) {
+    RemoveNowRequestingBySessionId(session_id);
+  } else {
+    LoseDevice(request->udn);
+  }
+}
+
 // KEPT: the retry of a device description has the absolute URL on its request line, the first try
 // the path only. The session of the first try is left to end by itself.
 bool CPDiscoveryManager::RetryDescription(const boost::shared_ptr<NowRequesting>& request) {

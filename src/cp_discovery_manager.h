@@ -104,6 +104,9 @@ class CPDiscoveryManager : public Observable {
   // A device of which a part cannot be had leaves the list, with all its requests. It was never
   // told as added, so it goes without an event.
   void LoseDevice(const std::string& udn);
+  // Ends the request whose answer could not be handled, so that the device may be asked for
+  // afresh. Needs no memory.
+  void GiveUp(int session_id);
   void CheckNowRequesting(int timer_id);
 
  private:

@@ -157,13 +157,7 @@ int RequestService(CPDiscoveryManager& manager, const boost::shared_ptr<Device>&
   const Adding adding = AddRequest(manager, listed, request);
   if (adding == Adding::kDeviceGone) return result::kOk;
   if (adding == Adding::kRefused) return result::kFailure;
-  try {
-    manager.StartNowRequesting(request);
-  } catch (...) {
-    // The device could never become ready, nor be asked for afresh.
-    manager.LoseDevice(device.udn);
-    throw;
-  }
+  manager.StartNowRequesting(request);
   const int result =
       manager.SendNowRequesting(request, packet, DescriptionListener::ExistingInstance());
   // KEPT: no immediate second try here, and the request stays listed; its timer tries again.
@@ -292,8 +286,7 @@ void DescriptionListener::OnResponseReceived(boost::shared_ptr<utils::HTTPInfo> 
   } catch (...) {
     LogCurrentException(VEX_LOG_SITE, kLogMajor, kTag, "Exception in OnResponseReceived: %s",
                         "Unknown Exception in OnResponseReceived");
-    // Without its request the device may be asked for afresh.
-    manager->RemoveNowRequestingBySessionId(session_id);
+    manager->GiveUp(session_id);
   }
 }
 
@@ -395,7 +388,8 @@ void DescriptionListener::PopulateServiceDescription(CPDiscoveryManager& manager
 
 // Asks for what is missing of the services; a device of which that is not possible leaves the list.
 bool DescriptionListener::DescribeServices(CPDiscoveryManager& manager,
-                                           const boost::shared_ptr<Device>& device, int& requests) {
+                                           const boost::shared_ptr<Device>& device,
+                                           int& requests) try {
   if (GetServiceDescription(manager, device, requests) == result::kOk) return true;
   VEX_LOG(kLogMajor, kTag, "Unable to fetch service description for device %s ",
           device->udn.c_str());
@@ -404,6 +398,10 @@ bool DescriptionListener::DescribeServices(CPDiscoveryManager& manager,
   boost::lock_guard<boost::recursive_mutex> lock(list->device_list_mutex);
   list->Remove(device);
   return false;
+} catch (...) {
+  // It could never become ready, nor be asked for afresh.
+  manager.LoseDevice(device->udn);
+  throw;
 }
 
 int DescriptionListener::GetServiceDescription(CPDiscoveryManager& manager,

@@ -170,10 +170,17 @@ bool DeviceList::Add(boost::shared_ptr<Device>& device) {
   device->is_valid = true;
   device->services_ready = false;
 
-  const Entries::iterator entry =
-      devices_.insert(devices_.end(), Entry{device, by_udn_.end(), bytes});
+  // In all three or in none: an index without its entry would be followed into freed memory.
+  Entries added(1, Entry{device, by_udn_.end(), bytes});
+  const Entries::iterator entry = added.begin();
   entry->place = by_udn_.emplace(device->udn, entry);
-  by_device_.emplace(device.get(), entry);
+  try {
+    by_device_.emplace(device.get(), entry);
+  } catch (...) {
+    by_udn_.erase(entry->place);
+    throw;
+  }
+  devices_.splice(devices_.end(), added);
   held_ += bytes;
   VEX_LOG(kLogStep, kTag, " the size of device list : %d", static_cast<int>(devices_.size()));
   return true;

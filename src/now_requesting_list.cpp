@@ -37,7 +37,7 @@ class NowRequestingList::Sending {
 int NowRequestingList::Add(const Pointer& request) {
   boost::lock_guard<boost::mutex> lock(mutex_);
   if (closed_ || entries_.size() >= limits::kDescriptionRequests) return result::kFailure;
-  const Key key = KeyOf(*request);
+  const KeyView key = KeyOf(*request);
   // The first request of a device, if any, stands here: no service sorts before the empty one.
   const auto found = entries_.lower_bound(key);
   if (found != entries_.end()) {
@@ -45,11 +45,13 @@ int NowRequestingList::Add(const Pointer& request) {
     const bool same_service = found->first.second == request->service_id;
     if (same_device && (!request->IsForService() || same_service)) return result::kFailure;
   }
-  entries_.emplace_hint(found, key, Entry{request, 0, 0});
+  entries_.emplace_hint(found, Key(key), Entry{request, 0, 0});
   return result::kOk;
 }
 
 void NowRequestingList::StartTimer(const Pointer& request) {
+  // Its place first: the expiry of a timer that nobody has filed would find nobody.
+  std::map<int, Pointer> place{{0, request}};
   boost::lock_guard<boost::mutex> lock(mutex_);
   Entry* const entry = Find(request);
   if (entry == nullptr) return;
@@ -57,13 +59,10 @@ void NowRequestingList::StartTimer(const Pointer& request) {
   request->Start();
   by_timer_.erase(entry->timer_id);
   entry->timer_id = request->timer_id;
-  try {
-    by_timer_[entry->timer_id] = request;
-  } catch (...) {
-    // Its expiry would find nobody.
-    request->Stop();
-    throw;
-  }
+  by_timer_.erase(entry->timer_id);
+  auto filed = place.extract(place.begin());
+  filed.key() = entry->timer_id;
+  by_timer_.insert(std::move(filed));
 }
 
 int NowRequestingList::Send(const Pointer& request, const std::string& packet,
@@ -113,7 +112,7 @@ void NowRequestingList::RemoveByUdn(const std::string& udn) {
   // Moved from map to map: what takes requests out must not need memory.
   Entries removed;
   boost::lock_guard<boost::mutex> lock(mutex_);
-  auto entry = entries_.lower_bound(Key(udn, std::string()));
+  auto entry = entries_.lower_bound(KeyView(udn, std::string_view()));
   while (entry != entries_.end() && entry->first.first == udn) {
     const auto next = std::next(entry);
     by_session_.erase(entry->second.session_id);
@@ -135,7 +134,7 @@ void NowRequestingList::RemoveBySession(int session_id) {
 void NowRequestingList::RemoveAll() {
   Entries removed;
   std::unordered_map<int, Pointer> filed_by_session;
-  std::unordered_map<int, Pointer> filed_by_timer;
+  std::map<int, Pointer> filed_by_timer;
   boost::lock_guard<boost::mutex> lock(mutex_);
   removed.swap(entries_);
   filed_by_session.swap(by_session_);

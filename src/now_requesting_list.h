@@ -5,6 +5,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <utility>
 
@@ -49,6 +50,12 @@ class NowRequestingList {
 
  private:
   using Key = std::pair<std::string, std::string>;
+  using KeyView = std::pair<std::string_view, std::string_view>;
+  // Looks up by views too: what takes a request out must not need memory.
+  struct KeyOrder {
+    using is_transparent = void;
+    bool operator()(const KeyView& a, const KeyView& b) const { return a < b; }
+  };
   // The sessions and timers under which an entry is filed, not always the newest of its request.
   struct Entry {
     Pointer request;
@@ -56,13 +63,15 @@ class NowRequestingList {
     int timer_id = 0;
   };
   // Ordered by key, then service, so that all requests for one device stand together.
-  using Entries = std::map<Key, Entry>;
+  using Entries = std::map<Key, Entry, KeyOrder>;
   using Ticket = std::uint64_t;
 
   // Marks a send as under way for as long as it lives.
   class Sending;
 
-  static Key KeyOf(const NowRequesting& request) { return Key(request.udn, request.service_id); }
+  static KeyView KeyOf(const NowRequesting& request) {
+    return KeyView(request.udn, request.service_id);
+  }
   Entry* Find(const Pointer& request) VEX_REQUIRES(mutex_);
   Pointer Unlink(Entries::iterator entry) VEX_REQUIRES(mutex_);
   void FileSession(const Pointer& request, int session_id);
@@ -72,7 +81,7 @@ class NowRequestingList {
   boost::condition_variable send_done_;
   Entries entries_ VEX_GUARDED_BY(mutex_);
   std::unordered_map<int, Pointer> by_session_ VEX_GUARDED_BY(mutex_);
-  std::unordered_map<int, Pointer> by_timer_ VEX_GUARDED_BY(mutex_);
+  std::map<int, Pointer> by_timer_ VEX_GUARDED_BY(mutex_);
   std::set<Ticket> sending_ VEX_GUARDED_BY(mutex_);
   Ticket last_ticket_ VEX_GUARDED_BY(mutex_) = 0;
   bool closed_ VEX_GUARDED_BY(mutex_) = false;

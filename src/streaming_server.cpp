@@ -8,6 +8,7 @@
 
 #include <vexupnpcp/result_codes.h>
 
+#include "base/accept.h"
 #include "base/current_exception.h"
 #include "base/log.h"
 #include "base/port_search.h"
@@ -76,6 +77,7 @@ TCPServer::Attempt TCPServer::__Listen(int port) {
     return Attempt::kNext;
   }
   acceptor_.listen(kBacklog, error);
+  if (!error) PrepareToAccept(acceptor_, error);
   if (error) {
     VEX_LOG(kLogMajor, kTagStreaming, "Error in listening TCP acceptor!");
     acceptor_.close(ignored);
@@ -110,37 +112,51 @@ void TCPServer::__Accept() {
   const boost::shared_ptr<TCPServer> self = shared_from_this();
   boost::lock_guard<boost::mutex> acceptor_lock(acceptor_mutex_);
   if (stopped_) return;
-  const boost::shared_ptr<IncomingSession> session(
-      new IncomingSession(io_service_, *callbacks_, self, next_session_id_));
-  // The connection gets a socket of its own until the session has it on its queue: a stop at this
-  // moment touches the session's.
-  const boost::shared_ptr<tcp::socket> accepted(new tcp::socket(io_service_));
-  std::list<boost::shared_ptr<IncomingSession>> place(1, session);
-  const LogSite site = VEX_LOG_SITE;
-  acceptor_.async_accept(*accepted, [self, accepted, site](const error_code& error) {
-    VEX_LOG_AT(site, kLogStep, kTagStreaming, "Incoming connection");
-    try {
-      self->handle_accept(error, accepted);
-    } catch (...) {
-      LogCurrentException(site, kLogMajor, kTagStreaming, "Exception: %s", "Unknown Exception");
-    }
-  });
+  std::list<boost::shared_ptr<IncomingSession>> place(
+      1, boost::shared_ptr<IncomingSession>(
+             new IncomingSession(io_service_, *callbacks_, self, next_session_id_)));
+  __Wait();
   // Listed only when it is waited for, so that one without memory leaves nothing behind. The
   // connection is looked for under the acceptor's lock.
   boost::lock_guard<boost::mutex> lock(m_session_list_mutex_);
   incoming_session_list_.splice(incoming_session_list_.end(), place);
 }
 
-void TCPServer::handle_accept(const error_code& error,
-                              const boost::shared_ptr<tcp::socket>& accepted) {
-  // KEPT: no further accept after an error; the server stays open and deaf.
-  if (error) return;
-  int session_id = 0;
-  {
-    boost::lock_guard<boost::mutex> lock(acceptor_mutex_);
-    if (stopped_) return;
-    session_id = next_session_id_++;
+void TCPServer::__Wait() {
+  const boost::shared_ptr<TCPServer> self = shared_from_this();
+  const LogSite site = VEX_LOG_SITE;
+  acceptor_.async_wait(tcp::acceptor::wait_read, [self, site](const error_code& error) {
+    VEX_LOG_AT(site, kLogStep, kTagStreaming, "Incoming connection");
+    try {
+      self->handle_accept(error);
+    } catch (...) {
+      LogCurrentException(site, kLogMajor, kTagStreaming, "Exception: %s", "Unknown Exception");
+    }
+  });
+}
+
+// The connection that has come gets a socket of its own until the session has it on its queue: a
+// stop at this moment touches the session's. Null without one.
+boost::shared_ptr<tcp::socket> TCPServer::__Take(const error_code& error, int& session_id) {
+  boost::lock_guard<boost::mutex> lock(acceptor_mutex_);
+  if (stopped_ || error) return boost::shared_ptr<tcp::socket>();
+  boost::shared_ptr<tcp::socket> accepted(new tcp::socket(io_service_));
+  error_code failed;
+  if (!AcceptNow(acceptor_, *accepted, failed)) {
+    __Wait();
+    return boost::shared_ptr<tcp::socket>();
   }
+  // KEPT: no further accept after an error; the server stays open and deaf.
+  if (failed) return boost::shared_ptr<tcp::socket>();
+  session_id = next_session_id_++;
+  return accepted;
+}
+
+void TCPServer::handle_accept(const error_code& error) {
+  boost::shared_ptr<tcp::socket> accepted;
+  int session_id = 0;
+  RetryWithoutMemory([&] { accepted = __Take(error, session_id); });
+  if (!accepted) return;
   try {
     callbacks_->on_connect(server_id_, session_id, 0);
     boost::shared_ptr<IncomingSession> session;

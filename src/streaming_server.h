@@ -53,7 +53,9 @@ class TCPServer : public VEXUncopyable, public boost::enable_shared_from_this<TC
 
   Attempt __Listen(int port);
   void __Accept();
-  void handle_accept(const error_code& error, const boost::shared_ptr<tcp::socket>& accepted);
+  void __Wait() VEX_REQUIRES(acceptor_mutex_);
+  boost::shared_ptr<tcp::socket> __Take(const error_code& error, int& session_id);
+  void handle_accept(const error_code& error);
   boost::shared_ptr<IncomingSession> __MakeSession();
 
   io_service& io_service_;

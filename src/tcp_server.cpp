@@ -9,6 +9,7 @@
 
 #include <vexupnpcp/result_codes.h>
 
+#include "base/accept.h"
 #include "base/current_exception.h"
 #include "base/log.h"
 #include "base/port_search.h"
@@ -72,7 +73,7 @@ int TCPServer::Start(int& port) {
     CloseAcceptor();
     return result::kTcpStartFailed;
   }
-  acceptor_.non_blocking(true, error);
+  PrepareToAccept(acceptor_, error);
   stopped_ = false;
   AsyncAccept();
   VEX_LOG(kLogDetail, kTag, "TCPServer Started: %s:%d", ip_.c_str(), port);
@@ -158,13 +159,15 @@ void TCPServer::AcceptAfterPause() {
   pause_.expires_after(std::chrono::milliseconds(timing::Scaled(timing::kAcceptPauseMs)));
   const LogSite site = VEX_LOG_SITE;
   pause_.async_wait([self, generation, site](const error_code&) {
-    boost::lock_guard<boost::mutex> lock(self->mutex_);
-    if (self->generation_ != generation) return;
-    if (self->stopped_) {
-      VEX_LOG_AT(site, kLogMajor, kTag, "Already stop() get the scoped_lock");
-      return;
-    }
-    self->AsyncAccept();
+    RetryWithoutMemory([&] {
+      boost::lock_guard<boost::mutex> lock(self->mutex_);
+      if (self->generation_ != generation) return;
+      if (self->stopped_) {
+        VEX_LOG_AT(site, kLogMajor, kTag, "Already stop() get the scoped_lock");
+        return;
+      }
+      self->AsyncAccept();
+    });
   });
 }
 
@@ -184,9 +187,7 @@ void TCPServer::handle_accept(error_code error, unsigned int generation) {
       return;
     }
     socket.emplace(acceptor_.get_executor());
-    if (!error) acceptor_.accept(*socket, error);
-    if (error == boost::asio::error::would_block) {
-      // The peer has gone again.
+    if (!error && !AcceptNow(acceptor_, *socket, error)) {
       AsyncAccept();
       return;
     }

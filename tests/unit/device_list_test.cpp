@@ -12,6 +12,7 @@
 #include <vexupnpcp/streaming.h>
 
 #include "base/limits.h"
+#include "tests/support/fail_alloc.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/media_peer.h"
 
@@ -73,6 +74,26 @@ class DeviceListTest : public testing::Test {
 
   const boost::shared_ptr<DeviceList> list_;
 };
+
+// An index that still named a device after its entry had gone was followed into freed memory.
+TEST_F(DeviceListTest, RegressionADeviceThatFindsNoMemoryIsInNoIndex) {
+  AddReady("uuid:before");
+  const int failures = vex_test::EachAllocationFails(
+      [&] {
+        try {
+          DevicePtr device = MakeDevice("uuid:a device with a name that is allocated");
+          list_->Add(device);
+        } catch (const std::bad_alloc&) {
+        }
+      },
+      [&](bool failed) {
+        const DevicePtr removed = list_->RemoveByUdn("uuid:a device with a name that is allocated");
+        EXPECT_EQ(!failed, removed != nullptr);
+        EXPECT_FALSE(list_->RemoveByUdn("uuid:a device with a name that is allocated"));
+      });
+  EXPECT_GT(failures, 5);
+  EXPECT_THAT(Keys(list_->GetAllDevices()), ElementsAre("uuid:before"));
+}
 
 TEST_F(DeviceListTest, DisplayNames) {
   EXPECT_EQ("[TV]Hall", DisplayName("Tolmark TV X", "Hall"));

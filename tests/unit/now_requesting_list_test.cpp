@@ -11,6 +11,7 @@
 #include <vexupnpcp/timer.h>
 
 #include "base/limits.h"
+#include "tests/support/fail_alloc.h"
 #include "tests/support/fake_device.h"
 #include "tests/support/wait_until.h"
 
@@ -244,6 +245,35 @@ TEST_F(SentRequests, ASendThatFailsLeavesNoSession) {
   ASSERT_EQ(0, list_.Add(request));
   EXPECT_NE(0, list_.Send(request, "GET / HTTP/1.1\r\n\r\n", listener_));
   EXPECT_EQ(0, request->session_id);
+}
+
+// A request that stayed listed without a timer stood in the way of its device for ever.
+TEST(NowRequestingList, RegressionWithoutMemoryARequestHasItsTimerOrNone) {
+  utils::Timer::InitializeManager();
+  NowRequestingList list;
+  const Request request = ForDevice("uuid:a device with a name that is allocated");
+  ASSERT_EQ(0, list.Add(request));
+  vex_test::EachAllocationFails(
+      [&] {
+        try {
+          list.StartTimer(request);
+        } catch (const std::bad_alloc&) {
+        }
+      },
+      [&](bool failed) {
+        const int timer_id = request->timer_id;
+        EXPECT_EQ(failed, timer_id == 0);
+        EXPECT_EQ(failed, list.FindByTimer(timer_id) == nullptr);
+      });
+  const std::string udn = request->udn;
+  {
+    const vex_test::FailAlloc fail(1);
+    list.RemoveByUdn(udn);
+    EXPECT_FALSE(fail.Failed());
+  }
+  EXPECT_EQ(0, list.Add(request));
+  list.RemoveAll();
+  utils::Timer::TerminateManager();
 }
 
 }  // namespace
