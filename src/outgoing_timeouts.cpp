@@ -4,6 +4,7 @@
 
 #include "base/current_exception.h"
 #include "base/log.h"
+#include "base/retry.h"
 #include "src/outgoingsession.h"
 
 namespace vex_upnp {
@@ -28,37 +29,41 @@ bool OutgoingTimeouts::Remove(const Ticket& ticket) {
 }
 
 void OutgoingTimeouts::__SetTimer(Clock::time_point due) {
-  timer_set_ = true;
-  timer_due_ = due;
+  // Set once nothing can fail any more: a timer that only seems to run would be the end of all
+  // time-outs.
+  timer_set_ = false;
   timer_.expires_at(due);
   timer_.async_wait([this](const error_code& error) { __OnTimer(error); });
+  timer_set_ = true;
+  timer_due_ = due;
 }
 
 void OutgoingTimeouts::__OnTimer(const error_code& error) {
   // Set anew for an earlier one.
   if (error) return;
-  try {
-    for (const boost::shared_ptr<OutgoingSession>& session : __TakeExpired()) {
-      session->TimeoutClose(error_code());
+  boost::shared_ptr<OutgoingSession> expired;
+  do {
+    RetryWithoutMemory([&] { expired = __TakeExpired(); });
+    try {
+      if (expired) expired->TimeoutClose(error_code());
+    } catch (...) {
+      LogCurrentException(VEX_LOG_SITE, kLogMajor, log::kTagNetwork, "Exception: %s",
+                          "Unknown Exception");
     }
-  } catch (...) {
-    LogCurrentException(VEX_LOG_SITE, kLogMajor, log::kTagNetwork, "Exception: %s",
-                        "Unknown Exception");
-  }
+  } while (expired);
 }
 
-std::vector<boost::shared_ptr<OutgoingSession>> OutgoingTimeouts::__TakeExpired() {
-  std::vector<boost::shared_ptr<OutgoingSession>> expired;
+boost::shared_ptr<OutgoingSession> OutgoingTimeouts::__TakeExpired() {
   const Clock::time_point now = Clock::now();
   boost::lock_guard<boost::mutex> lock(mutex_);
-  timer_set_ = false;
   while (!pending_.empty() && pending_.begin()->first.first <= now) {
     boost::shared_ptr<OutgoingSession> session = pending_.begin()->second.lock();
-    if (session) expired.push_back(std::move(session));
     pending_.erase(pending_.begin());
+    if (session) return session;
   }
+  timer_set_ = false;
   if (!pending_.empty()) __SetTimer(pending_.begin()->first.first);
-  return expired;
+  return boost::shared_ptr<OutgoingSession>();
 }
 
 }  // namespace network_layer

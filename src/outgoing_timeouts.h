@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <map>
 #include <utility>
-#include <vector>
 
 #include <boost/asio/steady_timer.hpp>
 #include <boost/shared_ptr.hpp>
@@ -40,7 +39,8 @@ class OutgoingTimeouts {
  private:
   void __SetTimer(Clock::time_point due) VEX_REQUIRES(mutex_);
   void __OnTimer(const error_code& error);
-  std::vector<boost::shared_ptr<OutgoingSession>> __TakeExpired();
+  // Null when none is due, and the timer set for the next one.
+  boost::shared_ptr<OutgoingSession> __TakeExpired();
 
   // A leaf; a session's mutex may be held around it, never the other way round.
   boost::mutex mutex_;

@@ -3,12 +3,15 @@
 #include <gmock/gmock.h>
 
 #include <chrono>
+#include <new>
 #include <vector>
 
 #include <boost/make_shared.hpp>
 
 #include "src/outgoingsession.h"
+#include "tests/support/fail_alloc.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/timing_scaled.h"
 
 namespace vex_upnp {
 namespace network_layer {
@@ -88,6 +91,46 @@ TEST_F(OutgoingTimeoutsTest, AfterTheLastHasExpiredItStartsAnew) {
     io_.restart();
     io_.run();
   }
+  EXPECT_THAT(owner_.failed, ElementsAre(1, 2, 3));
+}
+
+TEST_F(OutgoingTimeoutsTest, RegressionOneThatCouldNotBeAddedStopsNoOther) {
+  std::vector<int> expected;
+  vex_test::EachAllocationFails(
+      [this] {
+        const boost::weak_ptr<OutgoingSession> nobody;
+        try {
+          timeouts_.Add(nobody, milliseconds(1));
+        } catch (const std::bad_alloc&) {
+        }
+      },
+      [&](bool) {
+        const int id = static_cast<int>(expected.size()) + 1;
+        expected.push_back(id);
+        const auto session = Session(id);
+        timeouts_.Add(session, milliseconds(2));
+        io_.restart();
+        io_.run();
+        EXPECT_EQ(expected, owner_.failed);
+      });
+  EXPECT_GT(expected.size(), 1U);
+}
+
+// What expires while there is no memory is told all the same, and so is what expires behind it.
+TEST_F(OutgoingTimeoutsTest, RegressionOnesThatExpireWithoutMemoryAreAllTold) {
+  vex_test::FasterTime faster(100);
+  const auto first = Session(1);
+  const auto second = Session(2);
+  const auto third = Session(3);
+  owner_.failed.reserve(3);
+  timeouts_.Add(first, milliseconds(1));
+  timeouts_.Add(second, milliseconds(1));
+  timeouts_.Add(third, milliseconds(30));
+  for (int nth = 1; nth <= 20; ++nth) {
+    const vex_test::FailAlloc fail(nth, 3);
+    io_.run_for(milliseconds(2));
+  }
+  io_.run();
   EXPECT_THAT(owner_.failed, ElementsAre(1, 2, 3));
 }
 
