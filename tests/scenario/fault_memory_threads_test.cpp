@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <cstddef>
 #include <memory>
 #include <set>
@@ -16,6 +17,7 @@
 #include <vexupnpcp/streaming.h>
 
 #include "tests/support/fail_alloc.h"
+#include "tests/support/fail_calls.h"
 #include "tests/support/host_rig.h"
 #include "tests/support/http_peer.h"
 #include "tests/support/media_host.h"
@@ -137,9 +139,10 @@ class FaultMemoryThreads : public testing::Test {
     EXPECT_NE(std::string::npos, viewer.ReadToEnd().find("200"));
     UnSubscribeService(handle_, name.c_str(), kService);
     later.SayByebye("10.77.0.1", 5300);
-    // The one that was there all the time leaves and comes back, whatever was left of it.
-    device_.SayByebye("10.77.0.1", 5300);
+    ExpectToBeThere();
+    // Nothing is under way any more: it leaves and comes back.
     const std::size_t told = HostLog::Devices().size();
+    device_.SayByebye("10.77.0.1", 5300);
     ASSERT_TRUE(WaitUntil([&] {
       device_.SayAlive("10.77.0.1", 5300);
       const std::vector<vex_test::ToldDevice> all = HostLog::Devices();
@@ -147,6 +150,25 @@ class FaultMemoryThreads : public testing::Test {
           all.begin() + static_cast<std::ptrdiff_t>(told), all.end(),
           [this](const vex_test::ToldDevice& one) { return one.event == 1 && one.udn == name_; });
     }));
+  }
+
+  // Whatever the want has left of it, the one that was there all the time is found by what it
+  // announces, without a farewell.
+  void ExpectToBeThere() {
+    int id = 0;
+    ASSERT_TRUE(WaitUntil([&] {
+      device_.SayAlive("10.77.0.1", 5300);
+      return SendAction(handle_, name_.c_str(), kService, "Play", nullptr, &id) == 0;
+    }));
+    sent_.insert(id);
+    ASSERT_TRUE(WaitUntil([&] { return OutcomeOf(id) != nullptr; }));
+    EXPECT_EQ(CP_ERR_NONE, OutcomeOf(id)->code);
+  }
+  static std::unique_ptr<ToldAction> OutcomeOf(int id) {
+    for (const ToldAction& action : HostLog::Actions()) {
+      if (action.action_id == id) return std::make_unique<ToldAction>(action);
+    }
+    return nullptr;
   }
 
   static streaming::ReqHeaderInfo MediaRequest() {
@@ -192,6 +214,40 @@ TEST_F(FaultMemoryThreads, EverythingGoesOnAndEveryActionEndsOnce) {
   }
   EXPECT_GT(failures, 50U);
   ExpectEachActionToEndOnce();
+}
+
+// Every step of an accept that is tried again and again finds no memory now and then.
+TEST_F(FaultMemoryThreads, RegressionTheEventServerStaysDeafForNoLack) {
+  for (unsigned seed = 1; seed <= 20; ++seed) {
+    std::unique_ptr<vex_test::TcpClient> visitor;
+    {
+      const vex_test::FailCalls no_descriptors(vex_test::SystemCall::kAccept, EMFILE);
+      const FailOnLibraryThreads no_memory(2, seed);
+      visitor.reset(new vex_test::TcpClient("10.77.0.1", 5100));
+      ASSERT_TRUE(WaitUntil([&] { return no_descriptors.Failed() >= 20; })) << seed;
+    }
+    // Nobody is subscribed; whoever is let in is told so.
+    ASSERT_TRUE(visitor->Send("NOTIFY /nobody HTTP/1.1\r\nCONTENT-LENGTH: 0\r\n\r\n"));
+    ASSERT_EQ(5U, visitor->ReadBytes(5).size()) << seed;
+  }
+}
+
+// The same for a streaming server, whose connections are taken without memory now and then.
+TEST_F(FaultMemoryThreads, RegressionAStreamingServerStaysDeafForNoLack) {
+  for (unsigned seed = 1; seed <= 30; ++seed) {
+    {
+      const FailOnLibraryThreads no_memory(2, seed);
+      for (unsigned knock = 1; knock <= 4; ++knock) {
+        const unsigned failures = no_memory.Failures();
+        vex_test::TcpClient visitor(servers_->ip, servers_->port);
+        ASSERT_TRUE(visitor.connected());
+        ASSERT_TRUE(WaitUntil([&] { return no_memory.Failures() > failures; }));
+      }
+    }
+    vex_test::TcpClient viewer(servers_->ip, servers_->port);
+    ASSERT_TRUE(viewer.Send("GET / HTTP/1.0\r\n\r\n"));
+    ASSERT_NE(std::string::npos, viewer.ReadToEnd().find("200")) << seed;
+  }
 }
 
 TEST_F(FaultMemoryThreads, SlowManySeeds) {
