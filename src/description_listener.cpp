@@ -188,13 +188,14 @@ void CompleteFromRequest(const NowRequesting& request, const utils::HTTPInfo& ht
 // What became of a device that was to be listed.
 enum class Listing { kListed, kNoRoom, kKnownAlready };
 
-Listing ListDevice(boost::shared_ptr<Device>& device, boost::shared_ptr<Device>& existing) {
+Listing ListDevice(boost::shared_ptr<Device>& device, boost::shared_ptr<Device>& existing,
+                   std::list<boost::shared_ptr<Device>>& listed) {
   const boost::shared_ptr<DeviceList> list = DeviceList::GetInstance();
   std::list<boost::shared_ptr<Device>> dropped;
   boost::lock_guard<boost::recursive_mutex> lock(list->device_list_mutex);
   existing = list->IsDeviceAdded(device->udn);
   if (existing) return Listing::kKnownAlready;
-  return ListDeviceHierarchy(*list, device, dropped) ? Listing::kListed : Listing::kNoRoom;
+  return ListDeviceHierarchy(*list, device, dropped, listed) ? Listing::kListed : Listing::kNoRoom;
 }
 
 bool IsAcceptedDevice(const std::string& type) {
@@ -317,9 +318,10 @@ void DescriptionListener::DeviceDescriptionReceived(CPDiscoveryManager& manager,
   BindToInterface(*http_info, *device);
   CompleteFromRequest(request, *http_info, *device);
   boost::shared_ptr<Device> existing;
-  switch (ListDevice(device, existing)) {
+  std::list<boost::shared_ptr<Device>> listed;
+  switch (ListDevice(device, existing, listed)) {
     case Listing::kListed:
-      PopulateServiceDescription(manager, device);
+      PopulateServiceDescription(manager, listed);
       return;
     case Listing::kKnownAlready:
       CheckEmbeddedDeviceExistance(manager, request.udn, existing);
@@ -371,18 +373,18 @@ boost::shared_ptr<Device> DescriptionListener::ReadDescription(utils::HTTPInfo* 
 }
 
 // Whatever becomes of a device, those embedded in it are asked for all the same.
-void DescriptionListener::PopulateServiceDescription(CPDiscoveryManager& manager,
-                                                     const boost::shared_ptr<Device>& device) {
-  std::vector<boost::shared_ptr<Device>> waiting(1, device);
-  while (!waiting.empty()) {
-    const boost::shared_ptr<Device> next = waiting.back();
-    waiting.pop_back();
+void DescriptionListener::PopulateServiceDescription(
+    CPDiscoveryManager& manager, const std::list<boost::shared_ptr<Device>>& listed) {
+  for (const boost::shared_ptr<Device>& device : listed) {
     int requests = 0;
-    if (DescribeServices(manager, next, requests)) {
-      if (requests == 0) manager.NotifyDeviceReady(next);
+    try {
+      if (!DescribeServices(manager, device, requests)) continue;
+      if (requests == 0) manager.NotifyDeviceReady(device);
       VEX_LOG(kLogStep, kTag, "Sent request for %d services", requests);
+    } catch (...) {
+      LogCurrentException(VEX_LOG_SITE, kLogMajor, kTag, "Exception: %s", "Unknown Exception");
+      manager.LoseDevice(device->udn);
     }
-    waiting.insert(waiting.end(), next->embedded_devices.rbegin(), next->embedded_devices.rend());
   }
 }
 

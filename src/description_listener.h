@@ -1,6 +1,7 @@
 #ifndef VEXUPNPCP_SRC_DESCRIPTION_LISTENER_H_
 #define VEXUPNPCP_SRC_DESCRIPTION_LISTENER_H_
 
+#include <list>
 #include <string>
 
 #include <boost/shared_ptr.hpp>
@@ -56,7 +57,7 @@ class DescriptionListener : public network_layer::ResponseListener {
   int GetServiceDescription(CPDiscoveryManager& manager, const boost::shared_ptr<Device>& device,
                             int& requests);
   void PopulateServiceDescription(CPDiscoveryManager& manager,
-                                  const boost::shared_ptr<Device>& device);
+                                  const std::list<boost::shared_ptr<Device>>& listed);
   bool DescribeServices(CPDiscoveryManager& manager, const boost::shared_ptr<Device>& device,
                         int& requests);
   void CheckEmbeddedDeviceExistance(CPDiscoveryManager& manager, const std::string& udn,

@@ -58,10 +58,16 @@ void DropUnlisted(const DeviceList& list, const DevicePtr& root, std::list<Devic
   }
 }
 
-}  // namespace
+// Its place in `listed` comes first, so that what is listed can always be taken back.
+bool AddAndNote(DeviceList& list, DevicePtr& device, std::list<DevicePtr>& listed) {
+  listed.push_back(device);
+  if (list.Add(device)) return true;
+  listed.pop_back();
+  return false;
+}
 
-bool ListDeviceHierarchy(DeviceList& list, DevicePtr& root, std::list<DevicePtr>& dropped) {
-  if (!list.Add(root)) return false;
+void ListEmbedded(DeviceList& list, const DevicePtr& root, std::list<DevicePtr>& dropped,
+                  std::list<DevicePtr>& listed) {
   std::vector<Embedded> waiting;
   PushChildren(*root, waiting);
   while (!waiting.empty()) {
@@ -71,11 +77,24 @@ bool ListDeviceHierarchy(DeviceList& list, DevicePtr& root, std::list<DevicePtr>
       VEX_LOG(kLogStep, kTag, "interface name not avaliable..NULL");
     }
     CompleteFromParent(*next.device, *next.parent);
-    if (!list.Add(next.device)) {
+    if (!AddAndNote(list, next.device, listed)) {
       DropUnlisted(list, root, dropped);
       break;
     }
     PushChildren(*next.device, waiting);
+  }
+}
+
+}  // namespace
+
+bool ListDeviceHierarchy(DeviceList& list, DevicePtr& root, std::list<DevicePtr>& dropped,
+                         std::list<DevicePtr>& listed) {
+  if (!AddAndNote(list, root, listed)) return false;
+  try {
+    ListEmbedded(list, root, dropped, listed);
+  } catch (...) {
+    for (const DevicePtr& device : listed) list.Remove(device);
+    throw;
   }
   return true;
 }

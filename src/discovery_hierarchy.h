@@ -18,9 +18,10 @@ namespace cp_discovery {
 // Lists a root device and every device embedded in it, parents first, after completing the embedded
 // ones from their parents. With the device list's mutex held. False when there is no room for the
 // root; embedded devices without room leave the tree and go to `dropped`, to be destroyed when the
-// mutex has been released.
+// mutex has been released. `listed` receives what was listed. When it throws, nothing is listed.
 bool ListDeviceHierarchy(DeviceList& list, boost::shared_ptr<Device>& root,
-                         std::list<boost::shared_ptr<Device>>& dropped);
+                         std::list<boost::shared_ptr<Device>>& dropped,
+                         std::list<boost::shared_ptr<Device>>& listed);
 
 // The first device below `root`, parents first, that has this key; null without one.
 boost::shared_ptr<Device> FindEmbeddedDevice(const boost::shared_ptr<Device>& root,

@@ -2,10 +2,13 @@
 
 #include <gmock/gmock.h>
 
+#include <list>
+#include <new>
 #include <string>
 #include <vector>
 
 #include "base/limits.h"
+#include "tests/support/fail_alloc.h"
 #include "tests/support/log_capture.h"
 
 namespace vex_upnp {
@@ -38,6 +41,7 @@ class Hierarchy : public testing::Test {
 
   const boost::shared_ptr<DeviceList> list_ = DeviceList::GetInstance();
   std::list<DevicePtr> dropped_;
+  std::list<DevicePtr> listed_;
 };
 
 TEST_F(Hierarchy, EmbeddedDevicesAreCompletedFromTheirParents) {
@@ -50,7 +54,7 @@ TEST_F(Hierarchy, EmbeddedDevicesAreCompletedFromTheirParents) {
   root->description_url = "http://10.0.0.9:80/d.xml";
   root->url_base = "http://other/";
   root->description_xml.reset(new std::string("<root/>"));
-  ASSERT_TRUE(ListDeviceHierarchy(*list_, root, dropped_));
+  ASSERT_TRUE(ListDeviceHierarchy(*list_, root, dropped_, listed_));
   EXPECT_THAT(Keys(), ElementsAre("root+eth0", "one+eth0", "deep+eth0"));
   const DevicePtr deep = list_->IsDeviceAdded("deep+eth0");
   EXPECT_EQ("10.0.0.1", deep->interface_ip);
@@ -68,7 +72,7 @@ TEST_F(Hierarchy, EmbeddedDevicesAreCompletedFromTheirParents) {
 TEST_F(Hierarchy, WithoutAnInterfaceTheKeysStayBare) {
   vex_test::LogCapture log;
   DevicePtr root = MakeDevice("root", {MakeDevice("one", {MakeDevice("deep")})});
-  ASSERT_TRUE(ListDeviceHierarchy(*list_, root, dropped_));
+  ASSERT_TRUE(ListDeviceHierarchy(*list_, root, dropped_, listed_));
   EXPECT_THAT(Keys(), ElementsAre("root", "one", "deep"));
   // Of the first level nothing is said.
   EXPECT_EQ(1, log.Count(4, "VEX_CORE_CPDISCOVERY", "interface name not avaliable..NULL"));
@@ -77,7 +81,7 @@ TEST_F(Hierarchy, WithoutAnInterfaceTheKeysStayBare) {
 TEST_F(Hierarchy, ParentsStandBeforeTheirChildrenAndSiblingsInOrder) {
   DevicePtr root = MakeDevice(
       "0", {MakeDevice("1", {MakeDevice("2"), MakeDevice("3")}), MakeDevice("4"), MakeDevice("5")});
-  ASSERT_TRUE(ListDeviceHierarchy(*list_, root, dropped_));
+  ASSERT_TRUE(ListDeviceHierarchy(*list_, root, dropped_, listed_));
   EXPECT_THAT(Keys(), ElementsAre("0", "1", "2", "3", "4", "5"));
 }
 
@@ -88,12 +92,33 @@ TEST_F(Hierarchy, WhatHasNoRoomLeavesTheTree) {
   }
   DevicePtr root =
       MakeDevice("0", {MakeDevice("1", {MakeDevice("2"), MakeDevice("3")}), MakeDevice("4")});
-  ASSERT_TRUE(ListDeviceHierarchy(*list_, root, dropped_));
+  ASSERT_TRUE(ListDeviceHierarchy(*list_, root, dropped_, listed_));
   EXPECT_EQ(1U, root->embedded_devices.size());
   EXPECT_EQ(1U, root->embedded_devices.front()->embedded_devices.size());
   EXPECT_EQ(2U, dropped_.size());
   DevicePtr late = MakeDevice("late");
-  EXPECT_FALSE(ListDeviceHierarchy(*list_, late, dropped_));
+  EXPECT_FALSE(ListDeviceHierarchy(*list_, late, dropped_, listed_));
+}
+
+// A device with half of its places could never be removed, and none like it ever be listed.
+TEST_F(Hierarchy, RegressionWithoutMemoryNothingIsListed) {
+  const int failures = vex_test::EachAllocationFails(
+      [this] {
+        try {
+          std::list<DevicePtr> dropped;
+          std::list<DevicePtr> listed;
+          DevicePtr root = MakeDevice("0", {MakeDevice("1", {MakeDevice("2")}), MakeDevice("3")});
+          ListDeviceHierarchy(*list_, root, dropped, listed);
+        } catch (const std::bad_alloc&) {
+        }
+      },
+      [this](bool failed) {
+        EXPECT_EQ(failed ? 0U : 4U, Keys().size());
+        for (const char* const key : {"0", "1", "2", "3"}) {
+          EXPECT_EQ(!failed, list_->IsDeviceAdded(key) != nullptr);
+        }
+      });
+  EXPECT_GT(failures, 8);
 }
 
 TEST_F(Hierarchy, FindsTheFirstBelowTheRoot) {
