@@ -40,6 +40,12 @@ endfunction()
 if(VEX_BUILD_TESTS)
   vex_test_program(unit_tests tests/unit)
   vex_test_program(scenario_tests tests/scenario ${CMAKE_CURRENT_SOURCE_DIR}/tools/in_netns)
+  # Some of them need a device that is a process of its own.
+  if(TARGET scenario_tests AND TARGET vexsim)
+    add_dependencies(scenario_tests vexsim)
+    set_source_files_properties(tests/scenario/fault_process_test.cpp PROPERTIES
+                                COMPILE_DEFINITIONS VEX_HAVE_VEXSIM)
+  endif()
   # Many threads at once, for as long as VEX_STRESS_SECONDS says.
   file(GLOB VEX_STRESS_SOURCES CONFIGURE_DEPENDS tests/stress/*.cpp)
   add_executable(stress_tests ${VEX_STRESS_SOURCES})
