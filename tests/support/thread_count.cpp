@@ -40,7 +40,8 @@ bool HasEnded(const std::string& thread) {
 
 int ThreadCount() {
   const std::vector<std::string> threads = Entries("/proc/self/task");
-  return static_cast<int>(threads.size() - std::count_if(threads.begin(), threads.end(), HasEnded));
+  return static_cast<int>(std::count_if(
+      threads.begin(), threads.end(), [](const std::string& thread) { return !HasEnded(thread); }));
 }
 
 // The listing itself uses one.
