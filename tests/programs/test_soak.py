@@ -4,6 +4,7 @@ import argparse
 import csv
 import json
 import os
+import signal
 import subprocess
 import sys
 import tempfile
@@ -16,8 +17,8 @@ sys.path.insert(0, SOAK)
 import run as soak_run  # noqa: E402
 
 
-def options(out, hours):
-    return argparse.Namespace(hours=hours, build=BINARY_DIR, out=out, devices=20, speed=8.0,
+def options(out, hours, build=BINARY_DIR):
+    return argparse.Namespace(hours=hours, build=build, out=out, devices=20, speed=8.0,
                               rate=40, seed=1, malloc="plain")
 
 
@@ -89,6 +90,89 @@ class SoakTest(unittest.TestCase):
             soak.run()
         self.assertTrue(any("told change 62 behind 60" in failure for failure in soak.failures),
                         soak.failures)
+
+
+def children():
+    """The processes that this one has started and not yet seen the end of."""
+    found = set()
+    for task in os.listdir("/proc/self/task"):
+        try:
+            with open("/proc/self/task/%s/children" % task, encoding="ascii") as file:
+                found.update(file.read().split())
+        except FileNotFoundError:
+            pass  # The thread has ended.
+    return found
+
+
+class FailedStartTest(unittest.TestCase):
+    """Whatever does not start, nothing of what did start before it is left."""
+
+    def setUp(self):
+        for name in ("build", "out", "work"):
+            folder = tempfile.TemporaryDirectory()
+            self.addCleanup(folder.cleanup)
+            setattr(self, name, folder.name)
+        self.before = children()
+
+    def program(self, name, text=None):
+        """The real one, or a script."""
+        path = os.path.join(self.build, name)
+        if text is None:
+            os.symlink(os.path.join(BINARY_DIR, name), path)
+            return
+        with open(path, "w", encoding="ascii") as file:
+            file.write("#!/bin/sh\n" + text)
+        os.chmod(path, 0o755)
+
+    def soak(self):
+        return soak_run.Soak(options(self.out, 0.0005, self.build), self.work)
+
+    def assert_nothing_is_left(self):
+        self.assertEqual(set(), children() - self.before)
+
+    def test_without_a_host_the_house_ends(self):
+        self.program("vexsim")
+        with self.assertRaises(FileNotFoundError):
+            self.soak()
+        self.assert_nothing_is_left()
+
+    def test_a_host_that_ends_at_once_takes_the_house_with_it(self):
+        self.program("vexsim")
+        self.program("soak_host", "exit 3\n")
+        soak = self.soak()
+        self.assertNotEqual(set(), children() - self.before)
+        with self.assertRaisesRegex(RuntimeError, "did not start"):
+            soak.run()
+        self.assert_nothing_is_left()
+
+    def test_a_host_that_is_killed_while_it_lives_is_told_and_nothing_is_left(self):
+        soak = in_a_quiet_house(self.out, 0.002, self.work)
+        soak.house._change = soak.host.process.kill
+        soak.run()
+        self.assertTrue(any("ended by itself" in failure for failure in soak.failures),
+                        soak.failures)
+        self.assert_nothing_is_left()
+
+    def test_a_house_of_which_a_part_does_not_come_up_ends(self):
+        # The first process is the real one, and each later one ends without a word.
+        self.program("vexsim", 'mkdir "%s/first" 2>/dev/null && exec "%s" "$@"\n' % (
+            self.build, os.path.join(BINARY_DIR, "vexsim")))
+        with self.assertRaises((BrokenPipeError, ValueError)):
+            self.soak()
+        self.assert_nothing_is_left()
+
+    def test_what_fails_in_the_middle_leaves_nothing(self):
+        soak = in_a_quiet_house(self.out, 0.002, self.work)
+
+        def change():
+            soak.house.sleeper.process.send_signal(signal.SIGSTOP)
+            soak.house.sleeper.stopped = True
+            raise RuntimeError("in the middle")
+
+        soak.house._change = change
+        with self.assertRaisesRegex(RuntimeError, "in the middle"):
+            soak.run()
+        self.assert_nothing_is_left()
 
 
 class JudgementTest(unittest.TestCase):

@@ -8,6 +8,8 @@ import subprocess
 import threading
 import time
 
+from simulated_house import end_process
+
 # The thresholds are glibc's first ones, which it raises when a large block is freed.
 PLAIN_MALLOC = ("glibc.malloc.arena_max=1:glibc.malloc.tcache_count=0:"
                 "glibc.malloc.mmap_threshold=131072:glibc.malloc.trim_threshold=131072")
@@ -47,8 +49,11 @@ class HostProcess:
         self.answers.put({"e": "over"})
 
     def tell(self, command):
-        self.process.stdin.write(command + "\n")
-        self.process.stdin.flush()
+        try:
+            self.process.stdin.write(command + "\n")
+            self.process.stdin.flush()
+        except BrokenPipeError:
+            pass  # It has ended, which the reader tells.
 
     def ask(self, command, limit):
         """The answer, or None when none comes in time."""
@@ -69,14 +74,49 @@ class HostProcess:
             self.process.kill()
             return None
 
+    def end(self):
+        """Ends the process in whatever state it is; behind it nothing of it is left."""
+        self.process.kill()
+        self._reader.join()
+        end_process(self.process)
+
+
+SIZE = re.compile(r"^(Rss|Pss|Private_Dirty):\s+(\d+)")
+MAPPING = re.compile(r"^([0-9a-f]+)-([0-9a-f]+) (....) \S+ \S+ \S+\s*(.*)$")
+PAGE = 4096
+
+
+def mappings(pid):
+    """The resident memory of a process in KiB, by what it is mapped for."""
+    sizes = {"rss_kib": 0, "pss_kib": 0, "private_dirty_kib": 0, "heap_kib": 0, "stacks_kib": 0,
+             "files_kib": 0, "blocks_kib": 0}
+    guard = None
+    kind = ""
+    with open("/proc/%d/smaps" % pid, encoding="ascii") as file:
+        for line in file:
+            begins = MAPPING.match(line)
+            if begins:
+                first, last = int(begins[1], 16), int(begins[2], 16)
+                if begins[4] == "[heap]":
+                    kind = "heap_kib"
+                elif begins[4] == "[stack]" or guard == first:
+                    kind = "stacks_kib"
+                else:
+                    kind = "files_kib" if begins[4] else "blocks_kib"
+                # A thread's stack lies above a page that nobody may touch.
+                guard = last if begins[3] == "---p" and last - first == PAGE else None
+                continue
+            size = SIZE.match(line)
+            if size:
+                sizes[size[1].lower() + "_kib"] += int(size[2])
+                if size[1] == "Rss":
+                    sizes[kind] += int(size[2])
+    return sizes
+
 
 def measure(pid):
     """Memory in KiB, descriptors, threads and used processor time in s of a process."""
-    with open("/proc/%d/smaps_rollup" % pid, encoding="ascii") as file:
-        text = file.read()
-    values = {}
-    for name, field in (("rss_kib", "Rss"), ("pss_kib", "Pss"), ("private_dirty_kib", "Private_Dirty")):
-        values[name] = int(re.search(r"^%s:\s+(\d+)" % field, text, re.M)[1])
+    values = mappings(pid)
     values["descriptors"] = len(os.listdir("/proc/%d/fd" % pid))
     values["threads"] = len(os.listdir("/proc/%d/task" % pid))
     with open("/proc/%d/stat" % pid, encoding="ascii") as file:
@@ -142,7 +182,7 @@ class Guest(threading.Thread):
 
     def stop(self):
         self.ended.set()
+        # A fetch that is under way ends; one that hangs ends with its process.
         self.join(60)
-        self.process.stdin.close()
-        self.process.wait(20)
-        self.process.stdout.close()
+        end_process(self.process)
+        self.join()

@@ -23,6 +23,7 @@ import csv
 import hashlib
 import json
 import os
+import signal
 import statistics
 import subprocess
 import sys
@@ -45,8 +46,9 @@ SPAN_S = 120
 LARGEST_GROWTH = 0.01
 # Of the bytes in use, far fewer, which go up and down with every description and transfer.
 LARGEST_HEAP_GROWTH = 0.05
-COLUMNS = ("t_s", "rss_kib", "pss_kib", "private_dirty_kib", "heap_used_kib", "heap_free_kib",
-           "descriptors", "threads", "cpu_s",
+COLUMNS = ("t_s", "rss_kib", "pss_kib", "private_dirty_kib", "heap_kib", "stacks_kib",
+           "files_kib", "blocks_kib", "heap_used_kib", "heap_free_kib", "descriptors", "threads",
+           "cpu_s",
            "devices", "actions", "action_p50_us", "action_p95_us", "action_p99_us",
            "action_max_us", "events", "event_p50_us", "event_p95_us", "event_p99_us",
            "event_max_us", "joins", "join_p50_us", "join_p95_us", "join_p99_us", "join_max_us",
@@ -81,13 +83,18 @@ class Soak:
                                     options.seed)
         with open(self.house.media_file, "rb") as file:
             self.digest = hashlib.sha256(file.read()).hexdigest()
-        self.host = HostProcess(options.build, self.house.media_file, options.rate,
-                                options.malloc)
+        try:
+            self.host = HostProcess(options.build, self.house.media_file, options.rate,
+                                    options.malloc)
+        except OSError:
+            self.house.kill()
+            raise
         self.house.is_gone = self.host.is_gone
         self.house.on_join = lambda device, begun: self.joins.joined(device.udn, begun)
         self.host.on_added = self.joins.added
         self.last = {}
         self.guest = None
+        self.started = False
 
     def fail(self, text):
         self.failures.append(text)
@@ -101,6 +108,7 @@ class Soak:
         answer = self.host.ask("go", 30)
         if answer is None or answer["e"] != "started":
             raise RuntimeError("the host did not start: %s" % answer)
+        self.started = True
         self.begun = time.monotonic()
         helper = on_devices([sys.executable, os.path.abspath(__file__), "--fetch"])
         self.guest = Guest(helper, "http://%s:%d/file" % (HERE, answer["port"]), self.digest,
@@ -183,12 +191,18 @@ class Soak:
         self.checkpoint()
 
     def stop(self):
-        self.guest.stop()
-        for bad in self.guest.bad:
-            self.fail("a served file did not come whole, " + bad)
-        if self.host.process.poll() is None:
-            self.end_host()
-        self.house.end()
+        """Lets all come to its end; what fails to, is killed, and so nothing stays behind."""
+        try:
+            if self.guest is not None:
+                self.guest.stop()
+                for bad in self.guest.bad:
+                    self.fail("a served file did not come whole, " + bad)
+            if self.started and self.host.process.poll() is None:
+                self.end_host()
+            self.house.end()
+        finally:
+            self.host.end()
+            self.house.kill()
 
     def end_host(self):
         answer = self.host.ask("stop", 90)
@@ -215,8 +229,8 @@ class Soak:
         with open(path, "w", encoding="ascii", newline="") as self.file:
             self.writer = csv.DictWriter(self.file, COLUMNS, lineterminator="\n")
             self.writer.writeheader()
-            self.start()
             try:
+                self.start()
                 self.live()
             finally:
                 self.stop()
@@ -295,6 +309,8 @@ def main():
     options = parser.parse_args()
     if "ON_DEVICES" not in os.environ:
         sys.exit("run.py: to be started by tools/two_hosts")
+    # Ends like any other failure, behind itself all that it started.
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
     os.makedirs(options.out, exist_ok=True)
     with tempfile.TemporaryDirectory() as work:
         soak = Soak(options, work)

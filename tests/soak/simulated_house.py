@@ -25,6 +25,17 @@ def on_devices(arguments):
     return shlex.split(os.environ["ON_DEVICES"]) + arguments
 
 
+def end_process(process):
+    """Kills a process, unless it has ended, and closes what led to it."""
+    process.kill()
+    process.wait()
+    try:
+        process.stdin.close()
+    except BrokenPipeError:
+        pass  # What was still to be written has nobody to read it.
+    process.stdout.close()
+
+
 class Device:
     def __init__(self, simulator, entry):
         self.simulator = simulator
@@ -52,10 +63,14 @@ class Simulator:
                    "--announce-interval", "60"]
         self.process = subprocess.Popen(on_devices(command), stdin=subprocess.PIPE,
                                         stdout=subprocess.PIPE, text=True)
-        self.process.stdout.readline()
-        self.ask("events timeout=%d" % SUBSCRIPTION_S)
         self.devices = []
-        self.note_new()
+        try:
+            self.process.stdout.readline()
+            self.ask("events timeout=%d" % SUBSCRIPTION_S)
+            self.note_new()
+        except BaseException:
+            self.kill()
+            raise
 
     def ask(self, command):
         self.process.stdin.write(command + "\n")
@@ -100,13 +115,18 @@ class Simulator:
         """How: "byebye", "silent" or "killed"."""
         for device in self.devices:
             device.alive = False
-        if how == "byebye":
-            self.ask("remove all")
-        if how == "killed":
-            self.process.kill()
-        self.process.stdin.close()
-        self.process.wait(20)
-        self.process.stdout.close()
+        try:
+            if how == "byebye":
+                self.ask("remove all")
+            if how != "killed":
+                self.process.stdin.close()
+                self.process.wait(20)
+        finally:
+            self.kill()
+
+    def kill(self):
+        """Whatever state it is in; it may have ended already."""
+        end_process(self.process)
 
 
 class SimulatedHouse:
@@ -118,22 +138,30 @@ class SimulatedHouse:
         self.random = random.Random(seed)
         self.on_join = lambda device, begun: None
         self.is_gone = lambda udn: False
-        self._make_media_folder(work)
-        self.home = self._process("home", size * 40 // 100)
-        self.sleeper = self._process("sleeper", size * 10 // 100, ("lamp", "generated"))
-        self.rooms = self._process("rooms", size * 30 // 100)
+        self.home = self.sleeper = self.rooms = None
         self.guests = []
         self.guest_size = max(size * 5 // 100, 1)
         # The kind of the device that moved out of the rooms last.
         self._empty_place = None
         self._guest_number = 0
-        for _ in range(4):
-            self._invite()
+        self._make_media_folder(work)
+        try:
+            self._people(size)
+        except BaseException:
+            self.kill()
+            raise
         now = time.monotonic()
         self._due = {"change": now, "room": now, "guest": now, "stop": now}
         self._wake_at = None
         self.events = {"joined": 0, "byebye": 0, "died": 0, "revived": 0, "stopped": 0,
                        "changes": 0}
+
+    def _people(self, size):
+        self.home = self._process("home", size * 40 // 100)
+        self.sleeper = self._process("sleeper", size * 10 // 100, ("lamp", "generated"))
+        self.rooms = self._process("rooms", size * 30 // 100)
+        for _ in range(4):
+            self._invite()
 
     def _make_media_folder(self, work):
         """The media server's folder with a file of some blocks, and the file by itself."""
@@ -147,8 +175,12 @@ class SimulatedHouse:
 
     def _process(self, seed, size, kinds=KINDS):
         simulator = Simulator(self, seed)
-        for number in range(1, size):
-            simulator.add(kinds[number % len(kinds)])
+        try:
+            for number in range(1, size):
+                simulator.add(kinds[number % len(kinds)])
+        except BaseException:
+            simulator.kill()
+            raise
         return simulator
 
     def _invite(self):
@@ -161,7 +193,8 @@ class SimulatedHouse:
         self.on_join(device, begun)
 
     def simulators(self):
-        return [self.home, self.sleeper, self.rooms] + self.guests
+        own = [self.home, self.sleeper, self.rooms]
+        return [simulator for simulator in own + self.guests if simulator is not None]
 
     def alive(self):
         return [device for simulator in self.simulators() for device in simulator.devices
@@ -236,6 +269,14 @@ class SimulatedHouse:
         self._wake(now=True)
 
     def end(self):
-        self.rest()
+        try:
+            self.rest()
+            for simulator in self.simulators():
+                simulator.end("silent")
+        finally:
+            self.kill()
+
+    def kill(self):
+        """What still runs, in whatever state."""
         for simulator in self.simulators():
-            simulator.end("silent")
+            simulator.kill()
