@@ -22,26 +22,25 @@ std::vector<std::string> Entries(const char* folder) {
   return names;
 }
 
-// Whether the kernel still lists a thread that is on its way out or gone. A join returns once
-// that way has begun, so only this tells a joined thread from one that runs.
-bool HasEnded(const std::string& thread) {
+// False for a thread that is on its way out or gone. A join returns once that way has begun, and
+// the kernel lists the thread until it has come to its end.
+bool IsRunning(const std::string& thread) {
   constexpr unsigned kExiting = 0x4;  // PF_EXITING of the kernel's flags
   std::string stat;
-  if (!std::getline(std::ifstream("/proc/self/task/" + thread + "/stat"), stat)) return true;
+  if (!std::getline(std::ifstream("/proc/self/task/" + thread + "/stat"), stat)) return false;
   std::istringstream behind_name(stat.substr(stat.rfind(')') + 1));
   std::string skipped;
   for (int i = 0; i < 6; ++i) behind_name >> skipped;  // from the state to the terminal's group
   unsigned flags = 0;
   behind_name >> flags;
-  return (flags & kExiting) != 0;
+  return (flags & kExiting) == 0;
 }
 
 }  // namespace
 
 int ThreadCount() {
   const std::vector<std::string> threads = Entries("/proc/self/task");
-  return static_cast<int>(std::count_if(
-      threads.begin(), threads.end(), [](const std::string& thread) { return !HasEnded(thread); }));
+  return static_cast<int>(std::count_if(threads.begin(), threads.end(), IsRunning));
 }
 
 // The listing itself uses one.
