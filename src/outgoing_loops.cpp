@@ -50,7 +50,7 @@ void OutgoingLoops::Join() {
 }
 
 OutgoingLoops::Loop& OutgoingLoops::Idle() {
-  if (running_ == loops_.size()) loops_.emplace_back(new Loop);
+  if (running_ == loops_.size()) loops_.push_back(std::unique_ptr<Loop>(new Loop));
   return *loops_[running_];
 }
 

@@ -135,8 +135,8 @@ void IncomingSession::CallbackRead(const error_code& error, std::size_t bytes) {
 }
 
 void IncomingSession::__HandleRequest() {
-  ReqHeaderInfo* const request = FormRequestHeaderInfo(http_info_);
-  if (request == nullptr) {
+  RequestRecord request = FormRequestHeaderInfo(http_info_);
+  if (!request) {
     VEX_LOG(kLogMajor, kTagStreaming, "Alloc Failure!");
     RegisterWriteWithErrorCode(HTTP_INTERNAL_ERROR);
     return;
@@ -144,10 +144,10 @@ void IncomingSession::__HandleRequest() {
   request_type_ = request->request_type;
   const bool reads_body = request->request_type == utils::HTTP_POST && request->expect == nullptr;
   unsigned int length = 0;
-  char* const body = http_info_->GetBody(length);
+  FreePtr<char> body = TakeBody(*http_info_, length);
   const bool final = http_info_->GetState() == utils::MESSAGE_COMPLETE;
   __RememberPeer();
-  callbacks_.on_request(server_id_, session_id_, request, body, length, final);
+  callbacks_.on_request(server_id_, session_id_, request.release(), body.release(), length, final);
   bool answered = false;
   {
     boost::lock_guard<boost::mutex> lock(response_mutex_);
@@ -181,9 +181,9 @@ void IncomingSession::DataRecvdCallback(const error_code& error, std::size_t byt
   }
   if (!__Parse(bytes)) return;
   unsigned int length = 0;
-  char* const data = http_info_->GetBody(length);
+  FreePtr<char> data = TakeBody(*http_info_, length);
   const bool final = http_info_->GetState() == utils::MESSAGE_COMPLETE;
-  callbacks_.on_data(server_id_, session_id_, data, length, final);
+  callbacks_.on_data(server_id_, session_id_, data.release(), length, final);
   if (final_) {
     __WriteResponse(kAfterData);
   } else if (alive_ && !final) {

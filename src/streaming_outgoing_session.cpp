@@ -318,21 +318,21 @@ void OutgoingSession::CallbackRead(const error_code& error, std::size_t bytes) {
     return;
   }
   header_read_ = true;
-  ResHeaderInfo* const header = FormResponseHeaderInfo(http_info_);
-  if (header == nullptr) {
+  ResponseRecord header = FormResponseHeaderInfo(http_info_);
+  if (!header) {
     VEX_LOG(kLogMajor, kTagStreaming, "Alloc Failure!");
     ShutDown();
     __Fail(STREAMING_OUT_OF_MEMORY);
   } else if (header->status_code == HTTP_CONTINUE) {
-    __HandleContinue(header, gone);
+    __HandleContinue(std::move(header), gone);
   } else {
-    __HandleResponse(header, gone);
+    __HandleResponse(std::move(header), gone);
   }
 }
 
-void OutgoingSession::__HandleContinue(ResHeaderInfo* header, bool gone) {
+void OutgoingSession::__HandleContinue(ResponseRecord header, bool gone) {
   got_continue_ = true;
-  callbacks_->on_response(client_handler_id_, session_id_, header, nullptr, 0, true);
+  callbacks_->on_response(client_handler_id_, session_id_, header.release(), nullptr, 0, true);
   if (!gone || !alive_) return;
   ShutDown();
   VEX_LOG(kLogMajor, kTagStreaming, "Exception 2: SOCKET_CLOSED");
@@ -349,13 +349,14 @@ void OutgoingSession::__SettleFraming(const ResHeaderInfo& header) {
   }
 }
 
-void OutgoingSession::__HandleResponse(ResHeaderInfo* header, bool gone) {
+void OutgoingSession::__HandleResponse(ResponseRecord header, bool gone) {
   __SettleFraming(*header);
   const bool final =
       http_info_->GetState() == utils::MESSAGE_COMPLETE || request_type_ == utils::HTTP_HEAD;
   unsigned int length = 0;
-  char* const body = http_info_->GetBody(length);
-  callbacks_->on_response(client_handler_id_, session_id_, header, body, length, final);
+  FreePtr<char> body = TakeBody(*http_info_, length);
+  callbacks_->on_response(client_handler_id_, session_id_, header.release(), body.release(), length,
+                          final);
   if (!alive_) return;
   if (!final && !gone) {
     __ReadBody();
@@ -385,21 +386,18 @@ void OutgoingSession::DataRecvdCallback(const error_code& error, std::size_t byt
   }
   if (!__Parse(bytes)) return;
   unsigned int length = 0;
-  char* const data = http_info_->GetBody(length);
+  FreePtr<char> data = TakeBody(*http_info_, length);
   bool final = http_info_->GetState() == utils::MESSAGE_COMPLETE;
   if (end_of_file) {
     VEX_LOG(kLogStep, kTagStreaming, "EOF");
     // A body without a length ends with the connection, and only so.
     if (request_type_ == utils::HTTP_GET && !chunked_ && !has_length_) final = true;
   }
-  if (!alive_) {
-    std::free(data);
-    return;
-  }
+  if (!alive_) return;
   if (final || gone) {
     ShutDown();
     VEX_LOG(kLogMajor, kTagStreaming, "Exception 2: SOCKET_CLOSED");
-    callbacks_->on_data(client_handler_id_, session_id_, data, length, final);
+    callbacks_->on_data(client_handler_id_, session_id_, data.release(), length, final);
     if (final) {
       CompleteSession();
     } else if (alive_) {
@@ -407,7 +405,7 @@ void OutgoingSession::DataRecvdCallback(const error_code& error, std::size_t byt
     }
     return;
   }
-  callbacks_->on_data(client_handler_id_, session_id_, data, length, false);
+  callbacks_->on_data(client_handler_id_, session_id_, data.release(), length, false);
   if (!alive_) return;
   VEX_LOG(kLogDetail, kTagStreaming, "registering for async_read");
   // KEPT: waits for a whole block. It makes high rates cheap; a server that keeps the connection

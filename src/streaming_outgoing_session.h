@@ -14,6 +14,7 @@
 
 #include "base/host_memory.h"
 #include "src/streaming_socket.h"
+#include "src/streaming_utils.h"
 
 namespace vex_upnp {
 namespace streaming {
@@ -72,8 +73,8 @@ class OutgoingSession : public VEXUncopyable,
   bool __Parse(std::size_t bytes);
   bool __HandOver(std::size_t bytes);
   void __SettleFraming(const ResHeaderInfo& header);
-  void __HandleContinue(ResHeaderInfo* header, bool gone);
-  void __HandleResponse(ResHeaderInfo* header, bool gone);
+  void __HandleContinue(ResponseRecord header, bool gone);
+  void __HandleResponse(ResponseRecord header, bool gone);
   void __Fail(int code);
   void ShutDown();
 

@@ -210,21 +210,24 @@ int OutgoingSyncSession::__Parse(std::size_t bytes) {
 int OutgoingSyncSession::__TakeHeader(ResHeaderInfo** header, void** body, unsigned int& length,
                                       bool& final) {
   header_read_ = true;
-  *header = FormResponseHeaderInfo(http_info_);
-  if (*header == nullptr) {
+  ResponseRecord record = FormResponseHeaderInfo(http_info_);
+  if (!record) {
+    *header = nullptr;
     VEX_LOG(kLogMajor, kTagStreaming, "Alloc Failure!");
     ShutDown();
     CompleteSession();
     return result::kStreamingOutOfMemory;
   }
-  if ((*header)->status_code == HTTP_CONTINUE) {
+  if (record->status_code == HTTP_CONTINUE) {
     got_continue_ = true;
+    *header = record.release();
     *body = nullptr;
     length = 0;
     final = true;
     return result::kOk;
   }
-  *body = http_info_->GetBody(length);
+  *body = TakeBody(*http_info_, length).release();
+  *header = record.release();
   if (http_info_->GetState() == utils::MESSAGE_COMPLETE) final = true;
   return result::kOk;
 }
@@ -265,7 +268,7 @@ int OutgoingSyncSession::ReadData(void** data, unsigned int& length, bool& final
   }
   const int parsed = __Parse(bytes);
   if (parsed != result::kOk) return parsed;
-  *data = http_info_->GetBody(length);
+  *data = TakeBody(*http_info_, length).release();
   if (http_info_->GetState() == utils::MESSAGE_COMPLETE) final = true;
   return result::kOk;
 }

@@ -312,36 +312,45 @@ void FormAdditionalHeaders(std::vector<NameValue*>& headers, stArgument** additi
   *additional = head;
 }
 
-ReqHeaderInfo* FormRequestHeaderInfo(const boost::shared_ptr<HTTPInfo>& info) {
-  FreePtr<ReqHeaderInfo> request(static_cast<ReqHeaderInfo*>(std::malloc(sizeof(ReqHeaderInfo))));
-  if (!request) {
+namespace {
+
+template <typename Record>
+std::unique_ptr<Record, FreeHeader> MakeRecord(void (*initialize)(Record*)) {
+  std::unique_ptr<Record, FreeHeader> record;
+  Record* const block = static_cast<Record*>(std::malloc(sizeof(Record)));
+  if (block == nullptr) {
     VEX_LOG(kLogMajor, kTagStreaming, "ALLOC FAILURE!");
-    return nullptr;
+    return record;
   }
-  InitializeRequestHeaderInfo(request.get());
+  initialize(block);
+  record.reset(block);
+  return record;
+}
+
+}  // namespace
+
+RequestRecord FormRequestHeaderInfo(const boost::shared_ptr<HTTPInfo>& info) {
+  RequestRecord request = MakeRecord(InitializeRequestHeaderInfo);
+  if (!request) return request;
   request->request_type = info->GetRequestType();
   std::string uri;
   if (info->GetURI(uri) != result::kOk) {
     VEX_LOG(kLogMajor, kTagStreaming, "GetURI failed");
   } else {
     request->uri = utils::StringUtils::GetValue(uri);
-    if (request->uri == nullptr) return nullptr;
+    if (request->uri == nullptr) return RequestRecord();
   }
   request->http_version = IsVersion(*info, 1, 0) ? HTTP_1_0 : HTTP_1_1;
   std::vector<NameValue*> headers;
   info->GetHeader(headers);
   GetHeaderValues(headers, request.get());
   FormAdditionalHeaders(headers, &request->additional_headers);
-  return request.release();
+  return request;
 }
 
-ResHeaderInfo* FormResponseHeaderInfo(const boost::shared_ptr<HTTPInfo>& info) {
-  FreePtr<ResHeaderInfo> response(static_cast<ResHeaderInfo*>(std::malloc(sizeof(ResHeaderInfo))));
-  if (!response) {
-    VEX_LOG(kLogMajor, kTagStreaming, "ALLOC FAILURE!");
-    return nullptr;
-  }
-  InitializeResponseInfo(response.get());
+ResponseRecord FormResponseHeaderInfo(const boost::shared_ptr<HTTPInfo>& info) {
+  ResponseRecord response = MakeRecord(InitializeResponseInfo);
+  if (!response) return response;
   // KEPT: an unknown version counts as 1.0 here and as 1.1 in a request; hosts decide by it whether
   // a connection may stay open.
   response->http_version = IsVersion(*info, 1, 1) ? HTTP_1_1 : HTTP_1_0;
@@ -350,7 +359,13 @@ ResHeaderInfo* FormResponseHeaderInfo(const boost::shared_ptr<HTTPInfo>& info) {
   info->GetHeader(headers);
   GetHeaderValues(headers, response.get());
   FormAdditionalHeaders(headers, &response->additional_headers);
-  return response.release();
+  return response;
+}
+
+FreePtr<char> TakeBody(HTTPInfo& info, unsigned int& length) {
+  FreePtr<char> body(info.GetBody(length));
+  if (!body && length != 0) throw std::bad_alloc();
+  return body;
 }
 
 unsigned long long CalculateChunkedBufferLength(const unsigned int& length, const bool& final) {

@@ -1,12 +1,14 @@
 #ifndef VEXUPNPCP_SRC_STREAMING_UTILS_H_
 #define VEXUPNPCP_SRC_STREAMING_UTILS_H_
 
+#include <memory>
 #include <string>
 #include <vector>
 
 #include <boost/shared_ptr.hpp>
 
 #include <vexupnpcp/httpinfo.h>
+#include <vexupnpcp/streaming.h>
 #include <vexupnpcp/streaming_types.h>
 
 #include "base/host_memory.h"
@@ -28,10 +30,21 @@ int FormReqHeader(const ReqHeaderInfo*& request, std::string& out);
 // Replaces `out` by a response header. 0, or kStreamingInvalidParams.
 int FormResHeader(const ResHeaderInfo*& response, std::string& out);
 
-// Records from a parsed message, for the host; null without memory. FreeRequestHeader and
-// FreeResponseHeader of the public interface release them.
-ReqHeaderInfo* FormRequestHeaderInfo(const boost::shared_ptr<utils::HTTPInfo>& info);
-ResHeaderInfo* FormResponseHeaderInfo(const boost::shared_ptr<utils::HTTPInfo>& info);
+// What is on its way to the host: released by the host in the end, by these until it has it.
+struct FreeHeader {
+  void operator()(ReqHeaderInfo* request) const { FreeRequestHeader(request); }
+  void operator()(ResHeaderInfo* response) const { FreeResponseHeader(response); }
+};
+using RequestRecord = std::unique_ptr<ReqHeaderInfo, FreeHeader>;
+using ResponseRecord = std::unique_ptr<ResHeaderInfo, FreeHeader>;
+
+// Records from a parsed message; null, or std::bad_alloc, without memory.
+RequestRecord FormRequestHeaderInfo(const boost::shared_ptr<utils::HTTPInfo>& info);
+ResponseRecord FormResponseHeaderInfo(const boost::shared_ptr<utils::HTTPInfo>& info);
+
+// What has arrived of the body, null when nothing has. Throws std::bad_alloc: a host that is given
+// a length without its bytes would read from null.
+FreePtr<char> TakeBody(utils::HTTPInfo& info, unsigned int& length);
 
 // Move the known headers into the record and out of the list.
 void GetHeaderValues(std::vector<utils::NameValue*>& headers, ReqHeaderInfo* request);

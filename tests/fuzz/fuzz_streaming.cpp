@@ -69,13 +69,13 @@ bool Survives(const char* written, const char* read) {
 
 // A request that can be sent at all comes back as it was.
 void RoundTripRequest(const boost::shared_ptr<HTTPInfo>& info) {
-  st::ReqHeaderInfo* const request = st::FormRequestHeaderInfo(info);
+  st::ReqHeaderInfo* const request = st::FormRequestHeaderInfo(info).release();
   Demand(request != nullptr);
   const st::ReqHeaderInfo* record = request;
   std::string text;
   if (st::FormReqHeader(record, text) == result::kOk) {
     if (const boost::shared_ptr<HTTPInfo> again = Parse(text)) {
-      st::ReqHeaderInfo* const copy = st::FormRequestHeaderInfo(again);
+      st::ReqHeaderInfo* const copy = st::FormRequestHeaderInfo(again).release();
       Demand(copy->request_type == request->request_type);
       Demand(!FitIntoLines(request->additional_headers) ||
              (Survives(request->host, copy->host) &&
@@ -93,13 +93,13 @@ void RoundTripRequest(const boost::shared_ptr<HTTPInfo>& info) {
 }
 
 void RoundTripResponse(const boost::shared_ptr<HTTPInfo>& info) {
-  st::ResHeaderInfo* const response = st::FormResponseHeaderInfo(info);
+  st::ResHeaderInfo* const response = st::FormResponseHeaderInfo(info).release();
   Demand(response != nullptr);
   const st::ResHeaderInfo* record = response;
   std::string text;
   if (st::FormResHeader(record, text) == result::kOk) {
     if (const boost::shared_ptr<HTTPInfo> again = Parse(text)) {
-      st::ResHeaderInfo* const copy = st::FormResponseHeaderInfo(again);
+      st::ResHeaderInfo* const copy = st::FormResponseHeaderInfo(again).release();
       Demand(copy->status_code == response->status_code);
       Demand(!FitIntoLines(response->additional_headers) ||
              (Survives(response->server, copy->server) &&

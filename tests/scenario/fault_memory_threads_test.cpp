@@ -21,6 +21,7 @@
 #include "tests/support/host_rig.h"
 #include "tests/support/http_peer.h"
 #include "tests/support/media_host.h"
+#include "tests/support/no_failures.h"
 #include "tests/support/raw_socket.h"
 #include "tests/support/timing_scaled.h"
 #include "tests/support/wait_until.h"
@@ -30,26 +31,26 @@ namespace {
 using vex_test::FailOnLibraryThreads;
 using vex_test::HostLog;
 using vex_test::HttpPeer;
+using vex_test::NoFailures;
 using vex_test::PeerConnection;
 using vex_test::ScriptedDevice;
 using vex_test::ToldAction;
 using vex_test::WaitUntil;
-using vex_test::WithMemory;
 namespace streaming = vex_upnp::streaming;
 
 constexpr char kService[] = "RenderingControl";
 
 // The recording callbacks, with memory of their own.
 void OnAction(int id, errorcodes code, CPArgument* output, const char* description) {
-  const WithMemory with_memory;
+  const NoFailures no_failures;
   vex_test::RecordingCallbacks().action_callback(id, code, output, description);
 }
 void OnEvent(const char* udn, errorcodes code, CPArgument* variables) {
-  const WithMemory with_memory;
+  const NoFailures no_failures;
   vex_test::RecordingCallbacks().event_callback(udn, code, variables);
 }
 void OnDevice(int event, CPDeviceInfo* device) {
-  const WithMemory with_memory;
+  const NoFailures no_failures;
   vex_test::RecordingCallbacks().device_callback(event, device);
 }
 
@@ -75,7 +76,7 @@ class FaultMemoryThreads : public testing::Test {
     ASSERT_EQ(0, RegisterCP(&types, &callbacks, &handle_));
     name_ = rig_.Meet(device_);
     serving_.DoOnRequest([](const vex_test::MediaHost::Request& got) {
-      const WithMemory with_memory;
+      const NoFailures no_failures;
       const streaming::ResHeaderInfo response = vex_test::Response(200);
       streaming::SendHTTPResponse(got.server, got.session, &response, true);
     });

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdlib>
 #include <new>
+#include <utility>
 
 #include "base/io_threads.h"
 
@@ -88,7 +89,7 @@ FailAlloc::~FailAlloc() { countdown = 0; }
 
 bool FailAlloc::Failed() const { return has_failed; }
 
-void SuspendFailAlloc(bool suspended) { is_suspended = suspended; }
+bool SuspendFailAlloc(bool suspended) { return std::exchange(is_suspended, suspended); }
 
 FailOnLibraryThreads::FailOnLibraryThreads(unsigned period, unsigned seed) {
   library_seed = seed * 0x9e3779b9U;
@@ -100,9 +101,6 @@ FailOnLibraryThreads::FailOnLibraryThreads(unsigned period, unsigned seed) {
 FailOnLibraryThreads::~FailOnLibraryThreads() { library_period = 0; }
 
 unsigned FailOnLibraryThreads::Failures() const { return library_failures; }
-
-WithMemory::WithMemory() : was_suspended_(is_suspended) { is_suspended = true; }
-WithMemory::~WithMemory() { is_suspended = was_suspended_; }
 
 }  // namespace vex_test
 

@@ -19,8 +19,8 @@ class FailAlloc {
 };
 
 // For what the tests' own tools allocate meanwhile: allocations of this thread are neither failed
-// nor counted.
-void SuspendFailAlloc(bool suspended);
+// nor counted. Returns how it was before.
+bool SuspendFailAlloc(bool suspended);
 
 // From here to the end of the scope about one in `period` of the allocations that the library makes
 // on threads of its own fails; which ones, `seed` decides. One at a time in the process.
@@ -32,19 +32,6 @@ class FailOnLibraryThreads {
   ~FailOnLibraryThreads();
 
   unsigned Failures() const;
-};
-
-// For callbacks of a test, which run on the library's threads: to the end of the scope nothing is
-// failed on this thread.
-class WithMemory {
- public:
-  WithMemory();
-  WithMemory(const WithMemory&) = delete;
-  WithMemory& operator=(const WithMemory&) = delete;
-  ~WithMemory();
-
- private:
-  const bool was_suspended_;
 };
 
 // Runs `act` with its first allocation failing, then with its second, and so on, up to the run in

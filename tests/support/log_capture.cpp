@@ -7,26 +7,10 @@
 #include <cstdlib>
 #include <mutex>
 
+#include "tests/support/no_failures.h"
+
 namespace vex_test {
-
-// Only there in programs in which allocations can fail.
-__attribute__((weak)) void SuspendFailAlloc(bool suspended);
-
 namespace {
-
-// What the capture itself allocates is no allocation of the code under test.
-class NoFailures {
- public:
-  NoFailures() { Suspend(true); }
-  NoFailures(const NoFailures&) = delete;
-  NoFailures& operator=(const NoFailures&) = delete;
-  ~NoFailures() { Suspend(false); }
-
- private:
-  static void Suspend(bool suspended) {
-    if (SuspendFailAlloc != nullptr) SuspendFailAlloc(suspended);
-  }
-};
 
 std::mutex lines_mutex;
 std::vector<LogLine> lines;
@@ -99,6 +83,7 @@ extern "C" int __dlog_print(int log_id, int level, const char* tag, const char* 
   // For whoever looks for the reason of a failing test.
   static const bool shown = std::getenv("VEXUPNPCP_LOG") != nullptr;
   if (!vex_test::capturing && !shown) return 0;
+  // What the capture itself allocates is no allocation of the code under test.
   const vex_test::NoFailures no_failures;
   va_list arguments;
   va_start(arguments, format);

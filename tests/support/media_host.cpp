@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 
+#include "tests/support/no_failures.h"
 #include "tests/support/wait_until.h"
 
 namespace vex_test {
@@ -37,42 +39,51 @@ const ServerAppCallbacks* MediaHost::callbacks() {
 }
 
 void MediaHost::OnConnect(int server, int session, int reserved) {
+  const NoFailures no_failures;
   const std::lock_guard<std::mutex> lock(current->mutex_);
   current->last_session_ = session;
   current->events_.push_back(Ids("connect", server, session) + std::to_string(reserved));
 }
 
 void MediaHost::OnStatus(int server, int session, int code) {
+  std::optional<NoFailures> own_work(std::in_place);
   const StatusAction act = current->Keep(
       current->on_status_, Ids("status", server, session) + std::to_string(code), std::string());
+  own_work.reset();
   if (act) act(server, session, code);
 }
 
 void MediaHost::OnRequest(int server, int session, ReqHeaderInfo* header, void* body,
                           unsigned int length, bool final) {
-  const std::string text = Text(body, length);
+  std::optional<NoFailures> own_work(std::in_place);
+  const Request got{server, session, *header, Text(body, length), final};
   const RequestAction act = current->Keep(current->on_request_,
                                           Ids("request", server, session) + header->uri + " " +
                                               std::to_string(length) + (final ? " final" : ""),
-                                          text);
-  if (act) act({server, session, *header, text, final});
+                                          got.body);
+  own_work.reset();
+  if (act) act(got);
   FreeRequestHeader(header);
   Free(body);
 }
 
 void MediaHost::OnData(int server, int session, void* data, unsigned int length, bool final) {
-  const std::string text = Text(data, length);
+  std::optional<NoFailures> own_work(std::in_place);
+  const Data got{server, session, Text(data, length), final};
   Free(data);
   const DataAction act = current->Keep(
       current->on_data_,
-      Ids("data", server, session) + std::to_string(length) + (final ? " final" : ""), text);
-  if (act) act({server, session, text, final});
+      Ids("data", server, session) + std::to_string(length) + (final ? " final" : ""), got.bytes);
+  own_work.reset();
+  if (act) act(got);
 }
 
 void MediaHost::OnWritten(int server, int session, unsigned int length) {
+  std::optional<NoFailures> own_work(std::in_place);
   const WrittenAction act =
       current->Keep(current->on_written_, Ids("written", server, session) + std::to_string(length),
                     std::string());
+  own_work.reset();
   if (act) act(server, session, length);
 }
 

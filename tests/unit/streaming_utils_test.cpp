@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <string>
 #include <utility>
 #include <vector>
@@ -12,6 +13,7 @@
 #include <vexupnpcp/result_codes.h>
 #include <vexupnpcp/streaming.h>
 
+#include "tests/support/fail_alloc.h"
 #include "tests/support/log_capture.h"
 
 namespace vex_upnp {
@@ -247,7 +249,7 @@ TEST(StreamingRecord, RequestFromTheWire) {
       "POST /p HTTP/1.0\r\nhost: first\r\nX-Other: o\r\nHOST: last\r\nX-Empty:\r\nAccept: a\r\n"
       "Connection: c\r\nContent-Type: t\r\nDate: d\r\nExpect: e\r\nFrom: f\r\nLast-Modified: m\r\n"
       "User-Agent: u\r\nContent-Length: 3\r\n\r\nabc");
-  ReqHeaderInfo* request = FormRequestHeaderInfo(info);
+  ReqHeaderInfo* request = FormRequestHeaderInfo(info).release();
   ASSERT_NE(nullptr, request);
   EXPECT_EQ(utils::HTTP_POST, request->request_type);
   EXPECT_STREQ("/p", request->uri);
@@ -278,11 +280,11 @@ TEST(StreamingRecord, RequestFromTheWire) {
 }
 
 TEST(StreamingRecord, KeptUnknownVersionsCountOppositely) {
-  ReqHeaderInfo* request = FormRequestHeaderInfo(Parsed("GET / HTTP/1.2\r\n\r\n"));
+  ReqHeaderInfo* request = FormRequestHeaderInfo(Parsed("GET / HTTP/1.2\r\n\r\n")).release();
   EXPECT_EQ(HTTP_1_1, request->http_version);
   FreeRequestHeader(request);
   ResHeaderInfo* response =
-      FormResponseHeaderInfo(Parsed("HTTP/1.2 200 OK\r\nContent-Length: 0\r\n\r\n"));
+      FormResponseHeaderInfo(Parsed("HTTP/1.2 200 OK\r\nContent-Length: 0\r\n\r\n")).release();
   EXPECT_EQ(HTTP_1_0, response->http_version);
   FreeResponseHeader(response);
 }
@@ -293,7 +295,7 @@ TEST(StreamingRecord, ResponseFromTheWire) {
       "HTTP/1.1 206 Some\r\nConnection: c\r\nContent-Language: l\r\nContent-Length: 2\r\n"
       "content-type: t\r\nDate: d\r\nAccept-Ranges: r\r\nLast-Modified: m\r\nServer: s\r\n"
       "Content-Range: bytes 0-1/9\r\n\r\nab");
-  ResHeaderInfo* response = FormResponseHeaderInfo(info);
+  ResHeaderInfo* response = FormResponseHeaderInfo(info).release();
   ASSERT_NE(nullptr, response);
   EXPECT_EQ(HTTP_1_1, response->http_version);
   EXPECT_EQ(206U, response->status_code);
@@ -319,7 +321,7 @@ TEST(StreamingRecord, ALengthThatIsNoNumberCountsAsZero) {
   vex_test::LogCapture log;
   boost::shared_ptr<HTTPInfo> info(new HTTPInfo);
   info->SetHeader("Content-Length", "12abc");
-  ResHeaderInfo* response = FormResponseHeaderInfo(info);
+  ResHeaderInfo* response = FormResponseHeaderInfo(info).release();
   EXPECT_EQ(0, response->content_length);
   EXPECT_EQ(1, log.Count("bad conversion.. making length 0!"));
   FreeResponseHeader(response);
@@ -397,6 +399,39 @@ TEST(StreamingTables, CopiesAreWholeAndChecked) {
   EXPECT_EQ(0, std::memcmp(copy, &client, sizeof(client)));
   std::free(copy);
   EXPECT_EQ(nullptr, DupServerCallbacks(nullptr));
+}
+
+// A host that was told five bytes and given none read from null.
+TEST(StreamingBody, RegressionWithoutMemoryThereIsNoLengthWithoutBytes) {
+  utils::HTTPInfo info;
+  ASSERT_EQ(result::kOk, info.StoreData("one", 3));
+  ASSERT_EQ(result::kOk, info.StoreData("23", 2));
+  unsigned int length = 0;
+  {
+    const vex_test::FailAlloc fail(1);
+    EXPECT_THROW(TakeBody(info, length), std::bad_alloc);
+  }
+  const FreePtr<char> body = TakeBody(info, length);
+  ASSERT_EQ(5U, length);
+  EXPECT_EQ(0, std::memcmp("one23", body.get(), 5));
+  EXPECT_EQ(nullptr, TakeBody(info, length));
+  EXPECT_EQ(0U, length);
+}
+
+// What has no owner any more is told by the leak detector.
+TEST(StreamingRecords, WithoutMemoryNothingOfARecordIsLeft) {
+  const boost::shared_ptr<HTTPInfo> request =
+      Parsed("POST /a/path HTTP/1.1\r\nHost: a.host\r\nContent-Length: 0\r\nOne: two\r\n\r\n");
+  const boost::shared_ptr<HTTPInfo> response =
+      Parsed("HTTP/1.1 200 OK\r\nServer: a server\r\nContent-Length: 0\r\nOne: two\r\n\r\n");
+  const auto form = [&] {
+    try {
+      FormRequestHeaderInfo(request);
+      FormResponseHeaderInfo(response);
+    } catch (const std::bad_alloc&) {
+    }
+  };
+  EXPECT_GT(vex_test::EachAllocationFails(form, [](bool) {}), 8);
 }
 
 TEST(StreamingServers, TheChainGrowsAtItsEnd) {
