@@ -2,7 +2,8 @@
 #define VEXUPNPCP_BASE_SINGLETON_H_
 
 #include <atomic>
-#include <new>
+#include <memory>
+#include <utility>
 
 #include <boost/shared_ptr.hpp>
 #include <boost/thread/lock_guard.hpp>
@@ -41,8 +42,13 @@ void Destroy(std::atomic<T*>& instance, boost::mutex& mutex) {
 template <typename T, typename Make>
 boost::shared_ptr<T> GetOrCreateShared(boost::shared_ptr<T>& instance, boost::mutex& mutex,
                                        Make make) {
+  // Declared before the lock: an object that finds no memory to be shared ends behind it.
+  std::unique_ptr<T> made;
   boost::lock_guard<boost::mutex> lock(mutex);
-  if (!instance) instance.reset(make());
+  if (!instance) {
+    made.reset(make());
+    instance = boost::shared_ptr<T>(std::move(made));
+  }
   return instance;
 }
 

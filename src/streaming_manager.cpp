@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <memory>
 #include <new>
+#include <utility>
 #include <vector>
 
 #include <boost/thread/lock_guard.hpp>
@@ -57,11 +58,15 @@ StreamingManager::~StreamingManager() { __StopStreaming(); }
 
 boost::shared_ptr<StreamingManager> StreamingManager::GetInstance() {
   try {
+    // Declared before the lock: one that finds no memory on its way ends behind it.
+    std::unique_ptr<StreamingManager> fresh;
+    boost::shared_ptr<StreamingManager> made;
     boost::lock_guard<boost::mutex> lock(m_singleton_mutex_);
     if (!m_instance_) {
-      const boost::shared_ptr<StreamingManager> made(new StreamingManager);
+      fresh.reset(new StreamingManager);
+      made = boost::shared_ptr<StreamingManager>(std::move(fresh));
       made->__RegisterNetworkListener();
-      m_instance_ = made;
+      m_instance_.swap(made);
     }
     return m_instance_;
   } catch (const std::bad_alloc&) {
