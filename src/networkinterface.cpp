@@ -165,7 +165,7 @@ int NetworkInterface::SelectNetworkInterface(const std::string& name) {
     return result::kYes;
   }
   if (!__IsAvailable(name)) return result::kNo;
-  NotifyNICIfEvent(NIC_ADDED, name);
+  __NotifyPresence(NIC_ADDED, name);
   return result::kYes;
 }
 

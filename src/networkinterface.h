@@ -113,6 +113,9 @@ class NetworkInterface : public VEXUncopyable,
   Known __CheckAvailableNetworkInterfaces(const std::vector<NetInfo>& found,
                                           const std::string& name, const std::string& ip);
   void __TakeOverNewInterface(const NetInfo& info);
+  // Tells of an interface that is there now. One that could not be told is not recorded either, so
+  // that the next look finds it.
+  void __NotifyPresence(const NicEvent& event, const std::string& name);
   // False when the name is known already.
   bool __AddAvailableNetworkInterface(const NetInfo& info);
   void __HandleDifferentIPAddress(const std::string& name, const std::string& ip);

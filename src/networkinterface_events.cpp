@@ -54,7 +54,9 @@ void NetworkMonitor::__Watch() {
     try {
       boost::lock_guard<boost::mutex> lock(instance->scan_mutex_);
       instance->Scan();
-    } catch (const std::bad_alloc&) {
+    } catch (const boost::thread_interrupted&) {
+      throw;
+    } catch (...) {
       // The next look finds what this one could not take in.
       LogCurrentException(VEX_LOG_SITE, kLogMajor, kTag, "Exception: %s", "Unknown Exception");
     }
@@ -72,7 +74,12 @@ void NetworkInterface::StartScanNetworkInterface() {
     // On the caller's thread, so that the interfaces are known and their events raised on return.
     boost::lock_guard<boost::mutex> scan_lock(scan_mutex_);
     std::vector<NetInfo> found;
-    if (ScanAndGetNetworkInterface(found) == result::kYes) ScanAvailableNetworkInterface(found);
+    try {
+      if (ScanAndGetNetworkInterface(found) == result::kYes) ScanAvailableNetworkInterface(found);
+    } catch (...) {
+      // The monitor's first look finds what this one could not take in.
+      LogCurrentException(VEX_LOG_SITE, kLogMajor, kTag, "Exception: %s", "Unknown Exception");
+    }
   }
   netruntimer_thread = true;
   VEX_LOG(kLogStep, kTag, "NetworkInterface::NetworkMonitor");
@@ -171,9 +178,19 @@ void NetworkInterface::__TakeOverNewInterface(const NetInfo& info) {
   if (!__AddAvailableNetworkInterface(info)) return;
   if (configure_all_) {
     __add_in_selcted_Interfaces(info.name);
-    NotifyNICIfEvent(NIC_ADDED, info.name);
+    __NotifyPresence(NIC_ADDED, info.name);
   } else if (__IsSelected(info.name)) {
-    NotifyNICIfEvent(NIC_ADDED, info.name);
+    __NotifyPresence(NIC_ADDED, info.name);
+  }
+}
+
+void NetworkInterface::__NotifyPresence(const NicEvent& event, const std::string& name) {
+  try {
+    NotifyNICIfEvent(event, name);
+  } catch (...) {
+    boost::lock_guard<boost::mutex> lock(available_mutex_);
+    RemoveNetworkInterfaceInfo(available_net_interfaces_, name);
+    throw;
   }
 }
 
@@ -185,7 +202,7 @@ void NetworkInterface::__HandleDifferentIPAddress(const std::string& name, const
   NotifyNICIfEvent(NIC_REMOVED, name);
   __UpdateIPAddrOfAvailableNetworkInterface(name, ip);
   __PauseOfAddressChange();
-  NotifyNICIfEvent(NIC_IPCHANGED, name);
+  __NotifyPresence(NIC_IPCHANGED, name);
 }
 
 void NetworkInterface::__PauseOfAddressChange() {
@@ -296,7 +313,7 @@ int NetworkInterface::NotifyNICAdded(const std::string& name, const std::string&
     VEX_LOG(kLogStep, kTag, "Interface [%s] is already added!!", name.c_str());
     return result::kOk;
   }
-  NotifyNICIfEvent(NIC_ADDED, name);
+  __NotifyPresence(NIC_ADDED, name);
   return result::kOk;
 }
 
