@@ -403,6 +403,8 @@ void CallBackHandler::StartCallbackThreads() {
     VEX_LOG(kLogMajor, kTag, "pthread_getname_np : Error in getting Thread Name");
   }
   try {
+    // Those of a start that failed in another place run still.
+    if (threads_ && threads_->size() > 0) return;
     if (!threads_) threads_.reset(new boost::thread_group);
     StartIoThreads(*threads_, tcp_req_handling_ios_.io, kTcpRequestThreads, prefix, "VexTcpReq");
     StartIoThreads(*threads_, udp_req_handling_ios_.io, kUdpRequestThreads, prefix, "VexUdpReq");

@@ -115,6 +115,8 @@ void ServerManager::StartServerThreads(const int& tcp, const int& udp, const int
     VEX_LOG(kLogMajor, kTag, "pthread_getname_np : Error in getting Thread Name");
   }
   try {
+    // Those of a start that failed in another place run still.
+    if (threads_ && threads_->size() > 0) return;
     if (!threads_) threads_.reset(new boost::thread_group);
     StartIoThreads(*threads_, tcp_ios_.io, tcp, prefix, "VexTcpIo");
     StartIoThreads(*threads_, udp_ios_.io, udp, prefix, "VexUdpIo");
