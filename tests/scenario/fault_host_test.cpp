@@ -286,6 +286,7 @@ std::atomic<bool> fired{false};
 void NoteFired(int, void*) { fired = true; }
 
 TEST(FaultHostLife, RegressionATimerGetsItsThreadAsSoonAsThereIsOne) {
+  fired = false;
   {
     const FailCalls fail(SystemCall::kThread, EAGAIN);
     vex_upnp::utils::Timer::InitializeManager();
