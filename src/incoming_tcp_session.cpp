@@ -15,6 +15,7 @@
 #include <vexupnpcp/result_codes.h>
 
 #include "base/current_exception.h"
+#include "base/limits.h"
 #include "base/log.h"
 #include "base/timing.h"
 #include "src/callbackhandler.h"
@@ -27,6 +28,8 @@ namespace network_layer {
 namespace {
 
 constexpr const char* kTag = log::kTagNetwork;
+// Reads of one session before the others of its loop have their turn.
+constexpr int kReadsAtOnce = 16;
 
 std::size_t BytesToSend(int length, std::size_t size) {
   return length <= 0 ? 0 : std::min(static_cast<std::size_t>(length), size);
@@ -81,19 +84,13 @@ void IncomingTCPSession::StartRead() {
   if (!socket_ || !socket_->is_open()) return;
   // Listed before the read is out, or a completion could leave before it has entered.
   reading_place_ = reading_->Touch(reading_place_, self);
-  socket_->async_read_some(
-      boost::asio::buffer(buffer_.data(), limits::kReceiveBuffer),
-      [self](const error_code& error, std::size_t bytes) { self->CallbackRead(error, bytes); });
+  socket_->async_wait(tcp::socket::wait_read,
+                      [self](const error_code& error) { self->OnReadable(error); });
 }
 
-void IncomingTCPSession::CallbackRead(const error_code& error, std::size_t bytes) {
+void IncomingTCPSession::OnReadable(const error_code& error) {
   try {
-    if (error) {
-      VEX_LOG(kLogMajor, kTag, "CallbackRead] Socket Error: %s", error.message().c_str());
-      CloseAndNotify();
-      return;
-    }
-    ParseRead(bytes);
+    ReadWhatCame(error);
   } catch (...) {
     LogCurrentException(VEX_LOG_SITE, kLogMajor, kTag, "Exception in CallbackRead: %s",
                         "Unknown Exception in CallbackRead");
@@ -101,33 +98,62 @@ void IncomingTCPSession::CallbackRead(const error_code& error, std::size_t bytes
   }
 }
 
-void IncomingTCPSession::ParseRead(std::size_t bytes) {
+// Many connections come at once when many devices tell their first events, and each lives until its
+// listener has answered, so none has a buffer of its own: what has come is read into one on the
+// stack. A peer that sends without end doesn't keep the others waiting.
+void IncomingTCPSession::ReadWhatCame(const error_code& error) {
+  // One more than a read: the search for a first line's end wants a NUL behind what came.
+  char data[limits::kReceiveBuffer + 1];
+  std::size_t bytes = limits::kReceiveBuffer;
+  for (int reads = 0; reads < kReadsAtOnce && bytes == limits::kReceiveBuffer; ++reads) {
+    error_code failure = error;
+    bytes = failure ? 0 : Receive(data, failure);
+    if (failure == boost::asio::error::would_block) break;
+    if (failure) {
+      VEX_LOG(kLogMajor, kTag, "CallbackRead] Socket Error: %s", failure.message().c_str());
+      CloseAndNotify();
+      return;
+    }
+    data[bytes] = '\0';
+    if (!ParseRead(data, bytes)) return;
+  }
+  StartRead();
+}
+
+std::size_t IncomingTCPSession::Receive(char* data, error_code& error) {
+  boost::lock_guard<boost::mutex> lock(mutex_);
+  if (!socket_ || !socket_->is_open()) {
+    error = boost::asio::error::operation_aborted;
+    return 0;
+  }
+  return socket_->read_some(boost::asio::buffer(data, limits::kReceiveBuffer), error);
+}
+
+// True while more is to come.
+bool IncomingTCPSession::ParseRead(char* data, std::size_t bytes) {
   total_bytes_ += static_cast<int>(bytes);
   if (total_bytes_ > limits::kEventRequestBytes) {
     RefuseTooLong();
-    return;
+    return false;
   }
-  buffer_[bytes] = '\0';
-  const bool fed = utils::FeedParser(buffer_.data(), bytes, http_info_) == result::kOk;
+  const bool fed = utils::FeedParser(data, bytes, http_info_) == result::kOk;
   const bool spoiled =
-      http_info_->GetStatus() < utils::HEADER_COMPLETE && header_end_.Saw(buffer_.data(), bytes);
+      http_info_->GetStatus() < utils::HEADER_COMPLETE && header_end_.Saw(data, bytes);
   if (!fed || spoiled) {
     VEX_LOG(kLogMajor, kTag, "PARSER FAILURE Status: %d and Buffer : %s", http_info_->GetStatus(),
-            buffer_.data());
+            data);
     CloseAndNotify();
-    return;
+    return false;
   }
   if (!request_->HasPlace()) {
     RefuseTooLong();
-    return;
+    return false;
   }
-  if (http_info_->GetState() != utils::MESSAGE_COMPLETE) {
-    StartRead();
-    return;
-  }
+  if (http_info_->GetState() != utils::MESSAGE_COMPLETE) return true;
   Leave();
   SetAddresses();
   HandOver();
+  return false;
 }
 
 void IncomingTCPSession::RefuseTooLong() {
@@ -246,10 +272,11 @@ void IncomingTCPSession::FinishWrite() {
 // Closing with something unread makes the kernel take back an answer that the peer has not read.
 void IncomingTCPSession::DiscardUnread() {
   boost::lock_guard<boost::mutex> lock(mutex_);
+  char data[limits::kReceiveBuffer];
   std::size_t discarded = 0;
   error_code error;
   while (!error && socket_ && discarded < limits::kEventRequestBytes) {
-    discarded += socket_->read_some(boost::asio::buffer(buffer_), error);
+    discarded += socket_->read_some(boost::asio::buffer(data), error);
   }
 }
 

@@ -1,7 +1,6 @@
 #ifndef VEXUPNPCP_SRC_INCOMING_TCP_SESSION_H_
 #define VEXUPNPCP_SRC_INCOMING_TCP_SESSION_H_
 
-#include <array>
 #include <cstddef>
 #include <memory>
 #include <optional>
@@ -14,7 +13,6 @@
 
 #include "base/asio.h"
 #include "base/host_memory.h"
-#include "base/limits.h"
 #include "base/thread_marks.h"
 #include "src/header_end.h"
 #include "src/message_budget.h"
@@ -65,8 +63,10 @@ class IncomingTCPSession : public boost::enable_shared_from_this<IncomingTCPSess
 
  private:
   void StartRead();
-  void CallbackRead(const error_code& error, std::size_t bytes);
-  void ParseRead(std::size_t bytes);
+  void OnReadable(const error_code& error);
+  void ReadWhatCame(const error_code& error);
+  std::size_t Receive(char* data, error_code& error);
+  bool ParseRead(char* data, std::size_t bytes);
   void SetAddresses();
   void HandOver();
   void RefuseTooLong();
@@ -89,8 +89,6 @@ class IncomingTCPSession : public boost::enable_shared_from_this<IncomingTCPSess
   const boost::shared_ptr<BudgetedMessage> request_;
   // The request's message.
   boost::shared_ptr<utils::HTTPInfo> http_info_;
-  // One more than a read: the search for a first line's end wants a NUL behind what came.
-  std::array<char, limits::kReceiveBuffer + 1> buffer_;
   HeaderEnd header_end_;
   int total_bytes_ = 0;
   bool too_long_ = false;

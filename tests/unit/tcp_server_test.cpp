@@ -1,6 +1,7 @@
 #include "src/tcp_server.h"
 
 #include <gmock/gmock.h>
+#include <malloc.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -377,6 +378,23 @@ TEST_F(TcpServerTest, ManyConnectionsAtOnceAreAllServed) {
   }
   for (const auto& client : clients) EXPECT_EQ(kOk, client->ReadToEnd());
   EXPECT_TRUE(WaitUntil([&] { return reading_->size() == 0; }));
+}
+
+// All devices of a house tell their first events at once when they are subscribed, and what that
+// moment takes of the heap stays with a process whose heap cannot shrink below one small block.
+TEST_F(TcpServerTest, ConnectionThatWaitsForItsAnswerHoldsLittleMemory) {
+  constexpr std::size_t kConnections = 200;
+  constexpr std::size_t kBytesEach = 4096;
+  HoldAll();
+  std::vector<std::unique_ptr<TcpClient>> clients(kConnections);
+  held_.reserve(kConnections);
+  const std::size_t before = mallinfo2().uordblks;
+  for (auto& client : clients) {
+    client.reset(new TcpClient(ip_, port_));
+    client->Send("NOTIFY / HTTP/1.1\r\nCONTENT-LENGTH: 0\r\n\r\n");
+  }
+  ASSERT_TRUE(WaitUntil([&] { return Held() == kConnections; }));
+  EXPECT_LT(mallinfo2().uordblks, before + kConnections * kBytesEach);
 }
 
 TEST_F(TcpServerTest, FinishedConnectionsLeaveNoDescriptor) {
