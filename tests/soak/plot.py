@@ -28,6 +28,10 @@ def main():
     figure, (memory, counts, times) = plt.subplots(3, 1, sharex=True, figsize=(9, 9))
     memory.plot(minutes, column(rows, "rss_kib", 1024), label="resident")
     memory.plot(minutes, column(rows, "private_dirty_kib", 1024), label="private, dirty")
+    for name, label in (("files_kib", "files"), ("heap_kib", "heap"), ("stacks_kib", "stacks")):
+        # Files written by an earlier run.py do not tell them.
+        if name in rows[0]:
+            memory.plot(minutes, column(rows, name, 1024), label=label)
     memory.plot(minutes, column(rows, "heap_used_kib", 1024), label="heap in use")
     memory.set_ylabel("MiB")
     memory.set_ylim(bottom=0)
