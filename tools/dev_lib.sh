@@ -13,6 +13,7 @@ CHECK_PACKAGES="git clang-14 clang-tidy-14 clang-format-14 libclang-rt-14-dev cp
 BENCH_PACKAGES="libbenchmark-dev libpugixml-dev libxml2-dev libexpat1-dev libgupnp-1.6-dev libupnp-dev
   iproute2 python3"
 FUZZ_PACKAGES="clang-14 libclang-rt-14-dev libexpat1-dev"
+AFL_PACKAGES="afl++"
 
 say() { printf '\n== %s\n' "$*"; }
 
@@ -244,7 +245,6 @@ dev_bench_control() {
   tools/two_hosts python3 bench/actions/run.py --build build/release --quick
 }
 
-# dev_fuzz [ENTRY] [SECONDS]
 # Long life: a host of the shared library in a house that changes all the time.
 dev_soak() {
   local hours=${1:-0.5}
@@ -255,11 +255,22 @@ dev_soak() {
   tools/two_hosts python3 tests/soak/run.py "$hours" --build build/release --out build/soak "$@"
 }
 
+# dev_fuzz [--afl] [ENTRY] [SECONDS], or dev_fuzz --keep [ENTRY].
 dev_fuzz() {
+  local preset=fuzz way=
+  case ${1:-} in
+    --afl) preset=fuzz-afl way=$1; shift ;;
+    --keep) way=$1; shift ;;
+  esac
   need $BUILD_PACKAGES $FUZZ_PACKAGES python3
-  build fuzz all
-  say "fuzzing ${1:-everything}, ${2:-30} s each"
-  tools/fuzz.py --build build/fuzz --jobs "$JOBS" --seconds "${2:-30}" ${1:+"$1"}
+  [ "$preset" = fuzz ] || need $AFL_PACKAGES
+  AFL_QUIET=1 build $preset fuzzers
+  if [ "$way" = --keep ]; then
+    say "keeping what ${1:-everything} has learnt"
+  else
+    say "fuzzing ${1:-everything}, ${2:-30} s each"
+  fi
+  tools/fuzz.py $way --build build/$preset --jobs "$JOBS" --seconds "${2:-30}" ${1:+"$1"}
 }
 
 dev_cross() { tools/cross.sh "$@"; }
