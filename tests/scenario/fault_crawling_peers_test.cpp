@@ -335,7 +335,7 @@ TEST_F(FaultCrawlingPeers, ASubscriptionAnsweredAByteASecondFailsInItsTime) {
 }
 
 // Nobody looks at the answer of an UNSUBSCRIBE, and nobody waits for it.
-TEST_F(FaultCrawlingPeers, AnUnsubscribeAnsweredSlowlyOrNotAtAllIsOverAtOnce) {
+TEST_F(FaultCrawlingPeers, AnUnsubscribeAnsweredByteByByteOrNotAtAllIsOverAtOnce) {
   for (const Slowness& slowness :
        {Slowness{"Silence", "", ""},
         Slowness{"Header", "HTTP/1.1 200 OK\r\n", "X-Slow: " + std::string(2000, 's')},
