@@ -28,7 +28,7 @@ using boost::system::system_error;
 
 using io_service = boost::asio::io_context;
 using io_work = boost::asio::executor_work_guard<io_service::executor_type>;
-// Runs on the monotonic clock, so steps of the system's time move no wait.
+// On the monotonic clock: for waits that no step of the system's time may move.
 using boost::asio::steady_timer;
 
 inline io_work KeepRunning(io_service& io) { return boost::asio::make_work_guard(io); }
