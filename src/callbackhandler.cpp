@@ -29,6 +29,7 @@ constexpr const char* kTag = log::kTagNetwork;
 constexpr int kTcpRequestThreads = 2;
 constexpr int kUdpRequestThreads = 2;
 constexpr int kTcpResponseThreads = 5;
+constexpr std::size_t kAllThreads = kTcpRequestThreads + kUdpRequestThreads + kTcpResponseThreads;
 
 constexpr std::size_t kNoBound = static_cast<std::size_t>(-1);
 constexpr int kInvalidId = -1;
@@ -403,8 +404,8 @@ void CallBackHandler::StartCallbackThreads() {
     VEX_LOG(kLogMajor, kTag, "pthread_getname_np : Error in getting Thread Name");
   }
   try {
-    // Those of a start that failed in another place run still.
-    if (threads_ && threads_->size() > 0) return;
+    // Those of a start that failed in another place run still. Half a set is no set.
+    if (threads_ && threads_->size() >= kAllThreads) return;
     if (!threads_) threads_.reset(new boost::thread_group);
     StartIoThreads(*threads_, tcp_req_handling_ios_.io, kTcpRequestThreads, prefix, "VexTcpReq");
     StartIoThreads(*threads_, udp_req_handling_ios_.io, kUdpRequestThreads, prefix, "VexUdpReq");

@@ -27,8 +27,7 @@ io_service& OutgoingLoops::Next() {
 void OutgoingLoops::Start(int count, const std::string& prefix, const std::string& base_text) {
   boost::lock_guard<boost::mutex> lock(mutex_);
   // Those of a start that failed in another place run still.
-  if (running_ > 0) return;
-  for (int i = 0; i < count; ++i) {
+  for (int i = static_cast<int>(running_); i < count; ++i) {
     io_service& io = Idle().io;
     // A loop that was stopped before would return from run() at once.
     if (io.stopped()) io.restart();

@@ -26,7 +26,7 @@ class OutgoingLoops {
   io_service& First() { return *first_; }
   io_service& Next();
 
-  // Adds `count` threads, named prefix, base text and index from 0. Throws
+  // Makes it `count` threads, named prefix, base text and index from 0. Throws
   // boost::thread_resource_error; the threads made so far stay.
   void Start(int count, const std::string& prefix, const std::string& base_text);
   // No handler begins after it. Join waits for those that are running.
