@@ -122,8 +122,8 @@ void FreeBelow(DomNode& root) {
     MakeDomTree::FreeDomNode(current);
     current = next != nullptr ? next : (parent == &root ? nullptr : parent);
   }
-  // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDelete): what was freed had been unlinked before.
   for (DomNode* left = root.firstChild; left != nullptr; left = left->nextSibling) {
+    // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDelete): what was freed had been unlinked before.
     left->parentNode = nullptr;
   }
 }
