@@ -183,6 +183,8 @@ class FaultCrawlingPeers : public testing::Test {
   const vex_test::Watchdog watchdog_{240};
   // 30 s are 600 ms.
   const vex_test::FasterTime faster_{50};
+  // They outlive whoever may still be telling them something.
+  std::list<vex_test::EventLog> logs_;
   vex_test::HostRig rig_;
   HttpPeer good_{vex_test::AnswerAndClose(vex_test::OkAnswer(std::string(kGood, 'g'))), kPeer};
   int handle_ = 0;
@@ -315,7 +317,7 @@ TEST_F(FaultCrawlingPeers, ASubscriptionAnsweredAByteASecondFailsInItsTime) {
   for (const Slowness& slowness : answers) {
     SCOPED_TRACE(slowness.name);
     SlowPeer peer(slowness);
-    vex_test::EventLog log;
+    vex_test::EventLog& log = logs_.emplace_back();
     int handler = 0;
     ASSERT_EQ(0, cp_control::Subscribe("uuid:slow", "HOST:" + peer.authority(), "",
                                        std::string("http://") + kLibrary + ":5100",
@@ -361,7 +363,7 @@ TEST_F(FaultCrawlingPeers, AnUnsubscribeAnsweredByteByByteOrNotAtAllIsOverAtOnce
             ++ended;
           },
           kPeer);
-      vex_test::EventLog log;
+      vex_test::EventLog& log = logs_.emplace_back();
       int handler = 0;
       const std::string host = "HOST:" + peer.authority();
       ASSERT_EQ(0, cp_control::Subscribe("uuid:slow", host, "",
