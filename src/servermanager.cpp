@@ -116,7 +116,7 @@ void ServerManager::StartServerThreads(const int& tcp, const int& udp, const int
   }
   try {
     // Those of a start that failed in another place run still. Half a set is no set.
-    if (threads_ && threads_->size() >= static_cast<std::size_t>(tcp + udp + multicast)) return;
+    if (threads_ && static_cast<int>(threads_->size()) >= tcp + udp + multicast) return;
     if (!threads_) threads_.reset(new boost::thread_group);
     StartIoThreads(*threads_, tcp_ios_.io, tcp, prefix, "VexTcpIo");
     StartIoThreads(*threads_, udp_ios_.io, udp, prefix, "VexUdpIo");
