@@ -8,10 +8,13 @@
 #include <thread>
 #include <vector>
 
+#include <boost/thread/lock_guard.hpp>
+
 #include <vexupnpcp/cp_control.h>
 #include <vexupnpcp/network_layer.h>
 
 #include "src/event_callback.h"
+#include "src/subscribe_info.h"
 #include "tests/support/control_peer.h"
 #include "tests/support/control_stack.h"
 #include "tests/support/log_capture.h"
@@ -188,6 +191,24 @@ TEST_F(ControlEvents, AfterUnsubscribeTheSidAndThenThePathAreUnknown) {
                     .find("HTTP/1.0 400 Bad Request \r\nCONTENT-TYPE: text/xml"));
   ASSERT_TRUE(WaitUntil([&] { return second_log_.Outcomes().size() == 1; }));
   EXPECT_EQ(0, Unsubscribe(other, peer_->HostLine()));
+  EXPECT_THAT(log_.Events(), IsEmpty());
+}
+
+TEST_F(ControlEvents, AfterUnsubscribeTheSidIsUnknownWhileTheRecordLives) {
+  const int handle = Subscribed();
+  SubscribeInfoList::Pointer record;
+  {
+    const boost::shared_ptr<SubscribeInfoList> list = SubscribeInfoList::getInstance();
+    boost::lock_guard<boost::mutex> lock(list->mutex);
+    record = list->get_by_handlerid(handle);
+  }
+  ASSERT_TRUE(record);
+  EXPECT_EQ(0, Unsubscribe(handle, peer_->HostLine()));
+  // The path goes with the record.
+  EXPECT_EQ(k412, stack_.Notify(NotifyRequest(handle, kSid, 1)));
+  record.reset();
+  EXPECT_EQ(0U,
+            stack_.Notify(NotifyRequest(handle, kSid, 2)).find("HTTP/1.0 400 Bad Request \r\n"));
   EXPECT_THAT(log_.Events(), IsEmpty());
 }
 

@@ -273,6 +273,14 @@ INSTANTIATE_TEST_SUITE_P(
         FailureRow{"NoSid",
                    Text("HTTP/1.1 200 OK\r\nTIMEOUT: Second-9\r\nCONTENT-LENGTH: 0\r\n\r\n"),
                    "HTTP/1.1 200 OK", "no SID!!!"},
+        // What MiniDLNA 1.3.0 answers for a path that it doesn't know.
+        FailureRow{"NoSidOfARealDevice",
+                   Text("HTTP/1.1 200 OK\r\nContent-Type: text/xml; charset=\"utf-8\"\r\n"
+                        "Connection: close\r\nContent-Length: 0\r\n"
+                        "Server: Debian DLNADOC/1.50 UPnP/1.0 MiniDLNA/1.3.0\r\n"
+                        "Timeout: Second-1800\r\nDate: Sat, 21 Nov 2026 00:29:06 GMT\r\nEXT:\r\n"
+                        "\r\n"),
+                   "HTTP/1.1 200 OK", "no SID!!!"},
         FailureRow{"SidWithALineEnd",
                    Text("HTTP/1.1 200 OK\r\nSID: uuid:1\rX-Evil: 1\r\nTIMEOUT: Second-9\r\n"
                         "CONTENT-LENGTH: 0\r\n\r\n"),
@@ -380,13 +388,18 @@ TEST_F(ControlSubscriptions, KeptTheThirdFailureOfAWholeLifeEndsIt) {
 }
 
 TEST_F(ControlSubscriptions, KeptASidStandsThoughItsTimeoutIsUnusable) {
-  RunPeer({Granted("uuid:first", "infinite"), vex_test::Silence()});
-  int handle = 0;
-  ASSERT_EQ(0, Subscribe(handle));
-  ASSERT_TRUE(WaitForRequests(2));
-  EXPECT_EQ(kOk, stack_.Notify(NotifyRequest(handle, "uuid:first", 0)));
-  EXPECT_THAT(log_.Events(), SizeIs(1));
-  EXPECT_THAT(log_.Outcomes(), IsEmpty());
+  const PeerAnswer none = Text("HTTP/1.1 200 OK\r\nSID: uuid:first\r\nCONTENT-LENGTH: 0\r\n\r\n");
+  std::size_t events = 0;
+  for (const PeerAnswer& answer : {Granted("uuid:first", "infinite"), none}) {
+    RunPeer({answer, vex_test::Silence()});
+    int handle = 0;
+    ASSERT_EQ(0, Subscribe(handle));
+    ASSERT_TRUE(WaitForRequests(2));
+    EXPECT_EQ(kOk, stack_.Notify(NotifyRequest(handle, "uuid:first", 0)));
+    EXPECT_THAT(log_.Events(), SizeIs(++events));
+    EXPECT_THAT(log_.Outcomes(), IsEmpty());
+    Unsubscribe(handle, peer_->HostLine());
+  }
 }
 
 TEST_F(ControlSubscriptions, GrantsOfNothingAreRenewedAtOnceTwiceAndThenSpaced) {
