@@ -34,4 +34,15 @@ void LogCurrentException(const LogSite& site, int level, const char* tag, const 
   }
 }
 
+bool CaughtNoMemory() {
+  try {
+    // cppcheck-suppress rethrowNoCurrentException; every caller stands inside a catch (...).
+    throw;
+  } catch (const std::bad_alloc&) {
+    return true;
+  } catch (...) {
+    return false;
+  }
+}
+
 }  // namespace vex_upnp

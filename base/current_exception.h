@@ -11,6 +11,9 @@ namespace vex_upnp {
 void LogCurrentException(const LogSite& site, int level, const char* tag, const char* known,
                          const char* unknown);
 
+// To be called there as well: whether it was thrown for want of memory.
+bool CaughtNoMemory();
+
 }  // namespace vex_upnp
 
 #endif  // VEXUPNPCP_BASE_CURRENT_EXCEPTION_H_

@@ -1,7 +1,6 @@
 #include <vexupnpcp/cp_discovery.h>
 
 #include <memory>
-#include <new>
 #include <vector>
 
 #include <boost/shared_ptr.hpp>
@@ -36,13 +35,7 @@ constexpr int kDomainElsewhere = 3;
 // To be called inside a catch (...): nothing is thrown at the host.
 int Caught(const LogSite& site) {
   LogCurrentException(site, kLogMajor, kTag, "Exception: %s", "Unknown Exception");
-  try {
-    throw;
-  } catch (const std::bad_alloc&) {
-    return result::kOutOfMemory;
-  } catch (...) {
-    return result::kFailure;
-  }
+  return CaughtNoMemory() ? result::kOutOfMemory : result::kFailure;
 }
 
 boost::shared_ptr<Device> FindReadyDevice(const std::string& udn) {

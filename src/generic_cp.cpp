@@ -36,14 +36,7 @@ std::atomic<int> IsCPInitialized{0};
 int Caught(const LogSite& site) {
   vex_upnp::LogCurrentException(site, kLogMajor, kTagGenericCp, "Exception: %s",
                                 "Unknown exception");
-  try {
-    // cppcheck-suppress rethrowNoCurrentException; every caller stands inside a catch (...).
-    throw;
-  } catch (const std::bad_alloc&) {
-    return CP_ERR_OUT_OF_MEMORY;
-  } catch (...) {
-    return CP_ERR_OPERATION_FAILED;
-  }
+  return vex_upnp::CaughtNoMemory() ? CP_ERR_OUT_OF_MEMORY : CP_ERR_OPERATION_FAILED;
 }
 
 // Never null once the library is initialised, save for want of memory.

@@ -1,7 +1,5 @@
 #include "src/streaming_handler_queue.h"
 
-#include <new>
-
 #include "base/current_exception.h"
 #include "base/log.h"
 
@@ -43,13 +41,8 @@ void HandlerQueue::Post(Handler handler) {
 void HandlerQueue::State::Thrown() {
   LogCurrentException(VEX_LOG_SITE, kLogMajor, log::kTagStreaming, "Exception: %s",
                       "Unknown Exception");
-  try {
-    throw;
-  } catch (const std::bad_alloc&) {
-    RunNoMemory();
-  } catch (...) {
-    // The host's own; it is logged and goes no further.
-  }
+  // What else is thrown is the host's own; it is logged and goes no further.
+  if (CaughtNoMemory()) RunNoMemory();
 }
 
 void HandlerQueue::State::RunNoMemory() try {

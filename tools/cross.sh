@@ -30,7 +30,7 @@ armhf() {
   cmake --preset debug -B build/armhf "${toolchain[@]}" -DVEX_BUILD_APPS=OFF >build/armhf.log
   ninja -C build/armhf --quiet unit_tests
   say "unit tests, armhf under emulation"
-  "$KIT/qemu/usr/bin/qemu-arm" -L "$KIT/sysroot-armhf" build/armhf/unit_tests --gtest_brief=1 --gtest_filter='-*Slow*:*.Slow*'
+  VEX_TEST_EMULATED=1 "$KIT/qemu/usr/bin/qemu-arm" -L "$KIT/sysroot-armhf" build/armhf/unit_tests --gtest_brief=1 --gtest_filter='-*Slow*:*.Slow*'
 }
 
 i386() {

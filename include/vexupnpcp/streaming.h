@@ -78,6 +78,8 @@ VEX_EXPORT int StopServerTransfer(int server_id, int session_id);
 /// by itself behind its last callback. Starts the thread pool at its first use. A server that keeps
 /// the connection open behind a body that does not fill the last block of 524288 bytes leaves the
 /// session waiting: ask for "Connection: close", or end it with StopClientTransfer.
+/// There is no time-out: a server that falls silent, or whose network goes, keeps the session until
+/// StopClientTransfer.
 /// @param callbacks  All four must be set; copied.
 /// @param ip         Address of the server; a name is resolved during the call. Not null.
 /// @param port       Not negative.

@@ -56,6 +56,7 @@ testing::AssertionResult ThreadsBecome(int count) {
 std::vector<std::string> ThreadNames(const std::string& leave_out) {
   std::vector<std::string> names;
   for (const std::string& thread : Entries("/proc/self/task")) {
+    if (!IsRunning(thread)) continue;
     std::string name;
     std::getline(std::ifstream("/proc/self/task/" + thread + "/comm"), name);
     if (name != leave_out) names.push_back(name);

@@ -67,8 +67,8 @@ TEST(OutgoingLoops, AStoppedSetStartsAgainWithAnyNumber) {
   const std::vector<std::string> before = vex_test::ThreadNames("");
   OutgoingLoops loops;
   for (const int count : {3, 1, 2, 0, 4}) {
-    loops.Start(count, "tst", "Loop");
-    EXPECT_EQ(static_cast<std::size_t>(count), Added(before).size());
+    loops.Start(count, "tst", "Again");
+    EXPECT_TRUE(WaitUntil([&] { return Added(before).size() == static_cast<std::size_t>(count); }));
     std::atomic<int> ran{0};
     for (int i = 0; i < count; ++i) boost::asio::post(loops.Next(), [&] { ++ran; });
     EXPECT_TRUE(WaitUntil([&] { return ran == count; }));

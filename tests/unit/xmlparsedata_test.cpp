@@ -6,6 +6,7 @@
 #include <vexupnpcp/xmlparsedata.h>
 
 #include "tests/support/cpu_seconds.h"
+#include "tests/support/emulated.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/sanitizers.h"
 #include "xmlparser/src/dom_cursor.h"
@@ -203,8 +204,9 @@ TEST(XmlData, CursorWithoutRecordsMovesAlike) {
 
 class Hostile : public testing::Test {
  protected:
-  // Far above what linear work needs and far below a square; a sanitizer looks at each access.
-  static constexpr double kSeconds = vex_test::kUnderSanitizer ? 20.0 : 5.0;
+  // Far above what linear work needs and far below a square; a sanitizer looks at each access, an
+  // emulator at each instruction.
+  const double kSeconds = vex_test::kUnderSanitizer || vex_test::kEmulated ? 20.0 : 5.0;
 
   std::string Repeated(const std::string& piece, int times) {
     std::string text;
