@@ -12,6 +12,16 @@ class FasterTime {
   ~FasterTime();
 };
 
+// Multiplies every wait of the library, so that what must not wait for one can be told from what
+// does.
+class SlowerTime {
+ public:
+  explicit SlowerTime(int factor);
+  SlowerTime(const SlowerTime&) = delete;
+  SlowerTime& operator=(const SlowerTime&) = delete;
+  ~SlowerTime();
+};
+
 }  // namespace vex_test
 
 #endif  // VEXUPNPCP_TESTS_SUPPORT_TIMING_SCALED_H_

@@ -186,6 +186,7 @@ TEST_F(StreamingClient, AnEarlyCloseEndsWithStatus4) {
   });
   Get(Start(peer.port()));
   ASSERT_TRUE(Await("status 4"));
+  EXPECT_EQ((std::vector<std::string>{"response 200", "status 4"}), Events());
   EXPECT_EQ("short", Body());
 }
 
