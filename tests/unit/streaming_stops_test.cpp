@@ -2,11 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <chrono>
 #include <future>
@@ -20,7 +15,9 @@
 #include <vexupnpcp/streaming.h>
 
 #include "src/streaming_manager.h"
+#include "src/streaming_server.h"
 #include "tests/support/fail_alloc.h"
+#include "tests/support/full_listener.h"
 #include "tests/support/http_peer.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/serving_fixture.h"
@@ -32,6 +29,7 @@ namespace vex_upnp {
 namespace streaming {
 namespace {
 
+using vex_test::FullListener;
 using vex_test::HttpPeer;
 using vex_test::Literal;
 using vex_test::LogCapture;
@@ -77,38 +75,6 @@ bool NothingRuns() {
   FreeRunningSession(sessions);
   return none;
 }
-
-// Listens, but takes no further connection: whoever connects waits.
-class FullListener {
- public:
-  FullListener() : listener_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof(address);
-    EXPECT_EQ(0, bind(listener_, reinterpret_cast<sockaddr*>(&address), size));
-    EXPECT_EQ(0, listen(listener_, 0));
-    EXPECT_EQ(0, getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &size));
-    port_ = ntohs(address.sin_port);
-    for (int i = 0; i < 4; ++i) {
-      const int filler = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-      connect(filler, reinterpret_cast<sockaddr*>(&address), size);
-      fillers_.push_back(filler);
-    }
-  }
-  FullListener(const FullListener&) = delete;
-  FullListener& operator=(const FullListener&) = delete;
-  ~FullListener() {
-    for (const int filler : fillers_) close(filler);
-    close(listener_);
-  }
-  int port() const { return port_; }
-
- private:
-  const int listener_;
-  int port_ = 0;
-  std::vector<int> fillers_;
-};
 
 class StreamingStops : public vex_test::ServingTest {
  protected:
@@ -194,6 +160,47 @@ TEST_F(StreamingStops, AServedTransferIsStoppedAtEvery64KiB) {
     peer.ReadToEnd();
   }
   EXPECT_TRUE(WaitUntil(NothingRuns));
+}
+
+// Servers, sessions and the pool that run without a reference end with one call too many.
+TEST_F(StreamingStops, KeptASurplusTerminateEndsServersSessionsAndThreads) {
+  ASSERT_EQ(result::kOk, TerminateStreamingManager());
+  const int threads = vex_test::ThreadCount();
+  const int descriptors = vex_test::DescriptorCount();
+  {
+    ServeEndless();
+    boost::weak_ptr<StreamingManager> manager = StreamingManager::GetInstance();
+    boost::weak_ptr<TCPServer> server = manager.lock()->GetServer(server_);
+    TcpClient silent(ip_, port_);
+    ASSERT_TRUE(Await("connect", "0", 1));
+    TcpClient served(ip_, port_);
+    ASSERT_TRUE(served.Send("GET / HTTP/1.1\r\n\r\n"));
+    EXPECT_EQ(kPiece, served.ReadBytes(kPiece).size());
+    HttpPeer peer(vex_test::StaySilent());
+    StartGet(peer.ip(), peer.port());
+    ASSERT_TRUE(WaitUntil([&] { return peer.connections() == 1; }));
+    LogCapture log;
+    EXPECT_EQ(0, TerminateStreamingManager());
+    EXPECT_EQ(
+        1, log.Count(4, "VEX_CORE_STREAMING", "StreamingManager::DeleteReference Ref Count [-1]"));
+    EXPECT_EQ(0, log.Count("Stopping streaming threads"));
+    EXPECT_EQ(
+        1, log.Count(4, "VEX_CORE_STREAMING", "StreamingManager::DestroyInstance Ref Count [-1]"));
+    const std::size_t told = host_.Events().size();
+    EXPECT_TRUE(silent.PeerCloses());
+    served.ReadToEnd();
+    EXPECT_TRUE(WaitUntil([&] { return peer.finished() == 1; }));
+    EXPECT_FALSE(TcpClient(ip_, port_).connected());
+    EXPECT_TRUE(manager.expired());
+    EXPECT_TRUE(server.expired());
+    EXPECT_EQ(told, host_.Events().size());
+    EXPECT_EQ(0, statuses);
+  }
+  EXPECT_TRUE(vex_test::ThreadsBecome(threads));
+  EXPECT_TRUE(WaitUntil([&] { return vex_test::DescriptorCount() <= descriptors; }));
+  // The count is below 0: the first one makes up for it.
+  EXPECT_EQ(0, InitializeStreamingManager());
+  EXPECT_EQ(0, InitializeStreamingManager());
 }
 
 void StopAtRandom(int times, const std::string& ip, int port) {

@@ -1,0 +1,191 @@
+// What hosts do before a connection stands, and connections that come too late.
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <vexupnpcp/result_codes.h>
+#include <vexupnpcp/streaming.h>
+
+#include "src/streaming_manager.h"
+#include "tests/support/full_listener.h"
+#include "tests/support/http_peer.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/media_client.h"
+#include "tests/support/serving_fixture.h"
+#include "tests/support/thread_count.h"
+#include "tests/support/timing_scaled.h"
+#include "tests/support/wait_until.h"
+
+namespace vex_upnp {
+namespace streaming {
+namespace {
+
+using vex_test::FullListener;
+using vex_test::HttpPeer;
+using vex_test::LogCapture;
+using vex_test::MediaClient;
+using vex_test::MediaHost;
+using vex_test::MediaRequest;
+using vex_test::PeerConnection;
+using vex_test::TcpClient;
+using vex_test::WaitUntil;
+
+// The pool has one thread, which a callback of a server keeps for as long as the test says.
+class StreamingConnecting : public vex_test::ServingTest {
+ protected:
+  void SetUp() override {
+    host_.DoOnRequest([this](const MediaHost::Request&) {
+      held_ = true;
+      released_.wait();
+    });
+    ASSERT_EQ(result::kOk, StreamingManager::GetInstance()->ConfigureStreamingThreads(1, true));
+    Serve();
+  }
+  void TearDown() override {
+    Release();
+    ServingTest::TearDown();
+  }
+  void HoldThePool() {
+    holder_.reset(new TcpClient(ip_, port_));
+    ASSERT_TRUE(holder_->Send("GET / HTTP/1.1\r\n\r\n"));
+    ASSERT_TRUE(WaitUntil([&] { return held_.load(); }));
+  }
+  void Release() {
+    if (!is_released_) release_.set_value();
+    is_released_ = true;
+  }
+  static int Start(const std::string& ip, int port) {
+    int id = 0;
+    EXPECT_EQ(0, StartClient(MediaClient::callbacks(), ip.c_str(), port, &id));
+    return id;
+  }
+  static void Get(int id) {
+    const ReqHeaderInfo request = MediaRequest(utils::HTTP_GET, "/early");
+    EXPECT_EQ(0, SendHTTPRequest(id, &request));
+  }
+  static std::string NotFound(int id) { return "Client " + std::to_string(id) + " not found"; }
+
+  MediaClient client_;
+
+ private:
+  std::promise<void> release_;
+  std::shared_future<void> released_ = release_.get_future().share();
+  std::atomic<bool> held_{false};
+  bool is_released_ = false;
+  std::unique_ptr<TcpClient> holder_;
+};
+
+TEST_F(StreamingConnecting, ARequestBeforeTheConnectionGoesOutWithIt) {
+  std::string request;
+  HttpPeer peer([&](PeerConnection& connection) {
+    request = connection.ReadRequest();
+    connection.Send("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n");
+    connection.AwaitEnd();
+  });
+  HoldThePool();
+  const LogCapture log;
+  const int id = Start(peer.ip(), peer.port());
+  Get(id);
+  EXPECT_EQ(0, peer.connections());
+  EXPECT_TRUE(client_.Events().empty());
+  Release();
+  const std::string answer = "response 100 " + std::to_string(id) + " 200 0 final";
+  ASSERT_TRUE(client_.Await(answer));
+  ASSERT_TRUE(WaitUntil([&] { return peer.finished() == 1; }));
+  EXPECT_EQ("GET /early HTTP/1.1\r\nAccept-Language: en-us\r\n\r\n", request);
+  EXPECT_EQ(std::vector<std::string>{answer}, client_.Events());
+  // Only a request that finds the connection is logged.
+  EXPECT_FALSE(log.Holds("Sending Request"));
+}
+
+TEST_F(StreamingConnecting, AStopBeforeTheConnectionIsTheEnd) {
+  HttpPeer never(vex_test::StaySilent());
+  HttpPeer peer(vex_test::AnswerWith("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n"));
+  HoldThePool();
+  const int stopped = Start(never.ip(), never.port());
+  Get(stopped);
+  const int other = Start(peer.ip(), peer.port());
+  Get(other);
+  EXPECT_EQ(0, StopClientTransfer(stopped));
+  Release();
+  // The one thread has come to the other behind it.
+  const std::string answer = "response 100 " + std::to_string(other) + " 200 0 final";
+  ASSERT_TRUE(client_.Await(answer));
+  EXPECT_EQ(std::vector<std::string>{answer}, client_.Events());
+  EXPECT_EQ(0, never.connections());
+  const LogCapture log;
+  EXPECT_EQ(0, StopClientTransfer(stopped));
+  EXPECT_EQ(1, log.Count("No client found!!"));
+}
+
+TEST_F(StreamingConnecting, AStopOfAConnectThatWaitsCallsNothingBack) {
+  const FullListener full;
+  const int descriptors = vex_test::DescriptorCount();
+  const LogCapture log;
+  const int id = Start("127.0.0.1", full.port());
+  Get(id);
+  ASSERT_TRUE(WaitUntil([&] { return vex_test::DescriptorCount() > descriptors; }));
+  EXPECT_EQ(0, StopClientTransfer(id));
+  ASSERT_TRUE(WaitUntil([&] { return vex_test::DescriptorCount() == descriptors; }));
+  EXPECT_LE(log.Count(NotFound(id)), 1);
+  EXPECT_FALSE(log.Holds("Error: "));
+  EXPECT_TRUE(client_.Events().empty());
+}
+
+// The synchronous client.
+
+TEST_F(StreamingConnecting, ASynchronousConnectThatThePoolMakesTooLateIsNotUsed) {
+  HttpPeer peer(vex_test::StaySilent());
+  HoldThePool();
+  int id = 0;
+  ASSERT_EQ(0, StartSyncClient(&id));
+  const LogCapture log;
+  {
+    const vex_test::FasterTime faster(50);
+    EXPECT_EQ(1006, ConnectSyncClient(id, peer.ip().c_str(), peer.port()));
+  }
+  EXPECT_EQ(1, log.Count("Error: timed_wait failed!"));
+  EXPECT_EQ(1, log.Count("Error: connect failed!"));
+  EXPECT_EQ(0, log.Count("Sync Connect success"));
+  Release();
+  ASSERT_TRUE(WaitUntil([&] { return log.Count("Sync Connect success") == 1; }));
+  ASSERT_TRUE(WaitUntil([&] { return peer.connections() == 1; }));
+  EXPECT_EQ(0, log.Count("Socket connected"));
+  EXPECT_EQ(0, peer.finished());
+  EXPECT_EQ(0, StopClientTransfer(id));
+  EXPECT_TRUE(WaitUntil([&] { return peer.finished() == 1; }));
+  EXPECT_EQ(0, StopClientTransfer(id));
+  EXPECT_EQ(1, log.Count("No client found!!"));
+}
+
+TEST_F(StreamingConnecting, ASynchronousConnectThatIsAnsweredTooLateIsNotUsed) {
+  FullListener full;
+  const int descriptors = vex_test::DescriptorCount();
+  int id = 0;
+  ASSERT_EQ(0, StartSyncClient(&id));
+  const LogCapture log;
+  {
+    const vex_test::FasterTime faster(50);
+    EXPECT_EQ(1006, ConnectSyncClient(id, "127.0.0.1", full.port()));
+  }
+  EXPECT_EQ(1, log.Count("Invoking Sync Connect on socket"));
+  EXPECT_EQ(0, log.Count("Sync Connect success"));
+  EXPECT_EQ(descriptors + 1, vex_test::DescriptorCount());
+  // The system asks again by itself, after a second or three.
+  ASSERT_TRUE(WaitUntil([&] {
+    full.MakePlace();
+    return log.Count("Sync Connect success") == 1;
+  }));
+  EXPECT_EQ(0, log.Count("Socket connected"));
+  EXPECT_EQ(0, StopClientTransfer(id));
+  EXPECT_EQ(1, log.Count("~OutgoingSyncSession id [" + std::to_string(id) + "]"));
+}
+
+}  // namespace
+}  // namespace streaming
+}  // namespace vex_upnp
