@@ -279,6 +279,40 @@ TEST(StreamingRecord, RequestFromTheWire) {
   Release(request);
 }
 
+// An empty Transfer-Encoding is refused with the message.
+TEST(StreamingRecord, AKnownHeaderWithAnEmptyValueIsNull) {
+  const vex_test::LogCapture log;
+  ReqHeaderInfo* request =
+      FormRequestHeaderInfo(Parsed("GET /p HTTP/1.1\r\nAccept:\r\nConnection: \r\nContent-Type:\r\n"
+                                   "Date:\r\nExpect:\r\nFrom:\r\nHost:\r\nLast-Modified:\r\n"
+                                   "User-Agent:\r\nContent-Length:\r\n\r\n"))
+          .release();
+  ASSERT_NE(nullptr, request);
+  EXPECT_STREQ("/p", request->uri);
+  for (const char* const text :
+       {request->accept, request->connection, request->content_type, request->date, request->expect,
+        request->from, request->host, request->last_modified, request->user_agent}) {
+    EXPECT_EQ(nullptr, text);
+  }
+  EXPECT_EQ(0, request->content_length);
+  EXPECT_EQ(1, log.Count("bad conversion.. making length 0!"));
+  EXPECT_EQ(nullptr, request->additional_headers);
+  FreeRequestHeader(request);
+  ResHeaderInfo* response =
+      FormResponseHeaderInfo(Parsed("HTTP/1.1 200 OK\r\nAccept-Ranges:\r\nConnection:\r\n"
+                                    "Content-Language:\r\nContent-Type:\r\nDate: \r\n"
+                                    "Last-Modified:\r\nServer:\r\n\r\n"))
+          .release();
+  ASSERT_NE(nullptr, response);
+  for (const char* const text :
+       {response->accept_ranges, response->connection, response->content_language,
+        response->content_type, response->date, response->last_modified, response->server}) {
+    EXPECT_EQ(nullptr, text);
+  }
+  EXPECT_EQ(nullptr, response->additional_headers);
+  FreeResponseHeader(response);
+}
+
 TEST(StreamingRecord, KeptUnknownVersionsCountOppositely) {
   ReqHeaderInfo* request = FormRequestHeaderInfo(Parsed("GET / HTTP/1.2\r\n\r\n")).release();
   EXPECT_EQ(HTTP_1_1, request->http_version);
@@ -371,8 +405,9 @@ TEST(StreamingChunks, APayloadWhoseFrameDoesNotFitIsRefused) {
 
 TEST(StreamingText, UnescapesInPlace) {
   const std::vector<std::pair<std::string, std::string>> rows = {
-      {"a%20b%2Fc", "a b/c"}, {"%4a%4A", "JJ"}, {"100%", "100%"},   {"%4", "%4"},
-      {"%zz%41", "%zzA"},     {"%%41", "%A"},   {"plain", "plain"}, {"", ""}};
+      {"a%20b%2Fc", "a b/c"}, {"%4a%4A", "JJ"},   {"100%", "100%"},
+      {"%4", "%4"},           {"%zz%41", "%zzA"}, {"%4z%41", "%4zA"},
+      {"%%41", "%A"},         {"plain", "plain"}, {"", ""}};
   for (const auto& row : rows) {
     std::vector<char> text(row.first.begin(), row.first.end());
     text.push_back('\0');
