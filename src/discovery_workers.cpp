@@ -42,7 +42,7 @@ bool DiscoveryWorkers::StartInLine(int timer_id, const std::string& base_name, c
   if (line_threads_ < limits::kDescriptionWorkers &&
       // Moved, not copied: an exception on the new thread would be the end of the process.
       StartThread(timer_id, base_name,
-                  [this, timer_id, job]() mutable { RunLine(timer_id, std::move(job)); })) {
+                  [this, timer_id, own = job]() mutable { RunLine(timer_id, std::move(own)); })) {
     ++line_threads_;
     return true;
   }
