@@ -148,6 +148,7 @@ grep -q 'SetVolume(InstanceID: ui4, Channel: string, DesiredVolume: ui2)' "$work
 # fetch_tone UDN: a file of the media server, compared with the one it serves.
 fetch_tone() {
   say "\$ vexcp browse $1 music"
+  "$build/vexcp" browse "$1" music || fail "the media server was not browsed"
   "$build/vexcp" browse "$1" music --json >"$work/music"
   local url
   url=$(sed -n 's/.*"url":"\([^"]*\)".*/\1/p' "$work/music")
