@@ -382,8 +382,9 @@ void DescriptionListener::PopulateServiceDescription(
       if (requests == 0) manager.NotifyDeviceReady(device);
       VEX_LOG(kLogStep, kTag, "Sent request for %d services", requests);
     } catch (...) {
+      // What could not be described has left the list; what is ready stays, whatever its listeners
+      // throw.
       LogCurrentException(VEX_LOG_SITE, kLogMajor, kTag, "Exception: %s", "Unknown Exception");
-      manager.LoseDevice(device->udn);
     }
   }
 }

@@ -3,7 +3,9 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <list>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -92,6 +94,26 @@ TEST_F(DiscoveryDescription, ADeviceWithoutServicesIsAddedStraightAway) {
   ASSERT_TRUE(HasEvents(1));
   EXPECT_THAT(DiscoveryRig::EventLog(), ElementsAre("+uuid:a+localhost"));
   EXPECT_EQ(1U, server_.Requests().size());
+}
+
+// It left the list without a word, and its host was never told that it had gone.
+TEST_F(DiscoveryDescription, RegressionADeviceWhoseListenerThrowsStaysListed) {
+  DiscoveryRig::Register(kMediaServer);
+  DiscoveryRig::OnEvent(
+      [](const vex_test::DeviceEvent&) { throw std::runtime_error("of a host"); });
+  const LogCapture log;
+  const std::string url = ServeDevice(server_, "/d.xml", Plain("uuid:a", 0));
+  DiscoveryRig::Receive(Alive("uuid:a", url));
+  ASSERT_TRUE(WaitUntil([&] { return log.Holds("of a host"); }));
+  // The request goes behind everything that follows the exception.
+  const boost::shared_ptr<NowRequesting> next(
+      new NowRequesting("uuid:a+localhost", url, "127.0.0.1", 1, "", ""));
+  ASSERT_TRUE(
+      WaitUntil([&] { return CPDiscoveryManager::GetInstance()->AddNowRequesting(next) == 0; }));
+  DiscoveryRig::OnEvent(nullptr);
+  std::list<DeviceInfo> devices;
+  EXPECT_EQ(0, GetDeviceList(kMediaServer, &devices));
+  EXPECT_EQ(1U, devices.size());
 }
 
 TEST_F(DiscoveryDescription, TheThirdAnswerOfThreeAddsTheDeviceInAnyOrder) {
