@@ -267,7 +267,8 @@ TEST_F(StreamingInterfaces, AnIdIsUsedUpByAServerThatCannotComeBack) {
   }
   ASSERT_TRUE(
       WaitUntil([&] { return log_.Count(16, kTag, "Not able to start TCP server!") == 1; }));
-  EXPECT_EQ(1, log_.Count(16, kTag, "Not able to start TCP on interface 10.77.1.1"));
+  EXPECT_TRUE(WaitUntil(
+      [&] { return log_.Count(16, kTag, "Not able to start TCP on interface 10.77.1.1") == 1; }));
   held.reset();
   {
     const vex_test::ScopedLinkDown down("lan1");
