@@ -17,6 +17,7 @@ constexpr std::size_t kMostValues = 16384;
 constexpr long long kViolationsTold = 100;
 
 std::mutex output_mutex;
+std::atomic<std::size_t> heap_peak{0};
 
 }  // namespace
 
@@ -77,6 +78,13 @@ std::string Latencies::Take() {
   return text + "]";
 }
 
+void WatchHeap() {
+  const std::size_t used = mallinfo2().uordblks;
+  std::size_t peak = heap_peak;
+  while (used > peak && !heap_peak.compare_exchange_weak(peak, used)) {
+  }
+}
+
 void PrintWindow() {
   const auto all = {std::make_pair("actions", &counts.actions),
                     std::make_pair("outcomes", &counts.outcomes),
@@ -100,10 +108,12 @@ void PrintWindow() {
     text += ", \"" + std::string(name) + "\": " + std::to_string(count->load());
   const struct mallinfo2 heap = mallinfo2();
   Print(
-      "{\"e\": \"window\", \"t\": %lld, \"heap\": [%zu, %zu], \"action_us\": %s, \"event_us\": "
+      "{\"e\": \"window\", \"t\": %lld, \"heap\": [%zu, %zu, %zu], \"action_us\": %s, "
+      "\"event_us\": "
       "%s%s}",
       static_cast<long long>(Now()), heap.uordblks + heap.hblkhd, heap.fordblks,
-      action_latencies.Take().c_str(), event_latencies.Take().c_str(), text.c_str());
+      heap_peak.exchange(0), action_latencies.Take().c_str(), event_latencies.Take().c_str(),
+      text.c_str());
 }
 
 }  // namespace soak

@@ -63,8 +63,11 @@ class Latencies {
 extern Latencies action_latencies;
 extern Latencies event_latencies;
 
-// A window's latencies, the bytes that the heap has given out and those it keeps for later, and all
-// counts, as one line.
+// Looks how much the heap has given out just now; the window tells the most that was seen.
+void WatchHeap();
+
+// A window's latencies, the bytes that the heap has given out, those it keeps for later and the
+// most it had given out, and all counts, as one line.
 void PrintWindow();
 
 }  // namespace soak

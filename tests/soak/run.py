@@ -47,8 +47,8 @@ LARGEST_GROWTH = 0.01
 # Of the bytes in use, far fewer, which go up and down with every description and transfer.
 LARGEST_HEAP_GROWTH = 0.05
 COLUMNS = ("t_s", "rss_kib", "pss_kib", "private_dirty_kib", "heap_kib", "stacks_kib",
-           "files_kib", "blocks_kib", "heap_used_kib", "heap_free_kib", "descriptors", "threads",
-           "cpu_s",
+           "files_kib", "blocks_kib", "heap_used_kib", "heap_free_kib", "heap_peak_kib", "descriptors",
+           "threads", "cpu_s",
            "devices", "actions", "action_p50_us", "action_p95_us", "action_p99_us",
            "action_max_us", "events", "event_p50_us", "event_p95_us", "event_p99_us",
            "event_max_us", "joins", "join_p50_us", "join_p95_us", "join_p99_us", "join_max_us",
@@ -122,7 +122,8 @@ class Soak:
             row = {"t_s": round(time.monotonic() - self.begun, 1),
                    "devices": len(self.house.alive())}
             row.update(measure(self.host.process.pid))
-            row["heap_used_kib"], row["heap_free_kib"] = (size // 1024 for size in window["heap"])
+            row["heap_used_kib"], row["heap_free_kib"], row["heap_peak_kib"] = (
+                size // 1024 for size in window["heap"])
             for name, values in (("action", window["action_us"]), ("event", window["event_us"]),
                                  ("join", percentiles(self.joins.take()))):
                 row[name + "s"] = values[0]

@@ -35,6 +35,7 @@ namespace {
 using soak::Print;
 
 constexpr std::chrono::milliseconds kTick{20};
+constexpr std::chrono::milliseconds kHeapTick{2};
 constexpr std::int64_t kSecond = 1000000000;
 constexpr std::int64_t kWindow = 10 * kSecond;
 constexpr std::int64_t kEventLimit = 10 * kSecond;
@@ -103,6 +104,12 @@ class SoakHost {
     const int port = server_.Start();
     started_ = true;
     worker_ = std::thread([this] { Work(); });
+    watcher_ = std::thread([this] {
+      while (!ended_) {
+        soak::WatchHeap();
+        std::this_thread::sleep_for(kHeapTick);
+      }
+    });
     Print("{\"e\": \"started\", \"port\": %d}", port);
   }
 
@@ -150,6 +157,7 @@ class SoakHost {
     WaitUntilIdle();
     ended_ = true;
     worker_.join();
+    watcher_.join();
     server_.Stop();
     downloads_.Stop();
     control_point_.Stop();
@@ -164,6 +172,7 @@ class SoakHost {
   soak::FileServer server_;
   soak::ControlPoint control_point_;
   std::thread worker_;
+  std::thread watcher_;
   int threads_ = 0;
   int descriptors_ = 0;
   bool started_ = false;
