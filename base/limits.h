@@ -12,7 +12,11 @@ namespace limits {
 // One read of a datagram server, an incoming or an outgoing session.
 constexpr std::size_t kReceiveBuffer = 8192;
 // Datagrams that a server reads before it lets the other servers of its thread have their turn.
-constexpr int kDatagramsPerWakeUp = 64;
+constexpr int kDatagramsPerWakeUp = 32;
+// With as many parsed ones waiting, servers read no more until some have been handled, or for so
+// long: the kernel keeps what has not been read at less cost, and gives all of its memory back.
+constexpr std::size_t kEasyDatagrams = 32;
+constexpr int kReadingPauseMs = 10;
 // A datagram's unfinished header, joined over datagrams.
 constexpr std::size_t kPartialDatagramHeader = 64 * 1024;
 // Parsed datagrams that wait for a thread.

@@ -74,8 +74,9 @@ void CallBackHandler::DestroyInstance() {
 }
 
 CallBackHandler::CallBackHandler()
-    : incoming_tcp_packets_(kNoBound, kNoBound),
-      incoming_udp_packets_(limits::kQueuedDatagrams, limits::kQueuedDatagramBytes) {}
+    : incoming_tcp_packets_(kNoBound, kNoBound, kNoBound),
+      incoming_udp_packets_(limits::kQueuedDatagrams, limits::kQueuedDatagramBytes,
+                            limits::kEasyDatagrams) {}
 
 CallBackHandler::~CallBackHandler() {
   StopPools();
@@ -217,6 +218,10 @@ int CallBackHandler::InvokeUDPRequestHandler(boost::shared_ptr<utils::HTTPInfo>&
       break;
   }
   return result::kOk;
+}
+
+void CallBackHandler::LetDatagramsBeHandled() {
+  incoming_udp_packets_.AwaitEasy(boost::chrono::milliseconds(limits::kReadingPauseMs));
 }
 
 int CallBackHandler::InvokeResponseHandler(const int& session_id,

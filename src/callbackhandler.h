@@ -66,6 +66,8 @@ class CallBackHandler : public VEXUncopyable,
   // `bytes` is what the message takes of the memory set aside for waiting datagrams. When that is
   // used up the datagram is dropped and counted.
   int InvokeUDPRequestHandler(boost::shared_ptr<utils::HTTPInfo>& request, std::size_t bytes = 0);
+  // Lets the threads catch up with the datagrams that wait, for a moment at most.
+  void LetDatagramsBeHandled();
   // An answer for a session that nobody is registered for is dropped.
   int InvokeResponseHandler(const int& session_id, boost::shared_ptr<utils::HTTPInfo>& response);
 

@@ -5,9 +5,19 @@
 #include "base/limits.h"
 #include "base/log.h"
 #include "base/retry.h"
+#include "src/callbackhandler.h"
 
 namespace vex_upnp {
 namespace network_layer {
+
+namespace {
+
+void LetDatagramsBeHandled() {
+  const boost::shared_ptr<CallBackHandler> handler = CallBackHandler::ExistingInstance();
+  if (handler) handler->LetDatagramsBeHandled();
+}
+
+}  // namespace
 
 DatagramServer::DatagramServer(const std::string& ip, const std::string& interface_name, int port,
                                io_service& io)
@@ -56,6 +66,7 @@ void DatagramServer::async_receive() {
 
 void DatagramServer::read_handler(const error_code& error, unsigned int generation) {
   const LogSite site = VEX_LOG_SITE;
+  LetDatagramsBeHandled();
   RetryWithoutMemory([&] {
     boost::lock_guard<boost::mutex> lock(mutex_);
     if (generation != generation_) return;

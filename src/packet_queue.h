@@ -7,7 +7,10 @@
 #include <unordered_map>
 #include <utility>
 
+#include <boost/chrono/duration.hpp>
+#include <boost/thread/condition_variable.hpp>
 #include <boost/thread/lock_guard.hpp>
+#include <boost/thread/lock_types.hpp>
 #include <boost/thread/mutex.hpp>
 
 #include "base/thread_marks.h"
@@ -25,8 +28,9 @@ class PacketQueue {
  public:
   enum class Entry { kReady, kHeldBack, kRefused };
 
-  PacketQueue(std::size_t most_packets, std::size_t most_bytes)
-      : most_packets_(most_packets), most_bytes_(most_bytes) {}
+  // With fewer than `easy_packets` waiting, AwaitEasy does not wait.
+  PacketQueue(std::size_t most_packets, std::size_t most_bytes, std::size_t easy_packets)
+      : most_packets_(most_packets), most_bytes_(most_bytes), easy_packets_(easy_packets) {}
 
   // kReady: a job is to be posted. kHeldBack: Finish will ask for one. kRefused: no room.
   Entry Append(const std::string& key, const Packet& packet, std::size_t bytes) {
@@ -55,7 +59,14 @@ class PacketQueue {
     --packets_;
     bytes_ -= first.bytes;
     ready_.pop_front();
+    if (packets_ + 1 == easy_packets_) eased_.notify_all();
     return true;
+  }
+
+  // For whoever could bring more: lets those who take packets catch up, for `most` at most.
+  void AwaitEasy(boost::chrono::milliseconds most) VEX_NO_THREAD_SAFETY_ANALYSIS {
+    boost::unique_lock<boost::mutex> lock(mutex_);
+    eased_.wait_for(lock, most, [this] { return packets_ < easy_packets_; });
   }
 
   // The packet that was taken under `key` has been handled. True when the next one of that key has
@@ -85,6 +96,7 @@ class PacketQueue {
       lanes.swap(lanes_);
       packets_ = 0;
       bytes_ = 0;
+      eased_.notify_all();
     }
     for (const Waiting& waiting : ready) take(waiting.packet);
     for (const auto& lane : lanes) {
@@ -106,6 +118,8 @@ class PacketQueue {
 
   const std::size_t most_packets_;
   const std::size_t most_bytes_;
+  const std::size_t easy_packets_;
+  boost::condition_variable eased_;
   mutable boost::mutex mutex_;
   std::list<Waiting> ready_ VEX_GUARDED_BY(mutex_);
   // One lane for each key of which a packet is ready or being handled: what came behind it.

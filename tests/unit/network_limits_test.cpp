@@ -9,6 +9,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <fstream>
 #include <memory>
 #include <string>
@@ -22,6 +24,7 @@
 
 #include "base/io_threads.h"
 #include "base/limits.h"
+#include "src/callbackhandler.h"
 #include "src/datagram_feed.h"
 #include "src/http_feed.h"
 #include "src/message_budget.h"
@@ -130,6 +133,68 @@ TEST(DatagramTurn, EndsBehindItsLastDatagramThoughMoreAreWaiting) {
   EXPECT_TRUE(WaitUntil([&] { return answers->Count() == turn; }));
   io.run_one();
   EXPECT_TRUE(WaitUntil([&] { return answers->Count() == turn + 1; }));
+  server->Stop();
+  io.poll();
+}
+
+// Held by a callback until the end of the scope, as a host may hold it.
+class StuckCallback {
+ public:
+  explicit StuckCallback(const boost::shared_ptr<CallBackHandler>& handler) {
+    std::vector<std::string> patterns = {"HTTP/1.1,200,STUCK"};
+    boost::shared_ptr<UDPRequestListener> listener(new Listener(*this));
+    handler->RegisterUDPPattern(patterns, listener, id_);
+  }
+  StuckCallback(const StuckCallback&) = delete;
+  StuckCallback& operator=(const StuckCallback&) = delete;
+  ~StuckCallback() { Free(); }
+  void Free() { free_ = true; }
+  bool entered() const { return entered_; }
+
+ private:
+  class Listener : public UDPRequestListener {
+   public:
+    explicit Listener(StuckCallback& owner) : owner_(owner) {}
+    void OnUDPRequestReceived(boost::shared_ptr<utils::HTTPInfo>) override {
+      owner_.entered_ = true;
+      WaitUntil([this] { return owner_.free_.load(); }, std::chrono::minutes(2));
+    }
+
+   private:
+    StuckCallback& owner_;
+  };
+  int id_ = 0;
+  std::atomic<bool> entered_{false};
+  std::atomic<bool> free_{false};
+};
+
+// What waits in the kernel costs less than what waits parsed, and none is lost.
+TEST(DatagramTurn, PausesWhileTooManyWaitAndGoesOnThoughNoneIsHandled) {
+  vex_test::RunningCallbacks callbacks;
+  const boost::shared_ptr<vex_test::DatagramSink> answers = callbacks.Collect("HTTP/1.1,200,USN");
+  StuckCallback stuck(CallBackHandler::GetInstance());
+  io_service io;
+  const std::string ip = vex_test::OwnLoopbackAddress();
+  const boost::shared_ptr<UDPServer> server(new UDPServer(ip, "lo", 0, io));
+  int port = 0;
+  ASSERT_EQ(result::kOk, server->Start(port));
+  UdpSocket peer(ip);
+  ASSERT_TRUE(peer.SendTo(ip, port, "HTTP/1.1 200 OK\r\nSTUCK: 1\r\n\r\n"));
+  io.run_one();
+  ASSERT_TRUE(WaitUntil([&] { return stuck.entered(); }));
+  // All of one sender wait behind the one that is being handled.
+  constexpr int kTurns = 3;
+  const std::size_t all = kTurns * static_cast<std::size_t>(limits::kDatagramsPerWakeUp);
+  for (std::size_t i = 0; i < all; ++i) {
+    ASSERT_TRUE(peer.SendTo(ip, port, "HTTP/1.1 200 OK\r\nUSN: uuid:x\r\n\r\n"));
+  }
+  const auto begun = std::chrono::steady_clock::now();
+  for (int turn = 0; turn < kTurns; ++turn) io.run_one();
+  EXPECT_GE(std::chrono::steady_clock::now() - begun,
+            (kTurns - 1) * std::chrono::milliseconds(limits::kReadingPauseMs));
+  EXPECT_EQ(0U, answers->Count());
+  stuck.Free();
+  EXPECT_TRUE(WaitUntil([&] { return answers->Count() == all; }));
   server->Stop();
   io.poll();
 }

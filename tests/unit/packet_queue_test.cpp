@@ -2,8 +2,11 @@
 
 #include <gmock/gmock.h>
 
+#include <atomic>
+#include <chrono>
 #include <new>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tests/support/fail_alloc.h"
@@ -22,7 +25,7 @@ int TakeOne(Queue& queue, std::string& key) {
 }
 
 TEST(PacketQueue, GivesOutInOrderOfArrival) {
-  Queue queue(10, 100);
+  Queue queue(10, 100, 3);
   for (int i = 1; i <= 3; ++i) EXPECT_EQ(Queue::Entry::kReady, queue.Append("", i, 1));
   std::string key;
   EXPECT_EQ(1, TakeOne(queue, key));
@@ -33,7 +36,7 @@ TEST(PacketQueue, GivesOutInOrderOfArrival) {
 }
 
 TEST(PacketQueue, HoldsBackASecondPacketOfAKeyUntilTheFirstIsFinished) {
-  Queue queue(10, 100);
+  Queue queue(10, 100, 3);
   EXPECT_EQ(Queue::Entry::kReady, queue.Append("a", 1, 1));
   EXPECT_EQ(Queue::Entry::kHeldBack, queue.Append("a", 2, 1));
   EXPECT_EQ(Queue::Entry::kHeldBack, queue.Append("a", 3, 1));
@@ -56,7 +59,7 @@ TEST(PacketQueue, HoldsBackASecondPacketOfAKeyUntilTheFirstIsFinished) {
 }
 
 TEST(PacketQueue, PacketsWithoutAKeyNeverWaitForEachOther) {
-  Queue queue(10, 100);
+  Queue queue(10, 100, 3);
   std::string key = "x";
   queue.Append("", 1, 1);
   EXPECT_EQ(1, TakeOne(queue, key));
@@ -66,7 +69,7 @@ TEST(PacketQueue, PacketsWithoutAKeyNeverWaitForEachOther) {
 }
 
 TEST(PacketQueue, RefusesWhatIsPastTheNumber) {
-  Queue queue(2, 100);
+  Queue queue(2, 100, 3);
   EXPECT_EQ(Queue::Entry::kReady, queue.Append("", 1, 1));
   EXPECT_EQ(Queue::Entry::kReady, queue.Append("a", 2, 1));
   EXPECT_EQ(Queue::Entry::kRefused, queue.Append("a", 3, 1));
@@ -78,7 +81,7 @@ TEST(PacketQueue, RefusesWhatIsPastTheNumber) {
 }
 
 TEST(PacketQueue, RefusesWhatIsPastTheBytesAndTakesWhatFitsExactly) {
-  Queue queue(10, 100);
+  Queue queue(10, 100, 3);
   EXPECT_EQ(Queue::Entry::kReady, queue.Append("", 1, 60));
   EXPECT_EQ(Queue::Entry::kRefused, queue.Append("", 2, 41));
   EXPECT_EQ(Queue::Entry::kReady, queue.Append("", 3, 40));
@@ -89,7 +92,7 @@ TEST(PacketQueue, RefusesWhatIsPastTheBytesAndTakesWhatFitsExactly) {
 }
 
 TEST(PacketQueue, RefusedPacketDoesNotHoldBackItsKey) {
-  Queue queue(1, 100);
+  Queue queue(1, 100, 3);
   queue.Append("", 1, 1);
   EXPECT_EQ(Queue::Entry::kRefused, queue.Append("a", 2, 1));
   std::string key;
@@ -104,7 +107,7 @@ TEST(PacketQueue, AnAppendThatFailsForWantOfMemoryLeavesTheKeyOpen) {
   const std::string key = kLongKey;
   const int failed = vex_test::EachAllocationFails(
       [&] {
-        Queue queue(10, 100);
+        Queue queue(10, 100, 3);
         bool taken_in = true;
         try {
           queue.Append(key, 1, 1);
@@ -126,7 +129,7 @@ TEST(PacketQueue, AnAppendThatFailsForWantOfMemoryLeavesTheKeyOpen) {
 
 TEST(PacketQueue, FinishingNeedsNoMemory) {
   const std::string key = kLongKey;
-  Queue queue(10, 100);
+  Queue queue(10, 100, 3);
   queue.Append(key, 1, 1);
   queue.Append(key, 2, 1);
   std::string taken;
@@ -143,7 +146,7 @@ std::vector<int> All(PacketQueue<int>& queue) {
 }
 
 TEST(PacketQueue, TakeAllGivesReadyAndHeldBackPacketsAndMakesRoom) {
-  Queue queue(3, 3);
+  Queue queue(3, 3, 3);
   queue.Append("a", 1, 1);
   queue.Append("a", 2, 1);
   queue.Append("", 3, 1);
@@ -154,13 +157,59 @@ TEST(PacketQueue, TakeAllGivesReadyAndHeldBackPacketsAndMakesRoom) {
 }
 
 TEST(PacketQueue, FinishAfterTakeAllFindsNothing) {
-  Queue queue(10, 100);
+  Queue queue(10, 100, 3);
   queue.Append("a", 1, 1);
   queue.Append("a", 2, 1);
   std::string key;
   TakeOne(queue, key);
   All(queue);
   EXPECT_FALSE(queue.Finish(key));
+}
+
+void Fill(Queue& queue, int packets) {
+  for (int i = 0; i < packets; ++i) queue.Append("", i, 1);
+}
+
+// Longer than any test may take: who waits so long fails it.
+constexpr boost::chrono::hours kForEver(1);
+
+TEST(PacketQueue, NobodyWaitsForAnEasyOne) {
+  Queue queue(10, 100, 3);
+  Fill(queue, 2);
+  queue.AwaitEasy(kForEver);
+  EXPECT_EQ(2U, queue.size());
+}
+
+TEST(PacketQueue, IsEasyAgainWhenOneOfTooManyIsTaken) {
+  Queue queue(10, 100, 3);
+  Fill(queue, 3);
+  std::atomic<bool> easy{false};
+  std::thread waiting([&] {
+    queue.AwaitEasy(kForEver);
+    easy = true;
+  });
+  EXPECT_FALSE(easy);
+  std::string key;
+  EXPECT_EQ(0, TakeOne(queue, key));
+  waiting.join();
+  EXPECT_TRUE(easy);
+}
+
+TEST(PacketQueue, IsEasyAgainWhenItIsEmptied) {
+  Queue queue(10, 100, 3);
+  Fill(queue, 5);
+  std::thread waiting([&] { queue.AwaitEasy(kForEver); });
+  queue.TakeAll([](int) {});
+  waiting.join();
+}
+
+TEST(PacketQueue, WhoWaitsForAnEasyOneWaitsNoLongerThanAsked) {
+  Queue queue(10, 100, 3);
+  Fill(queue, 3);
+  const auto begun = std::chrono::steady_clock::now();
+  queue.AwaitEasy(boost::chrono::milliseconds(20));
+  EXPECT_GE(std::chrono::steady_clock::now() - begun, std::chrono::milliseconds(20));
+  EXPECT_EQ(3U, queue.size());
 }
 
 }  // namespace
