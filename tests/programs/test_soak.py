@@ -19,7 +19,7 @@ import run as soak_run  # noqa: E402
 
 def options(out, hours, build=BINARY_DIR):
     return argparse.Namespace(hours=hours, build=build, out=out, devices=20, speed=8.0,
-                              rate=40, seed=1, malloc="plain")
+                              rate=40, seed=1, malloc="trimmed")
 
 
 def in_a_quiet_house(out, hours, work):

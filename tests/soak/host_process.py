@@ -18,8 +18,10 @@ PLAIN_MALLOC = ("glibc.malloc.arena_max=1:glibc.malloc.tcache_count=0:"
 class HostProcess:
     def __init__(self, build, served, rate, malloc):
         command = [os.path.join(build, "soak_host"), "eth0", served, str(rate)]
+        if malloc == "trimmed":
+            command.append("--trim")
         environment = dict(os.environ)
-        if malloc == "plain":
+        if malloc != "default":
             environment["GLIBC_TUNABLES"] = PLAIN_MALLOC
         self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                                         text=True, env=environment)

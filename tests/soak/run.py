@@ -2,7 +2,7 @@
 """Long life: one process of the library in a changing house of simulated devices.
 
   run.py HOURS [--build DIR] [--out DIR] [--devices N] [--speed X] [--rate N] [--seed N]
-         [--malloc plain|default] [--no-plot]
+         [--malloc trimmed|plain|default] [--no-plot]
 
 To be run by tools/two_hosts. The house is changed all the time: devices join, say byebye, die
 without a word, come back, stop for seconds; lamps and others are changed, which their subscribers
@@ -14,8 +14,8 @@ the house so many times faster, for short runs.
 
 The C library keeps what a program has freed, in up to eight arenas a processor and in a cache of
 each thread, and some forty threads fill those for hours. "plain" gives the host one arena and no
-caches, so that its resident memory is what it uses; "default" shows what a host gets that sets
-nothing.
+caches; "trimmed", the usual one, also gives the heap's free pages back to the kernel every ten
+seconds, so that resident memory is what is in use; "default" shows what a host gets that sets nothing.
 """
 
 import argparse
@@ -305,7 +305,8 @@ def main():
     parser.add_argument("--speed", type=float, default=1.0)
     parser.add_argument("--rate", type=int, default=40, help="actions a second")
     parser.add_argument("--seed", type=int, default=1)
-    parser.add_argument("--malloc", choices=("plain", "default"), default="plain")
+    parser.add_argument("--malloc", choices=("trimmed", "plain", "default"),
+                        default="trimmed")
     parser.add_argument("--no-plot", action="store_true")
     options = parser.parse_args()
     if "ON_DEVICES" not in os.environ:

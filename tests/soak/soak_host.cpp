@@ -2,7 +2,9 @@
 // media, and sees that the library keeps what it promises. It takes commands on standard input and
 // tells on standard output, one JSON object a line, what it saw; run.py is at the other end.
 //
-//   soak_host INTERFACE SERVED_FILE ACTIONS_PER_SECOND
+//   soak_host INTERFACE SERVED_FILE ACTIONS_PER_SECOND [--trim]
+//
+// With --trim the free pages of the heap go back to the kernel at the end of each window.
 //
 //   stable UDN | slow UDN   before "go": this device never dies; the slow one stops for seconds
 //   media SHA256            before "go": the digest of all media
@@ -14,6 +16,8 @@
 //   anew                    behind "settle": another control point takes the place of the first
 //   resume                  actions again
 //   stop                    the library ends, and the program
+#include <malloc.h>
+
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -51,8 +55,11 @@ int CountIn(const char* folder) {
 
 class SoakHost {
  public:
-  SoakHost(const std::string& interface_name, const std::string& served, unsigned rate)
-      : interface_(interface_name), server_(served), control_point_(house_, downloads_, rate) {}
+  SoakHost(const std::string& interface_name, const std::string& served, unsigned rate, bool trims)
+      : interface_(interface_name),
+        trims_(trims),
+        server_(served),
+        control_point_(house_, downloads_, rate) {}
 
   void Run() {
     std::string line;
@@ -127,6 +134,7 @@ class SoakHost {
       }
       if (soak::Now() > window) {
         window += kWindow;
+        if (trims_) malloc_trim(0);
         soak::PrintWindow();
       }
       std::this_thread::sleep_for(kTick);
@@ -167,6 +175,7 @@ class SoakHost {
   }
 
   const std::string interface_;
+  const bool trims_;
   soak::House house_;
   soak::Downloads downloads_;
   soak::FileServer server_;
@@ -186,10 +195,11 @@ class SoakHost {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 4 || std::atoi(argv[3]) < 1) {
-    std::fprintf(stderr, "usage: soak_host INTERFACE SERVED_FILE ACTIONS_PER_SECOND\n");
+  const bool trims = argc == 5 && std::string(argv[4]) == "--trim";
+  if (argc != (trims ? 5 : 4) || std::atoi(argv[3]) < 1) {
+    std::fprintf(stderr, "usage: soak_host INTERFACE SERVED_FILE ACTIONS_PER_SECOND [--trim]\n");
     return 2;
   }
-  SoakHost(argv[1], argv[2], static_cast<unsigned>(std::atoi(argv[3]))).Run();
+  SoakHost(argv[1], argv[2], static_cast<unsigned>(std::atoi(argv[3])), trims).Run();
   return soak::counts.violations == 0 ? 0 : 1;
 }
