@@ -7,7 +7,7 @@
 #include <unordered_map>
 #include <utility>
 
-#include <boost/chrono/duration.hpp>
+#include <boost/chrono/system_clocks.hpp>
 #include <boost/thread/condition_variable.hpp>
 #include <boost/thread/lock_guard.hpp>
 #include <boost/thread/lock_types.hpp>
@@ -66,7 +66,10 @@ class PacketQueue {
   // For whoever could bring more: lets those who take packets catch up, for `most` at most.
   void AwaitEasy(boost::chrono::milliseconds most) VEX_NO_THREAD_SAFETY_ANALYSIS {
     boost::unique_lock<boost::mutex> lock(mutex_);
-    eased_.wait_for(lock, most, [this] { return packets_ < easy_packets_; });
+    const auto end = boost::chrono::steady_clock::now() + most;
+    while (packets_ >= easy_packets_ &&
+           eased_.wait_until(lock, end) == boost::cv_status::no_timeout) {
+    }
   }
 
   // The packet that was taken under `key` has been handled. True when the next one of that key has

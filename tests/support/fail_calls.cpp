@@ -14,6 +14,7 @@
 #include <cstdlib>
 
 #include "base/io_threads.h"
+#include "tests/support/stumble.h"
 
 namespace {
 
@@ -59,6 +60,15 @@ bool Fails(SystemCall call) {
   if (error == 0) return false;
   errno = error;
   return true;
+}
+
+// What a call that others can see has returned.
+template <typename Result>
+Result Seen(Result result) {
+  const int error = errno;
+  vex_test::Stumble();
+  errno = error;
+  return result;
 }
 
 }  // namespace
@@ -146,7 +156,7 @@ VEX_INTERPOSED int bind(int fd, const sockaddr* address, socklen_t length) noexc
 
 VEX_INTERPOSED int connect(int fd, const sockaddr* address, socklen_t length) {
   static const auto original = Original<decltype(&connect)>("connect");
-  return Fails(SystemCall::kConnect) ? -1 : original(fd, address, length);
+  return Fails(SystemCall::kConnect) ? -1 : Seen(original(fd, address, length));
 }
 
 VEX_INTERPOSED int accept(int fd, sockaddr* address, socklen_t* length) {
@@ -161,18 +171,20 @@ VEX_INTERPOSED int accept4(int fd, sockaddr* address, socklen_t* length, int fla
 
 VEX_INTERPOSED ssize_t send(int fd, const void* data, size_t length, int flags) {
   static const auto original = Original<decltype(&send)>("send");
-  return Fails(SystemCall::kSend) ? -1 : original(fd, data, length, flags);
+  return Fails(SystemCall::kSend) ? -1 : Seen(original(fd, data, length, flags));
 }
 
 VEX_INTERPOSED ssize_t sendto(int fd, const void* data, size_t length, int flags,
                               const sockaddr* address, socklen_t address_length) {
   static const auto original = Original<decltype(&sendto)>("sendto");
-  return Fails(SystemCall::kSend) ? -1 : original(fd, data, length, flags, address, address_length);
+  return Fails(SystemCall::kSend)
+             ? -1
+             : Seen(original(fd, data, length, flags, address, address_length));
 }
 
 VEX_INTERPOSED ssize_t sendmsg(int fd, const msghdr* message, int flags) {
   static const auto original = Original<decltype(&sendmsg)>("sendmsg");
-  return Fails(SystemCall::kSend) ? -1 : original(fd, message, flags);
+  return Fails(SystemCall::kSend) ? -1 : Seen(original(fd, message, flags));
 }
 
 VEX_INTERPOSED int clock_gettime(clockid_t clock, timespec* now) noexcept {

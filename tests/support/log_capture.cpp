@@ -2,14 +2,13 @@
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
-#include <thread>
 
 #include "tests/support/no_failures.h"
+#include "tests/support/stumble.h"
 
 namespace vex_test {
 namespace {
@@ -102,8 +101,6 @@ extern "C" int __dlog_print(int log_id, int level, const char* tag, const char* 
     const std::lock_guard<std::mutex> lock(vex_test::lines_mutex);
     vex_test::lines.push_back(vex_test::TakeApart(level, tag, text));
   }
-  // A test that takes a line for what the library does behind it fails when that comes later.
-  static const char* const delay = std::getenv("VEX_TEST_LINE_DELAY_MS");
-  if (delay != nullptr) std::this_thread::sleep_for(std::chrono::milliseconds(std::atoi(delay)));
+  vex_test::Stumble();
   return 0;
 }
