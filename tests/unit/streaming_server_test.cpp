@@ -3,17 +3,15 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdlib>
 #include <string>
 #include <vector>
-
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <vexupnpcp/result_codes.h>
 #include <vexupnpcp/streaming.h>
 
 #include "base/limits.h"
+#include "tests/support/fail_calls.h"
 #include "tests/support/http_peer.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/media_client.h"
@@ -515,18 +513,11 @@ TEST_F(StreamingServer, StoppingServersEndsTheirConnectionsWithoutACallback) {
 TEST_F(StreamingServer, KeptAFailedAcceptLeavesTheServerDeaf) {
   AnswerWith(Response(200), true);
   Serve();
-  const LogCapture log;
-  std::vector<int> fillers;
   {
-    const vex_test::ScopedDescriptorLimit limit(256);
-    for (int fd = open("/dev/null", O_RDONLY); fd >= 0; fd = open("/dev/null", O_RDONLY))
-      fillers.push_back(fd);
-    close(fillers.back());
-    fillers.pop_back();
+    const vex_test::FailCalls no_descriptor(vex_test::SystemCall::kAccept, EMFILE, 1, 1);
     const TcpClient refused(ip_, port_);
-    ASSERT_TRUE(WaitUntil([&] { return log.Count(4, kTag, "Incoming connection") == 1; }));
+    ASSERT_TRUE(WaitUntil([&] { return no_descriptor.Failed() == 1; }));
   }
-  for (const int fd : fillers) close(fd);
   EXPECT_TRUE(host_.Events().empty());
   TcpClient unheard(ip_, port_);
   unheard.Send(kGet);
