@@ -155,7 +155,7 @@ TEST_F(FaultHost, SystemCallsFailWithAResultAndLeaveNoHarm) {
       {
         const FailCalls fail(fault.call, error);
         TryAll();
-        EXPECT_GT(fail.Failed(), 0);
+        EXPECT_TRUE(WaitUntil([&] { return fail.Failed() > 0; }));
       }
       EXPECT_TRUE(WaitUntil([this] { return HostLog::Actions().size() == sent_; }));
     }

@@ -12,6 +12,8 @@
 #include <vexupnpcp/httpinfo.h>
 #include <vexupnpcp/network_listeners.h>
 
+#include "tests/support/stumble.h"
+
 namespace vex_test {
 
 // Keeps the answers that reach it, in order.
@@ -22,7 +24,7 @@ class AnswerRecorder : public vex_upnp::network_layer::ResponseListener {
   static boost::shared_ptr<AnswerRecorder> Make() { return boost::make_shared<AnswerRecorder>(); }
 
   void OnResponseReceived(Response response, const int& session_id) override {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const StumblingLock lock(mutex_);
     answers_.emplace_back(session_id, std::move(response));
   }
 

@@ -12,6 +12,7 @@
 #include <vexupnpcp/timer.h>
 
 #include "tests/support/control_peer.h"
+#include "tests/support/stumble.h"
 #include "tests/support/wait_until.h"
 
 namespace vex_test {
@@ -95,7 +96,7 @@ void ActionLog::OnResponseReceived(const int& action_id, const int& status, cons
                                    void* context) {
   const ActionResult action_result{action_id, status, body, context};
   {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const StumblingLock lock(mutex_);
     results_.push_back(action_result);
   }
   if (on_result) on_result(action_result);
@@ -103,7 +104,7 @@ void ActionLog::OnResponseReceived(const int& action_id, const int& status, cons
 
 void ActionLog::DeleteContext(void* context) {
   {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const StumblingLock lock(mutex_);
     given_back_.push_back(context);
   }
   if (on_delete) on_delete(context);
@@ -121,7 +122,7 @@ std::vector<void*> ActionLog::GivenBack() const {
 
 void EventLog::OnEventReceived(const std::string& body) {
   {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const StumblingLock lock(mutex_);
     events_.push_back(body);
   }
   if (on_event) on_event(body);
@@ -131,7 +132,7 @@ void EventLog::OnSubscribeResponseReceived(const int& handler_id, const errorcod
                                            const std::string& message) {
   const SubscribeOutcome outcome{handler_id, code, message};
   {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const StumblingLock lock(mutex_);
     outcomes_.push_back(outcome);
   }
   if (on_outcome) on_outcome(outcome);

@@ -15,6 +15,8 @@
 
 #include "src/discovery_listener.h"
 
+#include "tests/support/stumble.h"
+
 namespace vex_test {
 namespace {
 
@@ -29,7 +31,7 @@ std::atomic<void (*)(const DeviceEvent&)> event_hook{nullptr};
 void RecordEvent(int handle, DeviceEventType event, DeviceInfo* device) {
   const DeviceEvent copy{handle, event, *device};
   {
-    const std::lock_guard<std::mutex> lock(events_mutex);
+    const StumblingLock lock(events_mutex);
     events.push_back(copy);
   }
   void (*const hook)(const DeviceEvent&) = event_hook;

@@ -12,6 +12,7 @@
 #include <vexupnpcp/framework_controller_cp.h>
 #include <vexupnpcp/network_layer.h>
 
+#include "tests/support/stumble.h"
 #include "tests/support/wait_until.h"
 
 namespace vex_test {
@@ -29,7 +30,7 @@ struct Register {
   void Note(const Told& one) {
     std::function<void(const Told&)> to_call;
     {
-      const std::lock_guard<std::mutex> lock(mutex);
+      const StumblingLock lock(mutex);
       told.push_back(one);
       to_call = hook;
     }

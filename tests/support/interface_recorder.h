@@ -9,6 +9,8 @@
 
 #include <vexupnpcp/networkmonitor.h>
 
+#include "tests/support/stumble.h"
+
 namespace vex_test {
 
 // Registered for interface events from here to the end of the scope; keeps them in order.
@@ -28,7 +30,7 @@ class InterfaceRecorder : public vex_upnp::network_layer::NetworkEventListener {
   void OnNetworkChanged(std::string& name, vex_upnp::network_layer::NicEvent event) override {
     const Event heard(name, event);
     if (action_) action_(heard);
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const StumblingLock lock(mutex_);
     events_.push_back(heard);
   }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "tests/support/no_failures.h"
+#include "tests/support/stumble.h"
 #include "tests/support/wait_until.h"
 
 namespace vex_test {
@@ -70,7 +71,7 @@ void MediaClient::OnWritten(int handler, int client, unsigned int length) {
 }
 
 void MediaClient::Keep(const std::string& event, const void* body, unsigned int length) {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const StumblingLock lock(mutex_);
   events_.push_back(event);
   if (body != nullptr) body_.append(static_cast<const char*>(body), length);
 }

@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "tests/support/no_failures.h"
+#include "tests/support/stumble.h"
 #include "tests/support/wait_until.h"
 
 namespace vex_test {
@@ -40,7 +41,7 @@ const ServerAppCallbacks* MediaHost::callbacks() {
 
 void MediaHost::OnConnect(int server, int session, int reserved) {
   const NoFailures no_failures;
-  const std::lock_guard<std::mutex> lock(current->mutex_);
+  const StumblingLock lock(current->mutex_);
   current->last_session_ = session;
   current->events_.push_back(Ids("connect", server, session) + std::to_string(reserved));
 }

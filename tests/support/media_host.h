@@ -9,6 +9,8 @@
 
 #include <vexupnpcp/streaming.h>
 
+#include "tests/support/stumble.h"
+
 namespace vex_test {
 
 // A host of streaming servers: keeps what its callbacks are told, in order, and acts on it as the
@@ -75,7 +77,7 @@ class MediaHost {
   // Keeps an event and tells what to do about it, as it was set when the event came.
   template <typename Action>
   Action Keep(const Action& action, const std::string& event, const std::string& body) {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const StumblingLock lock(mutex_);
     events_.push_back(event);
     body_ += body;
     return action;

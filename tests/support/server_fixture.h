@@ -15,6 +15,7 @@
 
 #include "base/io_threads.h"
 #include "src/callbackhandler.h"
+#include "tests/support/stumble.h"
 
 namespace vex_test {
 
@@ -73,7 +74,7 @@ class DatagramSink : public vex_upnp::network_layer::UDPRequestListener {
     request->GetClientIpAddress(seen.client_ip);
     request->GetClientPort(seen.client_port);
     request->GetMyIpAddress(seen.my_ip);
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const StumblingLock lock(mutex_);
     seen_.push_back(seen);
   }
   std::vector<Seen> All() const {
