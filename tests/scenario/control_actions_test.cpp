@@ -7,10 +7,13 @@
 #include <thread>
 #include <vector>
 
+#include <boost/thread/lock_guard.hpp>
+
 #include <vexupnpcp/cp_control.h>
 #include <vexupnpcp/httpinfo.h>
 #include <vexupnpcp/result_codes.h>
 
+#include "src/control_info.h"
 #include "src/control_requestor.h"
 #include "src/control_response_callback.h"
 #include "tests/support/control_peer.h"
@@ -322,13 +325,14 @@ TEST_F(ControlActions, AnAnswerThatBeatsItsTimerLeavesNoTimeOut) {
   int id = 0;
   ASSERT_EQ(0, Send(*peer_, log_, &context_, id));
   ASSERT_TRUE(WaitForResults(1));
-  // Once the record has gone.
+  const boost::shared_ptr<ControlInfoList> list = ControlInfoList::getInstance();
   ASSERT_TRUE(WaitUntil([&] {
-    LogCapture log;
-    ControlRequestorProbe::RunTimer(id);
-    return log.Count(16, kTag, "get_by_action_id failed!") == 1;
+    boost::lock_guard<boost::mutex> lock(list->mutex);
+    return !list->get_by_action_id(id);
   }));
   LogCapture log;
+  ControlRequestorProbe::RunTimer(id);
+  EXPECT_EQ(1, log.Count(16, kTag, "get_by_action_id failed!"));
   int second = 0;
   ASSERT_EQ(0, SendAction("uuid:1", "HOST:h:1", kSoapAction, RefusingUrl(), "", "", &log_,
                           &context_, second));

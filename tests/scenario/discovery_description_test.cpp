@@ -375,7 +375,8 @@ TEST_F(DiscoveryDescription, ADescriptionThatComesTooLateForItsServiceIsDropped)
   const boost::shared_ptr<NowRequesting> late(
       new NowRequesting("uuid:a+localhost", "urn:upnp-org:serviceId:Fake0", "/a/scpd0.xml",
                         "127.0.0.1", server_.port(), ""));
-  ASSERT_EQ(0, manager->AddNowRequesting(late));
+  // Once the first request has gone, which is behind the event.
+  ASSERT_TRUE(WaitUntil([&] { return manager->AddNowRequesting(late) == 0; }));
   ASSERT_EQ(0, manager->SendNowRequesting(late, "GET /a/scpd0.xml HTTP/1.1\r\n\r\n",
                                           DescriptionListener::GetInstance()));
   ASSERT_TRUE(WaitUntil([&] {
@@ -548,6 +549,9 @@ TEST_F(DiscoveryDescription, AnEmbeddedDeviceThatWasLostComesBackWithoutNewReque
   const std::string url = ServeDevice(server_, "/d.xml", root);
   DiscoveryRig::Receive(Alive("uuid:root", url));
   ASSERT_TRUE(HasEvents(3));
+  for (const char* key : {"uuid:root+localhost", "uuid:deep+localhost"}) {
+    ASSERT_TRUE(WaitUntil([&] { return NothingIsRequestedOf(key); }));
+  }
   {
     const boost::shared_ptr<DeviceList> list = DeviceList::GetInstance();
     boost::lock_guard<boost::recursive_mutex> lock(list->device_list_mutex);
@@ -802,11 +806,16 @@ TEST_F(DiscoveryDescription, UnregisteringEndsTheEvents) {
 
 TEST_F(DiscoveryDescription, AnObserverUnregisteredInsideACallbackIsNotCalledAnyMore) {
   static int later = 0;
+  static std::atomic<bool> gone{false};
+  gone = false;
   DiscoveryRig::Register("upnp:rootdevice");
   later = DiscoveryRig::Register("upnp:rootdevice");
-  DiscoveryRig::OnEvent([](const vex_test::DeviceEvent&) { UnRegisterCP(later); });
+  DiscoveryRig::OnEvent([](const vex_test::DeviceEvent&) {
+    UnRegisterCP(later);
+    gone = true;
+  });
   DiscoveryRig::Receive(Alive("uuid:a", ServeDevice(server_, "/d.xml", Plain("uuid:a", 0))));
-  ASSERT_TRUE(HasEvents(1));
+  ASSERT_TRUE(WaitUntil([] { return gone.load(); }));
   DiscoveryRig::OnEvent(nullptr);
   DiscoveryRig::Receive(ByebyeDatagram("uuid:a", "uuid:a"));
   EXPECT_THAT(DiscoveryRig::EventLog(), ElementsAre("+uuid:a+localhost", "-uuid:a+localhost"));
