@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <pthread.h>
+#include <sys/epoll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -62,7 +63,7 @@ bool Fails(SystemCall call) {
   return true;
 }
 
-// What a call that others can see has returned.
+// What has been returned by a call that others can see, or that tells what others did.
 template <typename Result>
 Result Seen(Result result) {
   const int error = errno;
@@ -185,6 +186,11 @@ VEX_INTERPOSED ssize_t sendto(int fd, const void* data, size_t length, int flags
 VEX_INTERPOSED ssize_t sendmsg(int fd, const msghdr* message, int flags) {
   static const auto original = Original<decltype(&sendmsg)>("sendmsg");
   return Fails(SystemCall::kSend) ? -1 : Seen(original(fd, message, flags));
+}
+
+VEX_INTERPOSED int epoll_wait(int fd, epoll_event* events, int most, int milliseconds) {
+  static const auto original = Original<decltype(&epoll_wait)>("epoll_wait");
+  return Seen(original(fd, events, most, milliseconds));
 }
 
 VEX_INTERPOSED int clock_gettime(clockid_t clock, timespec* now) noexcept {
