@@ -30,7 +30,8 @@ std::string Header(const st::ResHeaderInfo& response, const char* name) {
 
 Download* Download::current_ = nullptr;
 
-Download::Download(EventQueue& events, int file) : events_(events), file_(file) {
+Download::Download(EventQueue& events, int file, st::HTTPVersion version)
+    : events_(events), file_(file), version_(version) {
   current_ = this;
   st::InitializeStreamingManager();
 }
@@ -60,7 +61,7 @@ void Download::Start(const HttpUrl& url, long long offset, bool may_restart) {
   st::ReqHeaderInfo request;
   st::InitializeRequestHeaderInfo(&request);
   request.request_type = HTTP_GET;
-  request.http_version = st::HTTP_1_1;
+  request.http_version = version_;
   request.uri = Lend(url.target);
   request.host = Lend(authority);
   request.accept = Lend(any);

@@ -20,7 +20,7 @@ namespace vexcp {
 class Download {
  public:
   // Wakes `events` when it has ended.
-  Download(EventQueue& events, int file);
+  Download(EventQueue& events, int file, vex_upnp::streaming::HTTPVersion version);
   ~Download();
   Download(const Download&) = delete;
   Download& operator=(const Download&) = delete;
@@ -76,6 +76,7 @@ class Download {
   static Download* current_;
   EventQueue& events_;
   const int file_;
+  const vex_upnp::streaming::HTTPVersion version_;
   std::mutex mutex_;
   Progress progress_;
   long long offset_ = 0;

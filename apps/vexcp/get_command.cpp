@@ -28,6 +28,7 @@ struct GetOptions {
   std::string file;
   bool resume = false;
   unsigned tries = 3;
+  bool http_1_0 = false;
 };
 
 // Where the bytes go.
@@ -105,7 +106,9 @@ int Get(const GetOptions& options) {
   const std::string name = options.file.empty() ? url.FileName() : options.file;
   EventQueue events;
   const Target target(name, options.resume);
-  Download download(events, target.descriptor());
+  Download download(
+      events, target.descriptor(),
+      options.http_1_0 ? vex_upnp::streaming::HTTP_1_0 : vex_upnp::streaming::HTTP_1_1);
   ProgressBar bar(target.offset());
   long long offset = target.offset();
   int redirects = 0;
@@ -148,6 +151,8 @@ void AddGetCommand(CLI::App& app, Run& run) {
   command->add_option("--tries", options->tries, "how often a transfer that breaks off is tried")
       ->check(CLI::Range(1U, 1000U))
       ->capture_default_str();
+  command->add_flag("-0,--http1.0", options->http_1_0,
+                    "ask as HTTP/1.0, for a server that answers HTTP/1.1 badly");
   command->callback([options, &run] { run = [options] { return Get(*options); }; });
 }
 

@@ -31,6 +31,7 @@ http {{
     location /unchunked/ {{ alias {work}/media/; autoindex on; chunked_transfer_encoding off; }}
     location /slow/ {{ alias {work}/media/; limit_rate 1m; }}
     location /moved {{ return 302 /film; }}
+    location /version {{ return 200 "$server_protocol"; }}
   }}
 }}
 """
@@ -116,7 +117,17 @@ class ClientTest(Peers):
         data, result = get(self.url + "/unchunked/")
         self.assertEqual((0, expected), (result.returncode, data), result.stderr)
 
-    def test_http_1_0(self):
+    def test_a_request_of_http_1_0(self):
+        for version in ("1.0", "1.1"):
+            options = ["--http1.0"] if version == "1.0" else []
+            data, result = get(self.url + "/version", *options)
+            self.assertEqual((0, b"HTTP/" + version.encode()), (result.returncode, data), result.stderr)
+        # What would come in chunks ends with the connection.
+        expected, _ = self.read("/list/")
+        data, result = get(self.url + "/list/", "--http1.0")
+        self.assertEqual((0, expected), (result.returncode, data), result.stderr)
+
+    def test_an_answer_of_http_1_0(self):
         url = "http://%s:8081" % DEV1
         self.start(on_host("dev1", ["python3", "-m", "http.server", "8081", "--bind", DEV1,
                                     "--directory", self.media]), url + "/film")
