@@ -70,7 +70,8 @@ void IncomingTCPSession::RegisterRead() {
     return;
   }
   try {
-    StartRead();
+    // A device sends its event at once, so it is often here already.
+    ReadWhatCame(error);
   } catch (...) {
     LogCurrentException(VEX_LOG_SITE, kLogMajor, kTag, "Exception in RegisterRead: %s",
                         "Unknown Exception in RegisterRead");
