@@ -14,6 +14,7 @@
 #include <vexupnpcp/httpinfo.h>
 #include <vexupnpcp/result_codes.h>
 
+#include "base/address_text.h"
 #include "base/current_exception.h"
 #include "base/limits.h"
 #include "base/log.h"
@@ -179,9 +180,9 @@ void IncomingTCPSession::SetAddresses() {
     local = socket_->local_endpoint(local_error);
     remote = socket_->remote_endpoint(remote_error);
   }
-  if (!local_error) http_info_->SetMyIpAddress(local.address().to_string());
+  if (!local_error) http_info_->SetMyIpAddress(AddressText(local.address()));
   if (!remote_error) {
-    http_info_->SetClientIpAddress(remote.address().to_string());
+    http_info_->SetClientIpAddress(AddressText(remote.address()));
     http_info_->SetClientPort(remote.port());
   }
   if (local_error || remote_error) {
