@@ -187,9 +187,15 @@ TEST_F(OutgoingSyncTest, WithoutAMessageToFillItFails) {
 }
 
 TEST_F(OutgoingSyncTest, StoppingTheLayerEndsIt) {
-  HttpPeer peer(vex_test::StaySilent());
+  // Before it has been sent, a stop ends the connect.
+  std::atomic<bool> asked{false};
+  HttpPeer peer([&](PeerConnection& connection) {
+    connection.ReadRequest();
+    asked = true;
+    connection.AwaitEnd();
+  });
   std::future<int> outcome = std::async(std::launch::async, [&] { return Send(peer, kLongMs); });
-  EXPECT_TRUE(WaitUntil([&] { return peer.connections() == 1; }));
+  EXPECT_TRUE(WaitUntil([&] { return asked.load(); }));
   StopNetworkLayer();
   EXPECT_EQ(result::kSocketFailed, outcome.get());
   EXPECT_LT(elapsed_, milliseconds(15000));
