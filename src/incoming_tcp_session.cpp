@@ -71,8 +71,7 @@ void IncomingTCPSession::RegisterRead() {
     return;
   }
   try {
-    // A device sends its event at once, so it is often here already.
-    ReadWhatCame(error);
+    StartRead();
   } catch (...) {
     LogCurrentException(VEX_LOG_SITE, kLogMajor, kTag, "Exception in RegisterRead: %s",
                         "Unknown Exception in RegisterRead");
@@ -222,17 +221,18 @@ int IncomingTCPSession::RegisterWrite(char* data, const int& length) {
 
 // False when there is no connection left to write to; then the session has come to its end.
 bool IncomingTCPSession::StartWrite(const char* data, std::size_t size) {
+  const boost::shared_ptr<IncomingTCPSession> self = shared_from_this();
   bool stop_called = false;
   try {
-    switch (BeginWrite(data, size, stop_called)) {
-      case Begun::kPending:
-        return true;
-      case Begun::kWritten:
-        CallbackWrite();
-        return true;
-      case Begun::kClosed:
-        break;
+    boost::lock_guard<boost::mutex> lock(mutex_);
+    if (socket_ && socket_->is_open()) {
+      VEX_LOG(kLogDetail, kTag, "Async RegisterWrite Write");
+      boost::asio::async_write(*socket_, boost::asio::buffer(data, size),
+                               [self](const error_code&, std::size_t) { self->CallbackWrite(); });
+      write_pending_ = true;
+      return true;
     }
+    stop_called = stop_called_;
   } catch (...) {
     LogCurrentException(VEX_LOG_SITE, kLogMajor, kTag, "Exception in RegisterWrite: %s",
                         "Unknown Exception in RegisterWrite");
@@ -246,25 +246,6 @@ bool IncomingTCPSession::StartWrite(const char* data, std::size_t size) {
     NotifyCompleted();
   }
   return false;
-}
-
-// An answer is short and nothing was sent before it, so it nearly always fits into the kernel's
-// buffer. Then the loop's thread need not be woken to close behind it.
-IncomingTCPSession::Begun IncomingTCPSession::BeginWrite(const char* data, std::size_t size,
-                                                         bool& stop_called) {
-  const boost::shared_ptr<IncomingTCPSession> self = shared_from_this();
-  boost::lock_guard<boost::mutex> lock(mutex_);
-  stop_called = stop_called_;
-  if (!socket_ || !socket_->is_open()) return Begun::kClosed;
-  VEX_LOG(kLogDetail, kTag, "Async RegisterWrite Write");
-  error_code error;
-  const std::size_t sent = socket_->write_some(boost::asio::buffer(data, size), error);
-  if (error == boost::asio::error::would_block) error.clear();
-  if (error || sent == size) return Begun::kWritten;
-  boost::asio::async_write(*socket_, boost::asio::buffer(data + sent, size - sent),
-                           [self](const error_code&, std::size_t) { self->CallbackWrite(); });
-  write_pending_ = true;
-  return Begun::kPending;
 }
 
 void IncomingTCPSession::CallbackWrite() {

@@ -71,9 +71,6 @@ class IncomingTCPSession : public boost::enable_shared_from_this<IncomingTCPSess
   void HandOver();
   void RefuseTooLong();
   bool StartWrite(const char* data, std::size_t size);
-  // kWritten: all of it, or as much as ever will be.
-  enum class Begun { kPending, kWritten, kClosed };
-  Begun BeginWrite(const char* data, std::size_t size, bool& stop_called);
   void CallbackWrite();
   void FinishWrite();
   error_code WriteAll(int descriptor, const char* data, std::size_t size);

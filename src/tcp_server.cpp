@@ -203,11 +203,9 @@ void TCPServer::handle_accept(error_code error, unsigned int generation) {
   }
   if (DescriptorsScarce(socket->native_handle())) reading_->CloseMostSilent();
   const SessionPointer session = AddSession(std::move(*socket), generation);
-  {
-    boost::lock_guard<boost::mutex> lock(mutex_);
-    if (generation == generation_ && !stopped_) AsyncAccept();
-  }
   if (session) session->RegisterRead();
+  boost::lock_guard<boost::mutex> lock(mutex_);
+  if (generation == generation_ && !stopped_) AsyncAccept();
 }
 
 TCPServer::SessionPointer TCPServer::AddSession(tcp::socket socket, unsigned int generation) {
