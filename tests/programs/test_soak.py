@@ -8,6 +8,7 @@ import signal
 import subprocess
 import sys
 import tempfile
+import time
 import unittest
 
 from support import BINARY_DIR, ROOT
@@ -173,6 +174,26 @@ class FailedStartTest(unittest.TestCase):
         with self.assertRaisesRegex(RuntimeError, "in the middle"):
             soak.run()
         self.assert_nothing_is_left()
+
+
+class WarmUpTest(unittest.TestCase):
+    """In a long run the house changes faster at first."""
+
+    def speed(self, hours, seconds_ago):
+        soak = object.__new__(soak_run.Soak)
+        soak.options = argparse.Namespace(hours=hours, speed=2.0)
+        soak.house = argparse.Namespace(speed=None)
+        soak.begun = time.monotonic() - seconds_ago
+        soak.set_speed()
+        return soak.house.speed
+
+    def test_the_house_rushes_through_four_minutes(self):
+        self.assertEqual(16.0, self.speed(0.5, 0))
+        self.assertEqual(16.0, self.speed(0.5, 230))
+        self.assertEqual(2.0, self.speed(0.5, 240))
+
+    def test_a_short_run_has_no_rush(self):
+        self.assertEqual(2.0, self.speed(0.08, 0))
 
 
 class JudgementTest(unittest.TestCase):

@@ -445,9 +445,7 @@ TEST_F(DiscoveryDescription, ALocationWithoutAPortIsRefused) {
   DiscoveryRig::Receive(Alive("uuid:a", "http://127.0.0.1/d.xml"));
   EXPECT_EQ(1, log.Count(16, kTag, "No IP value"));
   EXPECT_EQ(1, log.Count(2, kTag, "ParseURI failed"));
-  const boost::shared_ptr<NowRequesting> fresh(
-      new NowRequesting("uuid:a+localhost", "", "127.0.0.1", 1, "", ""));
-  EXPECT_EQ(0, CPDiscoveryManager::GetInstance()->AddNowRequesting(fresh));
+  EXPECT_TRUE(NothingIsRequestedOf("uuid:a+localhost"));
 }
 
 TEST_F(DiscoveryDescription, AMissingLocationIsRefused) {

@@ -80,9 +80,7 @@ std::string Latencies::Take() {
 
 void WatchHeap() {
   const std::size_t used = mallinfo2().uordblks;
-  std::size_t peak = heap_peak;
-  while (used > peak && !heap_peak.compare_exchange_weak(peak, used)) {
-  }
+  if (used > heap_peak) heap_peak = used;
 }
 
 void PrintWindow() {
@@ -109,8 +107,7 @@ void PrintWindow() {
   const struct mallinfo2 heap = mallinfo2();
   Print(
       "{\"e\": \"window\", \"t\": %lld, \"heap\": [%zu, %zu, %zu], \"action_us\": %s, "
-      "\"event_us\": "
-      "%s%s}",
+      "\"event_us\": %s%s}",
       static_cast<long long>(Now()), heap.uordblks + heap.hblkhd, heap.fordblks,
       heap_peak.exchange(0), action_latencies.Take().c_str(), event_latencies.Take().c_str(),
       text.c_str());

@@ -50,20 +50,12 @@ bool IsRunning(const std::string& device) {
   return (request.ifr_flags & IFF_UP) != 0 && (request.ifr_flags & IFF_RUNNING) != 0;
 }
 
-ScopedHosts::ScopedHosts(const std::string& lines) {
-  char path[] = "/tmp/vex_hosts_XXXXXX";
-  const int fd = ::mkstemp(path);
-  EXPECT_GE(fd, 0);
-  ::close(fd);
-  path_ = path;
+ScopedHosts::ScopedHosts(const std::string& lines) : path_(folder_.path() + "/hosts") {
   std::ofstream(path_) << "127.0.0.1 localhost\n" << lines;
   EXPECT_TRUE(InPrivateNetwork()) << "these tests are started by tools/in_netns";
   EXPECT_EQ(0, ::mount(path_.c_str(), "/etc/hosts", nullptr, MS_BIND, nullptr));
 }
 
-ScopedHosts::~ScopedHosts() {
-  EXPECT_EQ(0, ::umount("/etc/hosts"));
-  ::unlink(path_.c_str());
-}
+ScopedHosts::~ScopedHosts() { EXPECT_EQ(0, ::umount("/etc/hosts")); }
 
 }  // namespace vex_test

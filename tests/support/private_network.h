@@ -3,6 +3,8 @@
 
 #include <string>
 
+#include "tests/support/scoped_folder.h"
+
 namespace vex_test {
 
 // For programs that run inside a network namespace of their own (tools/in_netns).
@@ -52,7 +54,8 @@ class ScopedHosts {
   ~ScopedHosts();
 
  private:
-  std::string path_;
+  const ScopedFolder folder_;
+  const std::string path_;
 };
 
 }  // namespace vex_test

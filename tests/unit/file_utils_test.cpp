@@ -1,7 +1,6 @@
 #include <vexupnpcp/file_utils.h>
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 
 #include <cstring>
@@ -14,6 +13,7 @@
 #include <vexupnpcp/result_codes.h>
 
 #include "tests/support/log_capture.h"
+#include "tests/support/scoped_folder.h"
 
 namespace vex_upnp {
 namespace utils {
@@ -21,13 +21,6 @@ namespace {
 
 class FileUtils : public testing::Test {
  protected:
-  void SetUp() override {
-    char folder[] = "/tmp/vex-file-XXXXXX";
-    ASSERT_NE(nullptr, mkdtemp(folder));
-    folder_ = std::string(folder) + "/";
-  }
-  void TearDown() override { boost::filesystem::remove_all(folder_); }
-
   std::string Path(const std::string& name) const { return folder_ + name; }
   std::string Make(const std::string& name, const std::string& content) const {
     std::ofstream(Path(name), std::ios::binary) << content;
@@ -38,7 +31,8 @@ class FileUtils : public testing::Test {
     return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
   }
 
-  std::string folder_;
+  const vex_test::ScopedFolder temporary_;
+  const std::string folder_ = temporary_.path() + "/";
 };
 
 TEST_F(FileUtils, OpenToReadGivesTheContent) {

@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <fstream>
 #include <memory>
@@ -30,6 +29,7 @@
 #include "src/message_budget.h"
 #include "src/outgoing_limits.h"
 #include "src/udp_server.h"
+#include "tests/support/control_stack.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/raw_socket.h"
 #include "tests/support/sanitizers.h"
@@ -116,87 +116,65 @@ TEST(AnswerFits, UntilItsRecordsCostTooMuch) {
   EXPECT_LT(info->GetBodyCost() - cost, 1000U);
 }
 
-TEST(DatagramTurn, EndsBehindItsLastDatagramThoughMoreAreWaiting) {
-  vex_test::RunningCallbacks callbacks;
-  const boost::shared_ptr<vex_test::DatagramSink> answers = callbacks.Collect("HTTP/1.1,200,USN");
-  io_service io;
-  const std::string ip = vex_test::OwnLoopbackAddress();
-  const boost::shared_ptr<UDPServer> server(new UDPServer(ip, "lo", 0, io));
-  int port = 0;
-  ASSERT_EQ(result::kOk, server->Start(port));
-  UdpSocket peer(ip);
-  for (int i = 0; i <= limits::kDatagramsPerWakeUp; ++i) {
-    ASSERT_TRUE(peer.SendTo(ip, port, "HTTP/1.1 200 OK\r\nUSN: uuid:x\r\n\r\n"));
-  }
-  const auto turn = static_cast<std::size_t>(limits::kDatagramsPerWakeUp);
-  io.run_one();
-  EXPECT_TRUE(WaitUntil([&] { return answers->Count() == turn; }));
-  io.run_one();
-  EXPECT_TRUE(WaitUntil([&] { return answers->Count() == turn + 1; }));
-  server->Stop();
-  io.poll();
-}
-
-// Held by a callback until the end of the scope, as a host may hold it.
-class StuckCallback {
+// Holds up its thread until the gate opens, as a host's callback may.
+class HeldUp : public UDPRequestListener {
  public:
-  explicit StuckCallback(const boost::shared_ptr<CallBackHandler>& handler) {
-    std::vector<std::string> patterns = {"HTTP/1.1,200,STUCK"};
-    boost::shared_ptr<UDPRequestListener> listener(new Listener(*this));
-    handler->RegisterUDPPattern(patterns, listener, id_);
-  }
-  StuckCallback(const StuckCallback&) = delete;
-  StuckCallback& operator=(const StuckCallback&) = delete;
-  ~StuckCallback() { Free(); }
-  void Free() { free_ = true; }
-  bool entered() const { return entered_; }
-
- private:
-  class Listener : public UDPRequestListener {
-   public:
-    explicit Listener(StuckCallback& owner) : owner_(owner) {}
-    void OnUDPRequestReceived(boost::shared_ptr<utils::HTTPInfo>) override {
-      owner_.entered_ = true;
-      WaitUntil([this] { return owner_.free_.load(); }, std::chrono::minutes(2));
-    }
-
-   private:
-    StuckCallback& owner_;
-  };
-  int id_ = 0;
-  std::atomic<bool> entered_{false};
-  std::atomic<bool> free_{false};
+  void OnUDPRequestReceived(boost::shared_ptr<utils::HTTPInfo>) override { gate.Pass(); }
+  vex_test::Gate gate;
 };
 
+// A server whose turns the test gives it.
+class DatagramTurn : public testing::Test {
+ protected:
+  void SetUp() override { ASSERT_EQ(result::kOk, server_->Start(port_)); }
+  void TearDown() override {
+    server_->Stop();
+    io_.poll();
+  }
+  void Send(const std::string& line, std::size_t times = 1) {
+    for (std::size_t i = 0; i < times; ++i) {
+      ASSERT_TRUE(peer_.SendTo(ip_, port_, "HTTP/1.1 200 OK\r\n" + line + "\r\n\r\n"));
+    }
+  }
+
+  vex_test::RunningCallbacks callbacks_;
+  const boost::shared_ptr<vex_test::DatagramSink> answers_ = callbacks_.Collect("HTTP/1.1,200,USN");
+  const std::string ip_ = vex_test::OwnLoopbackAddress();
+  const std::size_t turn_ = static_cast<std::size_t>(limits::kDatagramsPerWakeUp);
+  io_service io_;
+  const boost::shared_ptr<UDPServer> server_{new UDPServer(ip_, "lo", 0, io_)};
+  UdpSocket peer_{ip_};
+  int port_ = 0;
+};
+
+TEST_F(DatagramTurn, EndsBehindItsLastDatagramThoughMoreAreWaiting) {
+  Send("USN: uuid:x", turn_ + 1);
+  io_.run_one();
+  EXPECT_TRUE(WaitUntil([&] { return answers_->Count() == turn_; }));
+  io_.run_one();
+  EXPECT_TRUE(WaitUntil([&] { return answers_->Count() == turn_ + 1; }));
+}
+
 // What waits in the kernel costs less than what waits parsed, and none is lost.
-TEST(DatagramTurn, PausesWhileTooManyWaitAndGoesOnThoughNoneIsHandled) {
-  vex_test::RunningCallbacks callbacks;
-  const boost::shared_ptr<vex_test::DatagramSink> answers = callbacks.Collect("HTTP/1.1,200,USN");
-  StuckCallback stuck(CallBackHandler::GetInstance());
-  io_service io;
-  const std::string ip = vex_test::OwnLoopbackAddress();
-  const boost::shared_ptr<UDPServer> server(new UDPServer(ip, "lo", 0, io));
-  int port = 0;
-  ASSERT_EQ(result::kOk, server->Start(port));
-  UdpSocket peer(ip);
-  ASSERT_TRUE(peer.SendTo(ip, port, "HTTP/1.1 200 OK\r\nSTUCK: 1\r\n\r\n"));
-  io.run_one();
-  ASSERT_TRUE(WaitUntil([&] { return stuck.entered(); }));
+TEST_F(DatagramTurn, PausesWhileTooManyWaitAndGoesOnThoughNoneIsHandled) {
+  const boost::shared_ptr<HeldUp> held_up(new HeldUp);
+  boost::shared_ptr<UDPRequestListener> listener = held_up;
+  std::vector<std::string> patterns = {"HTTP/1.1,200,HOLD"};
+  int id = 0;
+  CallBackHandler::GetInstance()->RegisterUDPPattern(patterns, listener, id);
+  Send("HOLD: 1");
+  io_.run_one();
+  EXPECT_TRUE(WaitUntil([&] { return held_up->gate.waiting() == 1; }));
   // All of one sender wait behind the one that is being handled.
   constexpr int kTurns = 3;
-  const std::size_t all = kTurns * static_cast<std::size_t>(limits::kDatagramsPerWakeUp);
-  for (std::size_t i = 0; i < all; ++i) {
-    ASSERT_TRUE(peer.SendTo(ip, port, "HTTP/1.1 200 OK\r\nUSN: uuid:x\r\n\r\n"));
-  }
+  Send("USN: uuid:x", kTurns * turn_);
   const auto begun = std::chrono::steady_clock::now();
-  for (int turn = 0; turn < kTurns; ++turn) io.run_one();
+  for (int turn = 0; turn < kTurns; ++turn) io_.run_one();
   EXPECT_GE(std::chrono::steady_clock::now() - begun,
             (kTurns - 1) * std::chrono::milliseconds(limits::kReadingPauseMs));
-  EXPECT_EQ(0U, answers->Count());
-  stuck.Free();
-  EXPECT_TRUE(WaitUntil([&] { return answers->Count() == all; }));
-  server->Stop();
-  io.poll();
+  EXPECT_EQ(0U, answers_->Count());
+  held_up->gate.Open();
+  EXPECT_TRUE(WaitUntil([&] { return answers_->Count() == kTurns * turn_; }));
 }
 
 int ReceiveBufferOf(udp::socket& socket) {

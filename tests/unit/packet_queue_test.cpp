@@ -1,8 +1,8 @@
 #include "src/packet_queue.h"
 
 #include <gmock/gmock.h>
+#include <pthread.h>
 
-#include <atomic>
 #include <chrono>
 #include <new>
 #include <string>
@@ -10,6 +10,8 @@
 #include <vector>
 
 #include "tests/support/fail_alloc.h"
+#include "tests/support/process_state.h"
+#include "tests/support/wait_until.h"
 
 namespace vex_upnp {
 namespace network_layer {
@@ -180,27 +182,37 @@ TEST(PacketQueue, NobodyWaitsForAnEasyOne) {
   EXPECT_EQ(2U, queue.size());
 }
 
+// Waits until `queue` is easy, and until then, asleep, cannot end.
+class Waiter {
+ public:
+  explicit Waiter(Queue& queue)
+      : thread_([&queue] {
+          pthread_setname_np(pthread_self(), "waits-for-easy");
+          queue.AwaitEasy(kForEver);
+        }) {
+    EXPECT_TRUE(vex_test::WaitUntil([] { return vex_test::IsAsleep("waits-for-easy"); }));
+  }
+  void Join() { thread_.join(); }
+
+ private:
+  std::thread thread_;
+};
+
 TEST(PacketQueue, IsEasyAgainWhenOneOfTooManyIsTaken) {
   Queue queue(10, 100, 3);
   Fill(queue, 3);
-  std::atomic<bool> easy{false};
-  std::thread waiting([&] {
-    queue.AwaitEasy(kForEver);
-    easy = true;
-  });
-  EXPECT_FALSE(easy);
+  Waiter waiter(queue);
   std::string key;
   EXPECT_EQ(0, TakeOne(queue, key));
-  waiting.join();
-  EXPECT_TRUE(easy);
+  waiter.Join();
 }
 
 TEST(PacketQueue, IsEasyAgainWhenItIsEmptied) {
   Queue queue(10, 100, 3);
   Fill(queue, 5);
-  std::thread waiting([&] { queue.AwaitEasy(kForEver); });
+  Waiter waiter(queue);
   queue.TakeAll([](int) {});
-  waiting.join();
+  waiter.Join();
 }
 
 TEST(PacketQueue, WhoWaitsForAnEasyOneWaitsNoLongerThanAsked) {

@@ -2,13 +2,14 @@
 
 #include <gtest/gtest.h>
 
-#include <vexupnpcp/result_codes.h>
-#include <vexupnpcp/streaming.h>
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <string>
 #include <vector>
+
+#include <vexupnpcp/result_codes.h>
+#include <vexupnpcp/streaming.h>
 
 #include "base/limits.h"
 #include "tests/support/fail_calls.h"
