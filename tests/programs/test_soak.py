@@ -76,21 +76,26 @@ class SoakTest(unittest.TestCase):
 
     def test_a_gap_between_changes_is_a_violation(self):
         with tempfile.TemporaryDirectory() as work:
-            soak = in_a_quiet_house(self.out, 0.002, work)
-            told = []
+            # Far longer than it takes; it ends when the host has told the gap.
+            soak = in_a_quiet_house(self.out, 0.05, work)
+            soak.is_over = lambda: soak.host.violations or soak_run.Soak.is_over(soak)
+            expected = []
 
             def change():
                 device = next(device for device in soak.house.home.devices
                               if device.kind == "lamp")
-                # When all have long been subscribed, two changes come as one.
-                device.changes += 1 if len(told) == 60 else 0
+                asked = "expect %s %d" % (device.udn, device.changes)
+                if not expected and soak.host.ask(asked, 60)["seen"] == "told":
+                    # It is subscribed, and up to date; now two changes come as one.
+                    device.changes += 1
+                    expected.append("told change %d behind %d" %
+                                    (device.changes + 1, device.changes - 1))
                 device.change()
-                told.append(device.udn)
 
             soak.house._change = change
             soak.run()
-        self.assertTrue(any("told change 62 behind 60" in failure for failure in soak.failures),
-                        soak.failures)
+        self.assertEqual(1, len(expected), "the host was never told a change")
+        self.assertTrue(any(expected[0] in failure for failure in soak.failures), soak.failures)
 
 
 def children():

@@ -187,10 +187,12 @@ class Soak:
             self.fail("the host did not begin anew")
         self.host.tell("resume")
 
+    def is_over(self):
+        return time.monotonic() > self.begun + self.options.hours * 3600
+
     def live(self):
-        end = self.begun + self.options.hours * 3600
         checkpoint = self.begun + CHECKPOINT_S / self.options.speed
-        while time.monotonic() < end and self.host.process.poll() is None:
+        while not self.is_over() and self.host.process.poll() is None:
             self.set_speed()
             self.house.live()
             self.sample()
