@@ -37,14 +37,23 @@ need() {
   fi
   say "installing ${missing[*]}"
   local log; log=$(mktemp)
-  if ! { "${as_root[@]}" apt-get update -q &&
-    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -o DPkg::Lock::Timeout=600 \
-      install -q -y --no-install-recommends "${missing[@]}"; } >"$log" 2>&1; then
-    tail -n 20 "$log" >&2
-    echo "Installing failed; the whole output is in $log" >&2
-    exit 3
+  # A mirror that is being renewed lists what it does not have for a while.
+  if ! install_packages "${missing[@]}" >"$log" 2>&1; then
+    sleep 30
+    if ! install_packages "${missing[@]}" >>"$log" 2>&1; then
+      tail -n 20 "$log" >&2
+      echo "Installing failed; the whole output is in $log" >&2
+      exit 3
+    fi
   fi
   rm -f "$log"
+}
+
+# For `need`, whose as_root it uses.
+install_packages() {
+  "${as_root[@]}" apt-get -o Acquire::Retries=5 update -q &&
+    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -o Acquire::Retries=5 \
+      -o DPkg::Lock::Timeout=600 install -q -y --no-install-recommends "$@"
 }
 
 # clang_or_newest NAME: the tool of the version we format and check with, or the plain name.
@@ -128,14 +137,20 @@ dev_lab() {
 
 # Real devices as packages; none of them may start by itself on this machine.
 need_lab_packages() {
-  local policy=/usr/sbin/policy-rc.d made=
+  local policy=/usr/sbin/policy-rc.d
   if [ ! -e "$policy" ]; then
-    printf '#!/bin/sh\nexit 101\n' >"$policy"; chmod +x "$policy"; made=1
+    # It goes again when installing fails, too.
+    trap 'rm -f /usr/sbin/policy-rc.d' EXIT
+    printf '#!/bin/sh\nexit 101\n' >"$policy"; chmod +x "$policy"
+  else
+    policy=
   fi
   need minidlna gerbera rygel rygel-playbin gupnp-tools gstreamer1.0-plugins-base \
     gstreamer1.0-plugins-good dbus dbus-daemon xvfb xauth iproute2 nftables nginx-light curl wget \
     ffmpeg
-  [ -z "$made" ] || rm -f "$policy"
+  [ -n "$policy" ] || return 0
+  rm -f "$policy"
+  trap - EXIT
 }
 
 dev_check() {
