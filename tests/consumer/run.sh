@@ -16,6 +16,6 @@ flags=$(PKG_CONFIG_PATH=$libdir/pkgconfig pkg-config --define-variable=prefix="$
 gcc -std=c11 -Wall -Wextra -Wpedantic -Werror "$here/c/main.c" $flags -o "$work/c_host"
 "$work/c_host"
 
-cmake -S "$here/cpp" -B "$work/cpp" -DCMAKE_PREFIX_PATH="$work/usr" >"$work/cpp.log"
+cmake -G Ninja -S "$here/cpp" -B "$work/cpp" -DCMAKE_PREFIX_PATH="$work/usr" >"$work/cpp.log"
 cmake --build "$work/cpp" >>"$work/cpp.log" || { cat "$work/cpp.log"; exit 1; }
 "$work/cpp/foreign_host"
