@@ -9,6 +9,7 @@ import json
 import os
 import signal
 import subprocess
+import time
 import unittest
 import urllib.error
 import urllib.request
@@ -89,6 +90,26 @@ class ControlTest(LabCase):
         self.assertEqual(expected, [(o["id"], o["title"], o["container"]) for o in shown])
         return shown
 
+    def wait_for_the_end_of_the_scan(self):
+        """Until the sound is there and two seconds have passed in which nothing changed."""
+        def found():
+            try:
+                return self.find_tone()
+            except AssertionError:
+                return None
+        self.assertTrue(wait_until(found, LIMIT_S))
+        browse = (("ObjectID", "0"), ("BrowseFlag", "BrowseDirectChildren"), ("Filter", "*"),
+                  ("StartingIndex", "0"), ("RequestedCount", "0"), ("SortCriteria", ""))
+        seen = [None, 0.0]
+
+        def settled():
+            state = (ask(self.described, "ContentDirectory", "GetSystemUpdateID", ()),
+                     ask(self.described, "ContentDirectory", "Browse", browse))
+            if state != seen[0]:
+                seen[:] = state, time.monotonic()
+            return time.monotonic() - seen[1] > 2
+        self.assertTrue(wait_until(settled, LIMIT_S))
+
     def find_tone(self):
         """The only sound, found by opening one container after the other."""
         def walk(objects):
@@ -113,12 +134,11 @@ class ControlTest(LabCase):
         return shown
 
     def check_media_server(self, searches=True, missing_object=701):
+        self.wait_for_the_end_of_the_scan()
         for action in ("GetSearchCapabilities", "GetSortCapabilities", "GetSystemUpdateID"):
             self.call("ContentDirectory", action)
         self.assertIn("http-get:*:", self.call("ConnectionManager", "GetProtocolInfo")["Source"])
         self.check_browse("0")
-        # A scan may still be running.
-        self.assertTrue(wait_until(self.find_tone, LIMIT_S))
         tone = self.find_tone()
         self.assertIn("t\u00e9", tone["title"])
         siblings = self.check_browse(tone["parent"])

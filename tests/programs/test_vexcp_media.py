@@ -35,6 +35,18 @@ def some_bytes(count):
         count // 1024) + b"e" * (count % 1024)
 
 
+def open_files(pid):
+    """The names of what a process has open; one that it is just closing may be missing."""
+    folder = "/proc/%d/fd" % pid
+    names = []
+    for descriptor in os.listdir(folder):
+        try:
+            names.append(os.path.basename(os.readlink(os.path.join(folder, descriptor))))
+        except FileNotFoundError:
+            pass
+    return names
+
+
 class ScriptedServer:
     """Answers one connection after the other with what a function gives for the request."""
 
@@ -337,10 +349,7 @@ class ServeTest(MediaTest):
                 connection.sendall(b"GET /big HTTP/1.1\r\n\r\n")
                 connection.recv(1000)
         self.assertTrue(body == self.ask(served.url)[2])
-        descriptors = "/proc/%d/fd" % served.process.pid
-        self.assertTrue(wait_until(lambda: not any(
-            os.path.basename(os.readlink(os.path.join(descriptors, fd))) == "big"
-            for fd in os.listdir(descriptors))))
+        self.assertTrue(wait_until(lambda: "big" not in open_files(served.process.pid)))
 
     def test_a_file_that_becomes_shorter_ends_early_and_harms_nobody(self):
         self.write("other", b"still here")

@@ -333,14 +333,15 @@ class EventTest(SimulatorTest):
         self.assertEqual("0", instance.get("val"))
         volume = instance.find("{urn:schemas-upnp-org:metadata-1-0/RCS/}Volume")
         self.assertEqual(("Master", "30"), (volume.get("channel"), volume.get("val")))
+        started = time.monotonic()
         for value in range(31, 61):
             call(renderer, RENDERING, "SetVolume", InstanceID=0, Channel="Master",
                  DesiredVolume=value)
         self.assertTrue(wait_until(lambda: 'val="60"' in
                                    subscriber.events[-1].properties["LastChange"]))
-        self.assertLess(len(subscriber.events), 30)
-        times = [event.time for event in subscriber.events[1:]]
-        self.assertTrue(all(b - a > 0.15 for a, b in zip(times, times[1:])), times)
+        # One in 0.2 s at most.
+        changes = subscriber.events[1:]
+        self.assertLessEqual(len(changes), (changes[-1].time - started) / 0.2 + 2)
 
     def test_improper_subscriptions_are_refused(self):
         lamp = self.simulate("lamp", "--no-announce").device()
@@ -412,15 +413,20 @@ class EventTest(SimulatorTest):
     def test_the_first_event_comes_before_after_late_or_never(self):
         simulator = self.simulate("lamp", "--no-announce")
         lamp = simulator.device()
-        order = []
-        for word in ("before", "after", "late=400"):
+
+        def first_event(word):
+            """Its time since the request and since the answer."""
             simulator.do("events " + word)
             subscriber = self.subscriber()
+            asked = time.monotonic()
             subscribe(lamp, "SwitchPower", subscriber.url)
             answered = time.monotonic()
-            order.append(subscriber.wait(1)[0].time - answered)
-        self.assertLess(order[0], -0.1)
-        self.assertGreater(order[2], 0.3)
+            event = subscriber.wait(1)[0].time
+            return event - asked, event - answered
+        # On a busy machine the one that reads the event may get its turn late.
+        self.assertTrue(any(first_event("before")[1] < -0.1 for _ in range(3)))
+        first_event("after")
+        self.assertGreaterEqual(first_event("late=400")[0], 0.4)
         simulator.do("events never")
         subscriber = self.subscriber()
         subscribe(lamp, "SwitchPower", subscriber.url)
