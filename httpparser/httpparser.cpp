@@ -172,7 +172,12 @@ int HTTPParser::ParseBuffer(const Bytes& buffer, HTTPInfo& info) {
   }
   if (info.status_ < HEADER_COMPLETE) {
     const int header_result = HandleHeader(buffer, info);
-    if (info.parsing_status_ == PARSING_RETURN) return header_result;
+    if (info.parsing_status_ == PARSING_RETURN) {
+      // Where the body begins is a place in this buffer. Who has not cleared the parsing status
+      // gets nothing stored of it, and the next buffer is body from its first byte.
+      info.body_offset_ = 0;
+      return header_result;
+    }
   }
   return HandleBody(buffer, info);
 }
@@ -317,9 +322,6 @@ int HTTPParser::ParseHTTPHeader(const Bytes& buffer, unsigned int header_part, H
     VEX_LOG(kLogMajor, kTag, "UNIDENTIFIED encoding type!");
     return result::kFailure;
   }
-  // A header that ended in an earlier buffer and is done only now has its body outside this one.
-  if (header_part == 0) return Fail(info);
-
   info.status_ = HEADER_COMPLETE;
   if (info.encoding_ == ENC_NO_BODY) {
     // What else the buffer holds is lost: one buffer finishes one message at most.
@@ -327,7 +329,9 @@ int HTTPParser::ParseHTTPHeader(const Bytes& buffer, unsigned int header_part, H
     info.state_ = MESSAGE_COMPLETE;
     return result::kOk;
   }
-  if (header_part == buffer.size) {
+  // Without a part in this buffer the header ended in an earlier one, whose reader kept the parsing
+  // status behind the first line: as above, nothing is stored of the buffer that it is done in.
+  if (header_part == 0 || header_part == buffer.size) {
     info.parsing_status_ = PARSING_RETURN;
   } else {
     info.body_offset_ = header_part;
@@ -428,6 +432,7 @@ void HTTPParser::GetEncodingType(HTTPInfo& info) {
 }
 
 int HTTPParser::HandleBody(const Bytes& buffer, HTTPInfo& info) {
+  if (info.body_offset_ > buffer.size) return Fail(info);
   Bytes rest = buffer;
   rest.Skip(info.body_offset_);
   info.body_offset_ = 0;

@@ -5,6 +5,9 @@
 #include <atomic>
 #include <chrono>
 #include <future>
+#include <string>
+#include <thread>
+#include <vector>
 
 #include <boost/make_shared.hpp>
 
@@ -153,20 +156,61 @@ TEST_F(OutgoingSyncTest, AnEndWithoutAnAnswerIsNoFailure) {
   EXPECT_EQ(0U, response_->GetStatusCode());
 }
 
-TEST_F(OutgoingSyncTest, KeptABodyBehindAHeaderThatCameInTwoReadsIsNotStored) {
-  HttpPeer peer([](PeerConnection& connection) {
+// Sends each piece for a read of its own, and closes.
+HttpPeer::Script AnswerInReads(const std::vector<std::string>& pieces) {
+  return [pieces](PeerConnection& connection) {
     connection.ReadRequest();
-    connection.Send("HTTP/1.1 200 OK\r\nContent-");
-    std::this_thread::sleep_for(milliseconds(50));
-    connection.Send("Length: 104\r\n\r\nlost");
-    std::this_thread::sleep_for(milliseconds(50));
-    connection.Send(std::string(96, '.') + "kept");
-  });
+    for (const std::string& piece : pieces) {
+      connection.Send(piece);
+      std::this_thread::sleep_for(milliseconds(50));
+    }
+  };
+}
+
+TEST_F(OutgoingSyncTest, KeptABodyBehindAHeaderThatCameInTwoReadsIsNotStored) {
+  const std::string rest = std::string(96, '.') + "kept";
+  HttpPeer peer(AnswerInReads({"HTTP/1.1 200 OK\r\nContent-", "Length: 104\r\n\r\nlost", rest}));
   EXPECT_EQ(result::kOk, Send(peer, kLongMs));
   EXPECT_EQ(200U, response_->GetStatusCode());
-  const std::string body = TakeBody(response_);
-  EXPECT_EQ(std::string::npos, body.find("lost"));
-  EXPECT_THAT(body, testing::EndsWith(".kept"));
+  EXPECT_EQ(utils::MESSAGE_INCOMPLETE, response_->GetState());
+  EXPECT_EQ(rest, TakeBody(response_));
+}
+
+TEST_F(OutgoingSyncTest, RegressionAReadBehindALongerOneThatEndedTheHeaderIsReadWithinItsBounds) {
+  struct Answer {
+    std::vector<std::string> reads;
+    std::string body;
+  };
+  const Answer answers[] = {
+      {{"HTTP/1.1 200 OK\r\nContent-", "Length: 1000000\r\n\r\nx", "y"}, "y"},
+      {{"HTTP/1.1 200 OK\r\nSer", "ver: as long as may be\r\n\r\nx", "y"}, "y"},
+      // A size line that the third read begins.
+      {{"HTTP/1.1 200 OK\r\nTransfer-", "Encoding: chunked\r\n\r\n5\r\nhe", "5"}, ""},
+      // The last chunk, which is the third read's alone.
+      {{"HTTP/1.1 200 OK\r\nTransfer-", "Encoding: chunked\r\n\r\n", "0\r\n"}, ""},
+  };
+  for (const Answer& answer : answers) {
+    HttpPeer peer(AnswerInReads(answer.reads));
+    EXPECT_EQ(result::kOk, Send(peer, kLongMs)) << answer.reads[1];
+    EXPECT_EQ(utils::HEADER_COMPLETE, response_->GetStatus());
+    EXPECT_EQ(utils::MESSAGE_INCOMPLETE, response_->GetState());
+    EXPECT_EQ(answer.body, TakeBody(response_));
+  }
+}
+
+TEST_F(OutgoingSyncTest, RegressionAStatusLineMayComeInTwoReads) {
+  // The header is done with the read behind the one that ended it; what that read holds is lost.
+  HttpPeer peer(AnswerInReads(
+      {"HTTP/1.1 200", " OK\r\nContent-Length: 104\r\n\r\nbody", "lost", std::string(96, '.')}));
+  EXPECT_EQ(result::kOk, Send(peer, kLongMs));
+  EXPECT_EQ(200U, response_->GetStatusCode());
+  EXPECT_EQ(utils::HEADER_COMPLETE, response_->GetStatus());
+  EXPECT_EQ(104U, response_->GetContentLength());
+  EXPECT_EQ(std::string(96, '.'), TakeBody(response_));
+
+  HttpPeer without_body(AnswerInReads({"HTTP/1.1 200", " OK\r\nContent-Length: 0\r\n\r\n", "x"}));
+  EXPECT_EQ(result::kOk, Send(without_body, kLongMs));
+  EXPECT_EQ(utils::MESSAGE_COMPLETE, response_->GetState());
 }
 
 TEST_F(OutgoingSyncTest, AnAnswerBeyondItsBoundsFails) {

@@ -111,7 +111,12 @@ inline bool CutMatters(const ParsedMessage& whole) {
 // is complete or has failed. `cuts` are ascending positions.
 class CutFeeder {
  public:
-  explicit CutFeeder(std::string_view message) : message_(message) {}
+  // Between two pieces a session clears the parsing status; the request that blocks its caller
+  // keeps it.
+  enum class Between { kCleared, kKept };
+
+  explicit CutFeeder(std::string_view message, Between between = Between::kCleared)
+      : message_(message), between_(between) {}
 
   ParsedMessage Whole() const { return Cut({}); }
 
@@ -123,7 +128,9 @@ class CutFeeder {
       const int result = Feed(message_.substr(begin, end - begin), info);
       begin = end;
       if (end == message_.size() || !WantsMore(result, *info)) return Look(*info, result);
-      info->SetParsingStatus(vex_upnp::utils::PARSING_CONTINUE);
+      if (between_ == Between::kCleared) {
+        info->SetParsingStatus(vex_upnp::utils::PARSING_CONTINUE);
+      }
     }
     return ParsedMessage();
   }
@@ -161,6 +168,7 @@ class CutFeeder {
   }
 
   std::string_view message_;
+  const Between between_;
 };
 
 }  // namespace vex_test

@@ -4,6 +4,7 @@
 
 #include <climits>
 #include <string>
+#include <vector>
 
 #include <vexupnpcp/result_codes.h>
 #include <boost/make_shared.hpp>
@@ -107,6 +108,48 @@ TEST(HttpParser, ResponseLine) {
   EXPECT_EQ(1, parsed.major);
   EXPECT_EQ(0, parsed.minor);
   EXPECT_EQ("HTTP/1.0 404 Not Here", parsed.start_line);
+}
+
+// The parsing status is not cleared between these.
+InfoPtr KeepStatus(const std::vector<std::string>& pieces) {
+  InfoPtr info = boost::make_shared<HTTPInfo>();
+  for (const std::string& piece : pieces) EXPECT_EQ(result::kOk, Parse(info, piece)) << piece;
+  return info;
+}
+
+TEST(HttpParser, KeptStatusLosesTheBodyOfTheBufferThatEndsTheHeader) {
+  for (const char* const length : {"Content-Length: 1000000", "Server: as long as the other"}) {
+    const std::string begin = std::string("HTTP/1.1 200 OK\r\n") + length;
+    for (std::size_t cut = sizeof("HTTP/1.1 200 OK"); cut < begin.size(); ++cut) {
+      const InfoPtr info = KeepStatus({begin.substr(0, cut), begin.substr(cut) + "\r\n\r\nx", "y"});
+      EXPECT_EQ(HEADER_COMPLETE, info->GetStatus());
+      EXPECT_EQ(MESSAGE_INCOMPLETE, info->GetState());
+      EXPECT_EQ("y", vex_test::TakeBody(*info)) << length << ' ' << cut;
+    }
+  }
+}
+
+TEST(HttpParser, KeptStatusLosesTheBufferBehindAFirstLineInTwo) {
+  const InfoPtr info =
+      KeepStatus({"HTTP/1.1 200", " OK\r\nContent-Length: 8\r\n\r\nlost", "as well", "kept"});
+  EXPECT_EQ(HEADER_COMPLETE, info->GetStatus());
+  EXPECT_EQ("kept", vex_test::TakeBody(*info));
+  EXPECT_EQ(MESSAGE_COMPLETE, KeepStatus({"GET ", "/ HTTP/1.1\r\n\r\n", "x"})->GetState());
+}
+
+TEST(HttpParser, KeptStatusNeverReadsOutsideABuffer) {
+  const std::string messages[] = {
+      "HTTP/1.1 200 OK\r\nContent-Length: 20\r\n\r\nhello",
+      "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n3\r\nabc\r\n2\r\nde\r\n0\r\n\r\n",
+      "HTTP/1.1 200 OK\r\nA: b\r\n\r\nhello",
+      "GET / HTTP/1.1\r\n:b\r\n\r\nhello",
+  };
+  for (const std::string& message : messages) {
+    const vex_test::CutFeeder feeder(message, vex_test::CutFeeder::Between::kKept);
+    feeder.EveryCut([&](const std::vector<std::size_t>&, const ParsedMessage& parsed) {
+      EXPECT_LE(parsed.body.size(), message.size());
+    });
+  }
 }
 
 TEST(HttpParser, UnknownMethodIsNoFailure) {
