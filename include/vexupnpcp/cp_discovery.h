@@ -83,7 +83,8 @@ struct DetailedDeviceInfo {
   std::string friendly_name;
   /// The key, see above.
   std::string udn;
-  /// Where the device's description came from, dotted decimal.
+  /// Where the device's description came from, dotted decimal, or a host's name when LOCATION has
+  /// one.
   std::string device_ip;
   /// Our own address that faces the device.
   std::string local_ip;
@@ -148,8 +149,8 @@ VEX_EXPORT int Terminate();
 /// @param user_agent  For the description requests to devices that answer with exactly this type;
 ///                    empty for the default.
 /// @param callback    Receives the events. May be null.
-/// @param handle      Receives the handle for UnRegisterCP, from 1. The first events may come
-///                    before it is written.
+/// @param handle      Receives the handle for UnRegisterCP, from 1. May be null. The first events
+///                    may come before it is written.
 /// @return kOk; kFailure for an empty type. A search that cannot be sent is no failure.
 /// Registered concrete types also narrow which descriptions are kept at all, for the rest of the
 /// run: devices of other types are not listed from then on.
@@ -168,8 +169,9 @@ VEX_EXPORT int UnRegisterCP(const int& handle);
 /// session are left alone.
 ///
 /// @param type  A device type, "ssdp:all" or "upnp:rootdevice". While a search for the same type or
-///              for one of the last two is waiting for its check, nothing is sent. The last two are
-///              sent at most once in 120 s.
+///              for one of the last two is waiting for its check, nothing is sent. The last two,
+///              taken together, are asked for at most once in 120 s, unless an interface has come
+///              or has another address since.
 VEX_EXPORT void Rescan(const std::string& type);
 
 /// Rescan for the type of each registration, save "upnp:rootdevice" and "ssdp:all".
@@ -179,8 +181,11 @@ VEX_EXPORT void RescanForRegisteredCP();
 /// @param seconds  3 at start.
 VEX_EXPORT void SetRescanConnectTimeout(int seconds);
 
-/// Sets the USER-AGENT of description requests.
-/// @param agent  Empty at start; then the device description is asked for under a built-in name.
+/// Sets the USER-AGENT of description requests, save those that have RegisterCP's.
+/// @param agent  Empty at start; then most device descriptions are asked for under a built-in name
+///               and service descriptions with an empty header. The header is empty too when the
+///               announcement's NT is a uuid or is not there, when a search answer has no ST, and
+///               when nobody is registered.
 VEX_EXPORT void SetDefaultUserAgent(const std::string& agent);
 
 /// Gives what SetDefaultUserAgent stored.

@@ -93,6 +93,7 @@ VEX_EXPORT void _Extract_ErrorDescription(utils::XmlParser& parser, utils::NodeX
 VEX_EXPORT int GetActionName(const std::string& xml, std::string& action);
 
 /// Shortens the type of a service: `AVTransport` from `urn:schemas-upnp-org:service:AVTransport:1`.
+/// A text that has `control-1-0` in it gives `control-1-0`.
 ///
 /// @return 0; 1 when the text has no such part.
 VEX_EXPORT int GetServiceType(const std::string& urn, std::string& type);
@@ -121,7 +122,7 @@ VEX_EXPORT int ValidateDIDLProperty(const std::string& tag, std::string& value);
 ///
 /// @param passes  With 0 or less `out` is left alone, unless `in` is empty.
 /// @param out     Receives the text; empty for an empty `in`.
-/// @return 0.
+/// @return 0; 1 without memory.
 VEX_EXPORT int EscapeMetaDataValue(const int& passes, const std::string& in, std::string& out);
 
 /// Cuts off an entity that was broken at the end of a text: `abc&am` becomes `abc`.
@@ -136,8 +137,8 @@ VEX_EXPORT void ResizeEscapedString(std::string& text);
 /// `&apos;` comes out as "&;" where an `&amp;` stands close in front of it or anywhere behind it.
 /// XmlUnescapeValue of xml_utils.h takes any text.
 ///
-/// @param out  The text is appended.
-/// @return 0; 1 for an empty text.
+/// @param out  The text is appended. Another object than `in`.
+/// @return 0; 1 for an empty text and without memory.
 VEX_EXPORT int UnescapeXmlValue(const std::string& in, std::string& out);
 
 /// Splits a `protocolInfo` value: `http-get:*:audio/mpeg:*` gives `http-get`, `audio/mpeg`, `*`.

@@ -66,9 +66,8 @@ VEX_EXPORT int OpenFileStream(const std::string& path, std::ios::openmode mode,
                               std::fstream& stream);
 
 /// Reads a whole text file and strips a leading UTF-8 byte-order mark.
-/// @param content  Receives a NUL-terminated text; the caller releases it with `delete[]`. Written
-/// on
-///                 success only.
+/// @param content  Receives a NUL-terminated text; the caller releases it with `delete[]`.
+///                 Written on success only.
 /// @return 0; result::kFailure when the file cannot be opened or read (a directory or a pipe among
 ///         them); result::kNoMemory.
 VEX_EXPORT int ReadFileUTF8(const std::string& path, char** content);

@@ -10,11 +10,10 @@
 /// 1. Order. `InitFrameworkCore`, `ConfigureServers`, `StartFrameworkCore`, `StartNetworkMonitor`,
 ///    `ConfigureApplicationOnAllInterfaces` (or `ConfigureApplicationOnInterface` for each wanted
 ///    one), then the control point of generic_cp.h. The end is the mirror: `TerminateGenericCP`,
-///    `StopNetworkMonitor`, `TerminateFrameworkCore`. A wrong order does no harm; the code tells
-///    it.
+///    `StopNetworkMonitor`, `TerminateFrameworkCore`. A wrong order does no harm; the code tells it
+///    except where told.
 /// 2. Threads. The functions may be called from any thread of the host, but those that start or
-/// stop
-///    something wait for each other, and stopping joins the library's threads: call none of
+///    end something wait for each other, and ending joins the library's threads: call none of
 ///    `InitFrameworkCore` to `StopNetworkMonitor` from inside a callback.
 /// 3. Results are the constants of result_codes.h, 0 (kOk) for success. Nothing throws.
 /// 4. Lists come from malloc and go back by the function that the comment names.
@@ -47,8 +46,9 @@ struct NetworkInfo {
 ///
 /// The first call of a host. It also looks anew for the platform's log sink.
 /// @param unused  Not read.
-/// @return 0; VX_FC_ALREADY_INITIALIZED; kFailure when the network layer could not be built (the
-///         call may be repeated).
+/// @return 0, also when threads could not be had, which is only logged;
+///         VX_FC_ALREADY_INITIALIZED; kFailure when the network layer could not be built (the call
+///         may be repeated).
 VEX_EXPORT int InitFrameworkCore(const std::string& unused);
 
 /// Marks the framework as started, which ConfigureMulticastSupport asks for.
@@ -65,7 +65,8 @@ VEX_EXPORT int StopFrameworkCore();
 /// layer. All threads and descriptors of the library are gone when it returns, save for streaming
 /// that the host itself still holds.
 ///
-/// TerminateGenericCP comes before it. Not from inside a callback.
+/// TerminateGenericCP comes before it. Not from inside a callback. While a host's name is being
+/// looked up, it may wait for as long as the system's resolver takes.
 /// @return 0; VX_FC_UNINITIALIZED before InitFrameworkCore; kFailure from the network layer.
 VEX_EXPORT int TerminateFrameworkCore();
 
@@ -73,10 +74,9 @@ VEX_EXPORT int TerminateFrameworkCore();
 ///
 /// @param type  INIT_TYPE_CP or INIT_TYPE_CP_DISCOVERY. A value that stands for nothing is stored
 ///              and started as nothing, with result 0.
-/// @return 0; VX_FC_UNINITIALIZED before InitFrameworkCore; VX_FC_ALREADY_INITIALIZED when a
-/// profile
-///         runs; kFailure for a refused type and when discovery could not be started. After the
-///         latter the profile counts as running until TerminateUPnP.
+/// @return 0; VX_FC_UNINITIALIZED before InitFrameworkCore; VX_FC_ALREADY_INITIALIZED when one
+///         runs already; kFailure for a refused type; kFailure or kOutOfMemory when discovery
+///         could not be started. After that the profile counts as running until TerminateUPnP.
 VEX_EXPORT int InitializeUPnP(eInitType type);
 
 /// Ends the profile, if one runs.
@@ -89,20 +89,21 @@ VEX_EXPORT int TerminateUPnP();
 ///
 /// Needed: InitFrameworkCore. A port of 0 leaves that kind out. The first failure ends the call;
 /// what was configured before it stays.
-/// @param tcpPort         Receives events (GENA). A taken port is no failure, the next free one of
-/// a
-///                        hundred is used.
+/// @param tcpPort         Receives events (GENA). A taken port is no failure, the next free one
+///                        of a hundred is used.
 /// @param multicastPort   Port of the SSDP group 239.255.255.250; 1900 is the protocol's (UPnP
 ///                        Device Architecture 1.0).
 /// @param udpPort         Receives answers to searches; a taken one is treated as with tcpPort.
 /// @param otherMulticast  Also opens the group 239.255.255.177 on multicastPort.
-/// @return 0; VX_FC_UNINITIALIZED; the code of the server that failed (kTcpStartFailed,
-///         kBindFailed, kFailure).
+/// @return 0; VX_FC_UNINITIALIZED; kBindFailed when a TCP server did not start; kFailure. A
+///         multicast or UDP server that does not start is only logged.
 VEX_EXPORT int ConfigureServers(int tcpPort, int multicastPort, int udpPort, bool otherMulticast);
 
 /// Starts the scan of the interfaces, every two seconds.
 ///
-/// @return 0; VX_FC_UNINITIALIZED; kFailure when the monitor could not be started.
+/// @return 0, also when there was no thread for it, which is only logged: the interfaces have then
+///         been looked at once, and a repeated call tries again; VX_FC_UNINITIALIZED; kFailure from
+///         the network layer.
 VEX_EXPORT int StartNetworkMonitor();
 
 /// Ends the scan. Allowed in any state.
@@ -112,11 +113,13 @@ VEX_EXPORT int StopNetworkMonitor();
 
 /// Selects every interface, those that appear later included.
 ///
+/// Needed: InitFrameworkCore; before it the call does nothing and gives 0.
 /// @return 0; kFailure only for want of memory.
 VEX_EXPORT int ConfigureApplicationOnAllInterfaces();
 
 /// Selects one interface, which need not be there yet.
 ///
+/// Needed: InitFrameworkCore; before it the call does nothing and gives 0.
 /// @param interfaceName  As the kernel names it, "eth0"; null selects nothing.
 /// @return 0; kFailure only for want of memory.
 VEX_EXPORT int ConfigureApplicationOnInterface(const char* interfaceName);
@@ -137,7 +140,9 @@ VEX_EXPORT void FreeInterfaceList(NetworkInfo* list);
 /// Sets the USER-AGENT of requests for which no own one was given.
 ///
 /// Needed: a running profile, else the call is logged and has no effect.
-/// @param agent  Text of the header; an empty one restores the built-in agent.
+/// @param agent  Text of the header. With an empty one, as at the start, actions, subscriptions and
+///               most device descriptions are asked for under a built-in name, service descriptions
+///               with an empty header (cp_discovery.h).
 VEX_EXPORT void SetDefaultUserAgent(const std::string& agent);
 
 /// Reads what SetDefaultUserAgent stored.
@@ -147,11 +152,15 @@ VEX_EXPORT void GetDefaultUserAgent(std::string& agent);
 
 /// Opens or closes the multicast servers while the rest goes on, as for a set in standby.
 ///
-/// Needed: StartFrameworkCore. Opening them starts a search, since announcements were missed.
+/// Needed: StartFrameworkCore. Announcements are missed meanwhile. Opening them starts a search for
+/// each concrete type registered with cp_discovery; a host of generic_cp.h calls RescanNetwork
+/// itself.
 /// @return 0; VX_FC_UNINITIALIZED when the framework is not started; the network layer's code.
 VEX_EXPORT int ConfigureMulticastSupport(bool enable);
 
-/// Turns the automatic search on or off, which looks every 60 s for the registered device types.
+/// Turns the automatic search on or off, which looks every 60 s for the concrete types registered
+/// with cp_discovery. The plain functions register none, so it does nothing for a host of
+/// generic_cp.h alone.
 ///
 /// Needed: a running profile.
 /// @return 0; VX_FC_UNINITIALIZED when no profile runs.

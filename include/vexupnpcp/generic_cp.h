@@ -20,9 +20,8 @@
 ///    `FreeDetailedDeviceInfo`, a single text by `free`. Outputs are written on success only.
 /// 4. What a callback receives belongs to the library and is valid during the call: copy what you
 ///    keep, free nothing.
-/// 5. Threads. The functions may be called from any thread of the host. Callbacks come on threads
-/// of
-///    the library:
+/// 5. Threads. The functions may be called from any thread of the host. Callbacks come on the
+///    library's threads:
 ///      - `event_callback` on one that receives requests. It may call every function but
 ///        `TerminateGenericCP`, its own `UnSubscribeService` included. Events of one subscription
 ///        come in order, events of all subscriptions one at a time: do not block.
@@ -36,14 +35,16 @@
 ///    they wait for it to end.
 /// 6. No call after the end. When `UnRegisterCP` has returned, no callback of that control point
 ///    runs or will run, and when `UnSubscribeService` has returned 0, no event of that subscription
-///    does. From inside a callback they do not wait for an event or device callback that runs
-///    beside it on another thread. When `TerminateGenericCP` has returned, no callback at all runs
-///    or will run.
+///    does. They wait for callbacks that run on other threads, with one exception: from inside an
+///    `event_callback`, `UnRegisterCP` does not wait for a `device_callback` that runs beside it.
+///    From inside a `device_callback` they do wait for a running `event_callback` (`UnRegisterCP`
+///    when it has a subscription to end), which therefore must not wait for that thread. When
+///    `TerminateGenericCP` has returned, no callback at all runs or will run.
 /// 7. Codes are those of errorcodes.h, CP_ERR_NONE (0) for success. Tests come in this order: not
 ///    initialised, null arguments, unknown handle; the first that fails decides. What a comment
 ///    names "forwarded" is a code of the layers below (result_codes.h), 1 for a plain failure.
-///    Every function may give CP_ERR_OUT_OF_MEMORY. Nothing is thrown. The same codes go to the
-///    callbacks.
+///    Every function may give CP_ERR_OUT_OF_MEMORY, and CP_ERR_OPERATION_FAILED after an exception
+///    that nobody expected. Nothing is thrown. The same codes go to the callbacks.
 /// 8. Devices. A device is named by its UDN with "+" and the local interface behind it, so a device
 ///    that is reached over two interfaces is two devices. A control point may use devices of any
 ///    type, not only of those that it registered for.
@@ -83,9 +84,9 @@ typedef struct CPDeviceIcon {
 
 /// One service of a device's description; a list. The URLs are as in the description.
 typedef struct CPDeviceServiceInfo {
-  /// The library's own name of the service.
+  /// Always empty.
   char* service_key;
-  /// The library's own name of the device that has it.
+  /// Always empty.
   char* service_owner;
   char* service_type;
   char* service_id;
@@ -116,7 +117,7 @@ typedef struct CPDetailedDeviceInfo {
   char* display_name;
   char* device_type;
   CPDeviceIcon* icons;
-  /// The device's address.
+  /// The host in the description's location: an address, or a name when the device gave one.
   char* device_ip;
   /// This host's address on the way to the device.
   char* local_ip;
@@ -129,7 +130,7 @@ typedef struct CPDetailedDeviceInfo {
   char* manufacturer;
   char* model_name;
   char* model_number;
-  /// The path of the description's location.
+  /// The description's location up to, and without, its last "/".
   char* description_path;
   /// The description as it was received.
   char* description_xml;
@@ -161,14 +162,15 @@ typedef struct ControlPointCalbacks {
   /// twice. Devices that are known already when a control point registers are not told anew; see
   /// GetDeviceList.
   ///
-  /// @param event   1: it is ready for use; 2: it is gone.
+  /// @param event   1: it is ready for use; 2: it is gone. A 2 without a 1 before it comes for a
+  ///                device that said byebye before it was ready.
   /// @param device  Never null.
   void (*device_callback)(int event, CPDeviceInfo* device);
   /// Never called.
   void (*reserved_callback)(void);
 } ControlPointCalbacks;
 
-/// Starts the control point: discovery, actions and events.
+/// Starts the control point: discovery, actions and events. All devices are searched for once.
 ///
 /// Needed: InitFrameworkCore.
 /// @return 0; CP_ERR_INIT_FAILED without the framework, when a profile runs already, and when
@@ -184,9 +186,12 @@ VEX_EXPORT int InitializeGenericCP(void);
 /// @return 0; CP_ERR_NOT_INITIALIZED.
 VEX_EXPORT int TerminateGenericCP(void);
 
-/// Sets the USER-AGENT of description requests, actions and subscriptions.
+/// Sets the USER-AGENT of actions and subscriptions, and of device descriptions that are asked for
+/// because of a message about upnp:rootdevice; the latter carry what was set before
+/// InitializeGenericCP. All other description requests carry SetDefaultUserAgent's
+/// (framework_controller_cp.h).
 ///
-/// Works at any time; description requests carry what was set before InitializeGenericCP.
+/// Works at any time.
 /// @param agent  Null is ignored with a log line; empty stands for the default agent.
 VEX_EXPORT void GenericCPSetUserAgent(const char* agent);
 
@@ -243,8 +248,7 @@ VEX_EXPORT int FreeDetailedDeviceInfo(CPDetailedDeviceInfo* info);
 /// @param service_type  The type or a part of it; the first service that has it counts. Not null.
 /// @param description   Receives the text, for `free`. Not null.
 /// @return 0; CP_ERR_NOT_INITIALIZED; CP_ERR_INVALID_PARAMS; CP_ERR_FAILURE for an unknown device
-/// or
-///         service.
+///         and an unknown service.
 VEX_EXPORT int GetServiceDescription(int handle, const char* udn, const char* service_type,
                                      char** description);
 
@@ -260,9 +264,8 @@ VEX_EXPORT int RescanNetwork(int handle, const char* device_type);
 /// Sends one SOAP action to a service; the answer comes once through action_callback.
 ///
 /// @param udn           From a CPDeviceInfo. Not null.
-/// @param service_type  The type or a part of it, in any case; the first service that has it
-/// counts.
-///                      Not null.
+/// @param service_type  The type or a part of it, in any case: the first service that has it
+///                      counts. Not null.
 /// @param action_name   Not null.
 /// @param arguments     The input arguments; may be null. Both strings of a node must be set.
 /// @param action_id     Receives the id that the callback will carry. Not null. The callback may
@@ -275,16 +278,17 @@ VEX_EXPORT int SendAction(int handle, const char* udn, const char* service_type,
 
 /// Gives an action up: its callback does not come, unless it is on its way already.
 ///
+/// @param handle     Of the control point that sent it; not checked: the action ends with any
+///                   handle.
 /// @param action_id  From SendAction; one that has ended is no fault.
 VEX_EXPORT void CancelAction(int handle, int action_id);
 
-/// Subscribes all services of a device, as SubscribeService does. The first failure ends the call;
-/// what was subscribed by then stays so.
+/// Subscribes all services of a device, as SubscribeService does. The first failure ends the call,
+/// be it a service without events; what was subscribed by then stays so.
 ///
 /// @param udn  From a CPDeviceInfo. Not null.
-/// @return 0; CP_ERR_NOT_INITIALIZED; CP_ERR_INVALID_PARAMS, also for an unknown device; the code
-/// of
-///         SubscribeService.
+/// @return 0; CP_ERR_NOT_INITIALIZED; CP_ERR_INVALID_PARAMS, also for an unknown device; the
+///         code of SubscribeService.
 VEX_EXPORT int SubscribeDevice(int handle, const char* udn);
 
 /// Ends the subscriptions of all services of a device; what fails is passed over.
@@ -303,7 +307,8 @@ VEX_EXPORT int UnSubscribeDevice(int handle, const char* udn);
 ///         CP_ERR_NOT_INITIALIZED; CP_ERR_INVALID_PARAMS, also for an unknown device;
 ///         CP_ERR_OPERATION_FAILED for an unknown service and without such a server;
 ///         CP_ERR_ALREADY_SUBSCRIBED for the same pair of texts, also when the device has refused
-///         it; else forwarded from the sending.
+///         it; result::kBadInput (3001) for a service without events, whose eventSubURL is empty;
+///         else forwarded from the sending.
 VEX_EXPORT int SubscribeService(int handle, const char* udn, const char* service_type);
 
 /// Ends a subscription.

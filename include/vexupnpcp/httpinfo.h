@@ -160,7 +160,8 @@ class VEX_EXPORT HTTPInfo : public VEXUncopyable {
   /// @return result::kFailure without memory; text and body are then as they were.
   int ReadBody(std::string& body);
 
-  /// Copies the list of headers, in order of arrival.
+  /// Gives the list of headers, in order of arrival. Their records are made at the first call, so
+  /// this is done before a message is shared between threads.
   ///
   /// @param headers  The records stay owned by this object and die with it or at CleanInfo.
   int GetHeader(std::vector<NameValue*>& headers);

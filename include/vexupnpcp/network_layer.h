@@ -23,8 +23,9 @@ namespace network_layer {
 //    TerminateNetworkLayer. Outside of that each gives result::kFailure and does nothing.
 // 2. They may be called from any thread, also from inside a listener, save for the four of the
 //    layer's life, which one thread calls. None throws.
-// 3. 0 (result::kOk) is success where nothing else is said. Outputs are written where promised
-//    only; strings passed in are copied.
+// 3. 0 (result::kOk) is success where nothing else is said. For want of memory any of them may give
+//    result::kFailure, or result::kNoSession where that is named. Outputs are written only where
+//    that is promised; strings passed in are copied.
 // 4. Addresses are IPv4 in dotted decimal.
 
 /// Makes the layer's singletons; no thread that sends or receives runs yet.
@@ -93,25 +94,27 @@ VEX_EXPORT int GetConfiguredTcpPorts(std::list<boost::shared_ptr<IpInfo>>& list)
 ///
 /// @param data             From `new`. The layer's own on success, the caller's still on failure.
 ///                         Null ends the connection without an answer.
-/// @param length           Its bytes.
+/// @param length           How many of its bytes to send, at most.
 /// @param session_context  From OnTCPRequestReceived; used up whatever the result.
-/// @return result::kOk when the answer is on its way; result::kFailure for a null context; the
-///         connection's own failure otherwise.
+/// @return result::kOk, also when the peer has gone and the answer is dropped; result::kFailure for
+///         a null context or null data.
 VEX_EXPORT int SendResponsePacket(std::string* data, const int& length, void* session_context);
 
 /// Answers a TCP request and returns when the answer has been written.
 ///
 /// @param data             Read during the call only.
-/// @param length           Its bytes.
+/// @param length           How many of its bytes to send, at most.
 /// @param session_context  From OnTCPRequestReceived; used up whatever the result.
-/// @return As SendResponsePacket.
+/// @return result::kOk when it has been written; result::kSocketFailed when not; result::kFailure
+///         for a null context.
 VEX_EXPORT int SendSyncResponsePacket(const std::string& data, const int& length,
                                       void* session_context);
 
 /// Answers a TCP request with raw bytes and returns at once.
 ///
-/// @param data             From `malloc`; given back by the layer with `free`.
-/// @param length           Its bytes.
+/// @param data             From `malloc`. On success the layer's, which gives it back by `free`; on
+///                         failure the caller's still. Not null.
+/// @param length           How many of its bytes to send.
 /// @param session_context  From OnTCPRequestReceived; used up whatever the result.
 /// @return As SendResponsePacket.
 VEX_EXPORT int SendBinaryResponsePacket(char* data, const int& length, void* session_context);
@@ -156,12 +159,12 @@ VEX_EXPORT int SendUDPPacket(const std::string& ip, const int& port, const std::
 /// @param port        0 to 65535.
 /// @param data        The whole request, header and body.
 /// @param length      Not looked at: all of `data` is sent.
-/// @param listener    Not null; kept until the exchange has ended.
+/// @param listener    Kept until the exchange has ended; null when nobody wants the answer.
 /// @param session_id  Receives the exchange's id, above 0, before it starts: the answer may come
 ///                    before this call returns.
 /// @return result::kOk when the connection is under way; result::kConnectFailed for a bad address
-///         or port and without a socket; result::kNoSession without memory; result::kFailure when
-///         the listener was refused.
+///         or port and without a socket; result::kNoSession without memory; result::kFailure
+///         outside the layer's life.
 /// Called back on a "VexTcpRes" thread, from which everything here may be called. When very many
 /// exchanges are open (seven tenths of the descriptor limit) the oldest are dropped in silence.
 VEX_EXPORT int SendTCPHTTPPacket(const std::string& ip, const int& port, const std::string& data,
@@ -183,10 +186,13 @@ VEX_EXPORT int CancelTCPHTTPPacket(const int& session_id);
 /// @param data      The whole request, header and body.
 /// @param length    Not looked at: all of `data` is sent.
 /// @param response  A message to parse into; not null. Holds what has come.
-/// @param timeout   Milliseconds for connection, request and answer together.
-/// @return result::kOk when the peer has closed; result::kConnectFailed; result::kSocketFailed when
-///         writing or reading failed or the time was up; result::kBadHttp when the answer is no
-///         HTTP or larger than SendTCPHTTPPacket takes; result::kNoSession without memory.
+/// @param timeout   Milliseconds for connection, request and answer together. The look-up of a name
+///                  takes what it takes.
+/// @return result::kOk when the peer has closed; result::kConnectFailed, also when the time was up
+///         before there was a connection; result::kSocketFailed when writing or reading failed or
+///         the time was up; result::kBadHttp when the answer is no HTTP or larger than
+///         SendTCPHTTPPacket takes; result::kNoSession without memory.
+/// Not from a callback of timer.h: one thread serves all timers, so the time would never be up.
 VEX_EXPORT int SendSyncTCPPacket(const std::string& ip, const int& port, const std::string& data,
                                  const int& length, boost::shared_ptr<utils::HTTPInfo>& response,
                                  int timeout);

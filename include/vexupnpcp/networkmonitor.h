@@ -50,7 +50,8 @@ VEX_EXPORT int GetNetworkInterfaceByIP(const std::string& ip, NetInfo& info);
 VEX_EXPORT int ConfigureNetworkInterface(std::string& name, const bool& enable);
 
 /// Whether interfaces that are found from now on are selected by themselves. What is selected
-/// already stays so.
+/// already stays so. Interfaces that are known and up by then are selected at the next look too,
+/// but without an event and without servers: name them to ConfigureNetworkInterface first.
 ///
 /// @return 1 (result::kYes); 0 outside the layer's life.
 VEX_EXPORT int ConfigureOnAllNetworkInterfaces(const bool& enable);

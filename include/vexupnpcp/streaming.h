@@ -15,12 +15,13 @@
 ///    to be initialised to hear of interface changes.
 /// 2. Strings and lists. Texts are NUL-terminated. Lists are linked through `next` and end in null;
 ///    an empty list is a null pointer.
-/// 3. Memory. What is passed in stays the caller's and is read during the call only. What a
-/// function
-///    gives out is the caller's and goes back by the Free function that its comment names; all Free
+/// 3. Memory. What is passed in stays the caller's and is read during the call only. What is given
+///    out is the caller's and goes back by the Free function that the comment names; all Free
 ///    functions accept null.
 /// 4. Threads. The functions may be called from any thread.
-/// 5. Results are the `kStreaming...` constants of result_codes.h, 0 for success. Nothing throws.
+/// 5. Results are the `kStreaming...` constants of result_codes.h, 0 for success. Beside those that
+///    are named, each function may give kStreamingNotInitialized, when there is no manager and none
+///    could be made, and kStreamingOutOfMemory. Nothing throws.
 namespace vex_upnp {
 namespace streaming {
 
@@ -44,15 +45,15 @@ VEX_EXPORT int TerminateStreamingManager();
 /// STREAMING_SERVER_STARTED with its new id. Starts the thread pool at its first use.
 /// @param callbacks         All five must be set; copied.
 /// @param interface_ip      Address of one of our interfaces, or null for all of them.
-/// @param port              Port asked for, not negative; a taken one moves on to the next free of
-/// 100.
+/// @param port              Port asked for, not negative; a taken one moves on to the next free one
+///                          of a hundred.
 /// @param servers           Receives the started servers, appended to the chain it points at (a
-/// null
-///                          pointer starts one); released with FreeServerInfoList. Not null. Stays
-///                          empty, with result 0, when no interface is active.
+///                          null pointer starts one); released with FreeServerInfoList. Not null.
 /// @param configuration_id  Receives the handle of this call, from 100. Not null.
-/// @return 0; kFailure (no threads), kStreamingInvalidParams, kStreamingNoInterface,
-///         kStreamingBindFailed, kStreamingOutOfMemory.
+/// @return 0; kFailure (no threads), kStreamingInvalidParams, kStreamingOutOfMemory; for one
+///         interface also kStreamingNoInterface and kStreamingBindFailed, the latter for a port
+///         above 65535 too. For all interfaces 0 says only that the call is noted: where no
+///         interface is active, or none gives a server, `servers` stays as it was.
 VEX_EXPORT int StartServers(const ServerAppCallbacks* callbacks, const char* interface_ip, int port,
                             stServer** servers, int* configuration_id);
 
@@ -115,8 +116,7 @@ VEX_EXPORT int SendHTTPResponse(int server_id, int session_id, const ResHeaderIn
 /// Sends a piece of body, for a client's session when the first argument is the handler id of its
 /// callbacks, else for a server's. One piece at a time: the next one after on_write_complete.
 /// @param data    From malloc. With `final` it passes to the library on success; earlier pieces
-/// stay
-///                the caller's and may be used again after on_write_complete.
+///                stay the caller's and may be used again after on_write_complete.
 /// @param length  Bytes. 0 with `final` ends the body.
 /// @return 0; kStreamingInvalidParams (a negative id), kStreamingNoServer, kStreamingNoSession,
 ///         kStreamingOutOfMemory.
@@ -124,8 +124,9 @@ VEX_EXPORT int SendHTTPPayload(int server_or_handler_id, int session_id, void* d
                                unsigned int length, bool final);
 
 /// Starts a synchronous client, which the caller drives by the blocking calls below on a thread of
-/// its own; StopClientTransfer, from any thread, ends it and whatever blocks. It connects on the
-/// thread pool, which StartServers or StartClient must have started.
+/// its own. Once connected, they wait for the peer for as long as it takes; StopClientTransfer,
+/// from any thread, ends the client and whatever blocks. It connects on the thread pool, which
+/// StartServers or StartClient must have started.
 /// @return 0; kStreamingInvalidParams for a null argument.
 VEX_EXPORT int StartSyncClient(int* client_id);
 
@@ -147,8 +148,7 @@ VEX_EXPORT int SendSyncHTTPPayload(int client_id, void* data, unsigned int lengt
 /// @param body      Receives the first part of the body, null if there is none; Free.
 /// @param length    Its bytes.
 /// @param final     Set to true when the message ends here; not touched otherwise. An interim
-/// answer
-///                  with status 100 is final: send the body and call again.
+///                  answer with status 100 is final: send the body and call again.
 /// @return 0; kStreamingInvalidParams, kStreamingNoSession, kSocketFailed, kBadHttp,
 ///         kStreamingOutOfMemory.
 VEX_EXPORT int ReadHTTPHeader(int client_id, ResHeaderInfo** response, void** body,

@@ -102,9 +102,10 @@ enum StreamingStatus : int {
 };
 
 /// Callbacks of a server, all required; they come on pool threads with none of the library's locks
-/// held, except on_status with session 0, during which servers may be configured but must not be
-/// waited for. `server_id` and `session_id` name the connection. Records and blocks given to
-/// on_request and on_data are the receiver's: FreeRequestHeader, Free.
+/// held. Only on_status with session 0 comes on the thread that tells of interfaces: servers may be
+/// configured from it, but it must not wait for another thread that does. `server_id` and
+/// `session_id` name the connection. Records and blocks given to on_request and on_data are the
+/// receiver's: FreeRequestHeader, Free.
 struct ServerAppCallbacks {
   /// A connection was accepted; `reserved` is 0.
   void (*on_connect)(int server_id, int session_id, int reserved);

@@ -54,9 +54,9 @@ class VEX_EXPORT StringUtils {
   /// @return false for an empty text and for a hash of 0.
   static bool GetHashValue(const std::string& text, std::string& hash);
 
-  /// Percent-encodes the ASCII punctuation of one value that is to travel inside a URI; slash,
-  /// colon, dot, hyphen and underscore included, so it is not for whole URIs. Control bytes and
-  /// bytes from 0x80 on pass as they are.
+  /// Percent-encodes blank, DEL and the ASCII punctuation of one value that is to travel inside a
+  /// URI; slash, colon, dot, hyphen and underscore included, so it is not for whole URIs. Bytes
+  /// below 0x20 and from 0x80 on pass as they are.
   ///
   /// @param in   The value; an empty one leaves `out` untouched.
   /// @param out  Receives the encoded text; may be the same object as `in`.
