@@ -192,6 +192,7 @@ int SendSyncHTTPRequest(int client_id, const ReqHeaderInfo* request) {
 }
 
 int SendSyncHTTPPayload(int client_id, void* data, unsigned int length, bool final) {
+  if (data == nullptr && length > 0) return InvalidParams(VEX_LOG_SITE);
   return OnSyncClient(client_id, [&](OutgoingSyncSession& session, int) {
     return session.Write(data, length, final);
   });

@@ -256,6 +256,10 @@ void IncomingSession::CallbackWriteHeader(const error_code& error) {
 }
 
 int IncomingSession::RegisterWrite(void* data, const unsigned int& length, const bool& final) {
+  if (data == nullptr && length > 0) {
+    VEX_LOG(kLogMajor, kTagStreaming, "Invalid params.");
+    return result::kStreamingInvalidParams;
+  }
   final_ = final;
   payload_length_ = length;
   if (length == 0 && !final) {

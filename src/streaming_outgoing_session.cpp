@@ -186,6 +186,10 @@ void OutgoingSession::CallbackWriteHeader(const error_code& error) {
 }
 
 int OutgoingSession::RegisterWrite(void* data, const unsigned int& length, const bool& final) {
+  if (data == nullptr && length > 0) {
+    VEX_LOG(kLogMajor, kTagStreaming, "Invalid params.");
+    return result::kStreamingInvalidParams;
+  }
   final_ = final;
   payload_length_ = length;
   // What goes on the wire, and what has to be freed when the write is done or never happens.

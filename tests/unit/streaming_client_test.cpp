@@ -381,6 +381,8 @@ TEST_F(StreamingClient, ArgumentsAreChecked) {
   EXPECT_EQ(1, log.Count("Session not found for client id 5."));
   EXPECT_EQ(result::kStreamingNoSession, SendHTTPPayload(100, 5, nullptr, 0, true));
   EXPECT_EQ(result::kStreamingNoServer, SendHTTPPayload(99, 5, nullptr, 0, true));
+  EXPECT_EQ(result::kStreamingNoSession, SendHTTPPayload(100, 5, nullptr, 1, true));
+  EXPECT_EQ(result::kStreamingNoServer, SendHTTPPayload(99, 5, nullptr, 1, true));
   EXPECT_EQ(result::kStreamingInvalidPort, StartClient(&kCallbacks, kHost, 70000, &id));
   EXPECT_EQ(result::kOk, StopClientTransfer(id));
 }
@@ -545,6 +547,9 @@ TEST_F(SyncStreamingClient, ArgumentsAreChecked) {
   EXPECT_EQ(result::kStreamingInvalidParams, SendSyncHTTPRequest(id_, nullptr));
   EXPECT_EQ(result::kStreamingInvalidParams, ReadHTTPHeader(id_, nullptr, &block_, length, final));
   EXPECT_EQ(result::kStreamingInvalidParams, ReadHTTPData(id_, nullptr, length, final));
+  EXPECT_EQ(result::kStreamingInvalidParams, SendSyncHTTPPayload(-1, nullptr, 0, true));
+  EXPECT_EQ(result::kStreamingInvalidParams, SendSyncHTTPPayload(id_, nullptr, 1, true));
+  EXPECT_EQ(result::kStreamingNoSession, SendSyncHTTPPayload(5, nullptr, 0, true));
   EXPECT_EQ(result::kStreamingNoSession, ConnectSyncClient(5, kHost, 80));
   EXPECT_EQ(result::kStreamingNoSession, ReadHTTPData(5, &block_, length, final));
 }

@@ -170,6 +170,22 @@ TEST_F(StreamingPayloads, AnEarlyEndIsToldByDataThatIsNotFinalAndThenStatus4) {
   EXPECT_EQ(expected, client_.Events());
 }
 
+TEST_F(StreamingPayloads, RegressionAPayloadOfAClientWithoutItsBytesIsRefusedAndTheNextIsSent) {
+  const std::string frame = "4\r\nlast\r\n0\r\n\r\n";
+  Taker taker(frame.size());
+  const int id = Start(taker.port());
+  const ReqHeaderInfo request = ChunkedPost();
+  EXPECT_EQ(0, SendHTTPRequest(id, &request));
+  ASSERT_TRUE(client_.Await(Told("written", id, "0")));
+  const LogCapture log;
+  EXPECT_EQ(1003, SendHTTPPayload(100, id, nullptr, 1, false));
+  EXPECT_EQ(1003, SendHTTPPayload(100, id, nullptr, 1, true));
+  EXPECT_EQ(2, log.Count(16, "VEX_CORE_STREAMING", "Invalid params."));
+  EXPECT_EQ(0, SendHTTPPayload(100, id, MallocCopy("last"), 4, true));
+  ASSERT_TRUE(client_.Await(Told("response", id, "200 0 final")));
+  EXPECT_EQ(frame, taker.Taken().second);
+}
+
 // The synchronous client.
 
 TEST_F(StreamingPayloads, ASynchronousPostGoesInChunks) {
@@ -182,6 +198,7 @@ TEST_F(StreamingPayloads, ASynchronousPostGoesInChunks) {
   EXPECT_EQ(0, SendSyncHTTPRequest(id, &request));
   std::string more = block + "t";
   EXPECT_EQ(0, SendSyncHTTPPayload(id, Literal("first"), 5, false));
+  EXPECT_EQ(1003, SendSyncHTTPPayload(id, nullptr, 5, false));
   EXPECT_EQ(0, SendSyncHTTPPayload(id, &more[0], 524289, false));
   // All of them stay the host's, the last one too.
   EXPECT_EQ(0, SendSyncHTTPPayload(id, Literal("last"), 4, true));
@@ -263,6 +280,23 @@ TEST_F(StreamingPayloads, AnEmptyLastPayloadOfAServerStartsOneWrite) {
   EXPECT_EQ(1, log.Count("async_write 2 [" + std::to_string(server_) + "] [" +
                          std::to_string(server_ + 1) + "]"));
   EXPECT_EQ(1, log.Count("Closing Socket for session_id = [" + std::to_string(server_ + 1) + "]"));
+}
+
+TEST_F(StreamingPayloads, RegressionAPayloadOfAServerWithoutItsBytesIsRefused) {
+  host_.DoOnRequest([](const MediaHost::Request& request) {
+    ResHeaderInfo ok = Response(200);
+    ok.transfer_encoding = Literal("chunked");
+    EXPECT_EQ(0, SendHTTPResponse(request.server, request.session, &ok, false));
+  });
+  host_.DoOnWritten([](int server, int session, unsigned int) {
+    EXPECT_EQ(1003, SendHTTPPayload(server, session, nullptr, 1, false));
+    EXPECT_EQ(1003, SendHTTPPayload(server, session, nullptr, 1, true));
+    EXPECT_EQ(0, SendHTTPPayload(server, session, nullptr, 0, true));
+  });
+  Serve();
+  TcpClient peer(ip_, port_);
+  ASSERT_TRUE(peer.Send(kGet));
+  EXPECT_EQ("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n", peer.ReadToEnd());
 }
 
 TEST_F(StreamingPayloads, ThePauseBeforeACloseHoldsNoThread) {
