@@ -283,7 +283,7 @@ int GetResponseAdditionalHeaders(const stArgument* headers, const std::string& n
 }
 
 int GetRunningSessionInfo(stRunningSession** sessions) {
-  if (sessions == nullptr) return result::kStreamingInvalidParams;
+  if (sessions == nullptr) return InvalidParams(VEX_LOG_SITE);
   const boost::shared_ptr<StreamingManager> manager = StreamingManager::GetInstance();
   if (!manager) return result::kFailure;
   return Guarded<int>(result::kFailure, [&] { return manager->GetRunningSessionInfo(sessions); });

@@ -78,7 +78,9 @@ TEST_F(StreamingTest, WithoutSessionsTheListIsEmpty) {
   stRunningSession* sessions = &untouched;
   EXPECT_EQ(0, GetRunningSessionInfo(&sessions));
   EXPECT_EQ(nullptr, sessions);
+  const LogCapture log;
   EXPECT_EQ(result::kStreamingInvalidParams, GetRunningSessionInfo(nullptr));
+  EXPECT_EQ(1, log.Count(16, kTag, "Invalid params."));
 }
 
 TEST_F(StreamingTest, ChainsAreFreedWhole) {
