@@ -52,6 +52,7 @@ bool IsSuccess(const utils::HTTPInfo& http_info) {
 
 // What is needed of a service to ask for its description, copied out of the device's record.
 struct WantedService {
+  std::string service_type;
   std::string service_id;
   std::string scpd_url;
   std::string control_url;
@@ -74,8 +75,8 @@ int CollectWantedServices(const boost::shared_ptr<Device>& device,
   }
   for (const auto& service : device->services) {
     if (!service->scpd_xml.empty()) continue;
-    wanted.push_back(
-        {service->service_id, service->scpd_url, service->control_url, service->event_sub_url});
+    wanted.push_back({service->service_type, service->service_id, service->scpd_url,
+                      service->control_url, service->event_sub_url});
   }
   return result::kOk;
 }
@@ -94,22 +95,22 @@ Adding AddRequest(CPDiscoveryManager& manager, const boost::shared_ptr<Device>& 
   return manager.AddNowRequesting(request) == result::kOk ? Adding::kAdded : Adding::kRefused;
 }
 
-// Control and event URLs are used much later; they are looked at now, so that a device whose URLs
-// cannot be right is never shown.
+// Control and event URLs are used much later; they are looked at now, in the form in which they
+// will be used, so that a device whose URLs cannot be right is never shown.
 const char* WhyReferenceUnusable(const std::string& reference, const Device& device) {
-  const bool stays_on_device =
-      device.url_base.empty() && !BeginsWithIgnoringCase(reference, kHttpScheme);
-  if (reference.empty() || stays_on_device) return nullptr;
+  if (reference.empty()) return nullptr;
   std::string absolute;
   const int result = utils::StringUtils::GetAbsoluteUri(reference, device.url_base, device.ip,
                                                         device.port, device.base_url, absolute);
-  return result == result::kOk ? WhyUrlUnusable(absolute, device.ip) : nullptr;
+  return result == result::kOk ? WhyUrlUnusable(absolute, device.ip) : "URL cannot be formed";
 }
 
 const char* WhyServiceUnusable(const WantedService& service, const Device& device,
                                const std::string& url, const std::string& host, int port) {
   // Without an id the answer would pass for a device description.
   if (service.service_id.empty()) return "service without id";
+  // It becomes part of a header line of each action.
+  if (HasLineEnd(service.service_type)) return "line end in service type";
   const char* reason = WhyUnusable(url, host, port, device.ip);
   if (reason == nullptr) reason = WhyReferenceUnusable(service.control_url, device);
   if (reason == nullptr) reason = WhyReferenceUnusable(service.event_sub_url, device);

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <list>
+#include <string_view>
 #include <vector>
 
 #include <boost/shared_ptr.hpp>
@@ -111,12 +112,17 @@ const char* WhyAddressUnusable(std::uint32_t address, const std::string& host, i
   return nullptr;
 }
 
+constexpr char kLineEndInUrl[] = "line end in URL";
+
 }  // namespace
+
+bool HasLineEnd(const std::string& text) {
+  return text.find_first_of(std::string_view("\r\n\0", 3)) != std::string::npos;
+}
 
 const char* WhyUnusable(const std::string& url, const std::string& host, int port,
                         const std::string& peer) {
-  // These would write lines of their own into the request.
-  if (url.find_first_of(std::string("\r\n\0", 3)) != std::string::npos) return "line end in URL";
+  if (HasLineEnd(url)) return kLineEndInUrl;
   if (port < 1 || port > kHighestPort) return "port out of range";
   if (!IsSpelledLikeAHost(host)) return "host is no address";
   std::uint32_t address = 0;
@@ -127,6 +133,7 @@ const char* WhyUnusable(const std::string& url, const std::string& host, int por
 }
 
 const char* WhyUrlUnusable(const std::string& url, const std::string& peer) {
+  if (HasLineEnd(url)) return kLineEndInUrl;
   std::string host;
   std::string path;
   int port = 0;

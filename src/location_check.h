@@ -11,6 +11,9 @@ namespace cp_discovery {
 // null when it may be one. What may be right is never refused: names, other subnets and link-local
 // addresses pass.
 
+// Whether the text would write lines of its own into a request.
+bool HasLineEnd(const std::string& text);
+
 // `host` and `port` are what the caller's own reading of `url` gave; `peer` is the address of the
 // machine that named it.
 const char* WhyUnusable(const std::string& url, const std::string& host, int port,

@@ -77,9 +77,12 @@ class DiscoveryHostile : public vex_test::HostileRig {
 
   // Announces a device whose description is fine and that must nevertheless come to nothing.
   void ExpectLost(const FakeDevice& device) {
+    ExpectLostAt(ServeDevice(server_, "/lost.xml", device), device);
+  }
+
+  void ExpectLostAt(const std::string& url, const FakeDevice& device) {
     const std::string key = device.udn + "+localhost";
     LogCapture log;
-    const std::string url = ServeDevice(server_, "/lost.xml", device);
     DiscoveryRig::Receive(Alive(device.udn, url));
     EXPECT_TRUE(WaitUntil([&] {
       return log.Count("Unable to fetch service description for device " + key + " ") == 1;
@@ -195,6 +198,40 @@ TEST_F(DiscoveryHostile, AServiceUrlWithALineEndInItLosesTheDevice) {
   ExpectLost(device);
   for (const std::string& request : server_.Requests()) {
     EXPECT_EQ(std::string::npos, request.find("\nX: y")) << request;
+  }
+}
+
+// Without a path in the location what is joined to its base becomes a host of its own.
+TEST_F(DiscoveryHostile, RegressionARelativeUrlThatBecomesAnotherHostLosesTheDevice) {
+  DiscoveryRig::Register("upnp:rootdevice");
+  for (const char* url : {"0.0.0.0:7676/x", "239.255.255.250:1900/x", "0x7f000001:80/x"}) {
+    for (const std::string which : {"scpd", "control", "event"}) {
+      FakeDevice device = Plain("uuid:a", 1);
+      vex_test::FakeService& service = device.services[0];
+      if (which == "scpd") service.scpd_url = url;
+      if (which == "control") service.control_url = url;
+      if (which == "event") service.event_sub_url = url;
+      ServeDevice(server_, "/", device);
+      ExpectLostAt(server_.Url(""), device);
+    }
+  }
+}
+
+TEST_F(DiscoveryHostile, RegressionALineEndInWhatARequestWillSayLosesTheDevice) {
+  DiscoveryRig::Register("upnp:rootdevice");
+  for (const char* end : {"\r", "\n", "\r\nX: y"}) {
+    for (const std::string which : {"type", "control", "event"}) {
+      FakeDevice device = Plain("uuid:a", 1);
+      vex_test::FakeService& service = device.services[0];
+      if (which == "type") service.type += end;
+      if (which == "control") service.control_url += end;
+      if (which == "event") service.event_sub_url += end;
+      ExpectLost(device);
+      // Nor when it stands behind a base without a port, which gives no URL that can be used.
+      device.root_more = "<URLBase>http://127.0.0.1/</URLBase>";
+      device.services[0].scpd_url = server_.Url("/s.xml");
+      ExpectLost(device);
+    }
   }
 }
 

@@ -68,7 +68,9 @@ TEST(LocationCheck, LineEndsAreRefused) {
   for (const std::string& url : {std::string("http://h:1/a\rb"), std::string("http://h:1/a\nb"),
                                  std::string("http://h:1/a\0b", 14)}) {
     EXPECT_STREQ("line end in URL", WhyUnusable(url, "10.0.0.1", 1, kOtherMachine));
+    EXPECT_STREQ("line end in URL", WhyUrlUnusable(url, kOtherMachine));
   }
+  EXPECT_STREQ("line end in URL", WhyUrlUnusable("http://10.0.0.1/no-port\r", kOtherMachine));
 }
 
 TEST(LocationCheck, UrlsThatCannotBeReadAreLeftToTheirUser) {
