@@ -5,6 +5,7 @@
                           NAME: minidlna gerbera rygel light    HOST: dev1 .. dev4
 """
 
+import http.client
 import math
 import os
 import shutil
@@ -119,6 +120,14 @@ class Device:
         make_media(self.media)
 
     def start(self):
+        try:
+            return self._start()
+        except RuntimeError:
+            # Programs that want a display, a bus or a port may meet others of their kind.
+            self.kill()
+            return self._start()
+
+    def _start(self):
         command, target, port = getattr(self, "_" + self.name)()
         xdg = os.path.join(self.work, "xdg")
         environment = dict(os.environ, HOME=self.work, XDG_RUNTIME_DIR=xdg, XDG_CACHE_HOME=xdg,
@@ -143,9 +152,13 @@ class Device:
         """Everything at once, without a word."""
         if self.process is None:
             return
-        os.killpg(self.process.pid, signal.SIGKILL)
         # dbus-run-session and xvfb-run put what they start into groups of their own.
-        for process in self._family():
+        family = self._family()
+        try:
+            os.killpg(self.process.pid, signal.SIGKILL)
+        except ProcessLookupError:
+            pass
+        for process in family:
             try:
                 os.kill(process, signal.SIGKILL)
             except ProcessLookupError:
@@ -163,11 +176,18 @@ class Device:
             if self.process.poll() is not None:
                 raise RuntimeError("%s ended:\n%s" % (self.name, self.log()))
             location = ask_location(self.address, target, port)
-            if location:
-                urllib.request.urlopen(location, timeout=5).close()
+            if location and self._is_served(location):
                 return location
             time.sleep(0.2)
         raise RuntimeError("%s on %s is not ready:\n%s" % (self.name, self.host, self.log()))
+
+    @staticmethod
+    def _is_served(location):
+        try:
+            urllib.request.urlopen(location, timeout=5).close()
+        except (OSError, http.client.HTTPException):
+            return False
+        return True
 
     @staticmethod
     def _wait_until(condition, limit):

@@ -168,7 +168,7 @@ class ClientTest(Peers):
         self.assertGreater(time.monotonic() - started, 1.5)
 
     def test_a_connection_that_stays_open_leaves_the_client_waiting_for_its_stop(self):
-        result = subprocess.run([STREAM_GET, DEV1, "8080", "/film", "2"], capture_output=True,
+        result = subprocess.run([STREAM_GET, DEV1, "8080", "/film", "6"], capture_output=True,
                                 text=True, timeout=60, check=False)
         self.assertEqual(1, result.returncode)
         self.assertRegex(result.stdout, r"^status 200, \d+ bytes, stopped\n$")
@@ -181,14 +181,17 @@ class ClientTest(Peers):
         device = Device("minidlna", "dev2", self.work)
         self.addCleanup(device.kill)
         location = device.start()
-        found = subprocess.run([VEXCP, "discover", "--json", "--wait", "3"], capture_output=True,
-                               text=True, timeout=60, check=True)
-        udn = [entry["udn"] for entry in json.loads(found.stdout)
-               if entry["location"] == location][0]
+
+        def udns():
+            found = subprocess.run([VEXCP, "discover", "--json", "--wait", "3"],
+                                   capture_output=True, text=True, timeout=60, check=False)
+            return [entry["udn"] for entry in json.loads(found.stdout or "[]")
+                    if entry["location"] == location]
+        udn, = wait_until(udns, LIMIT_S)
 
         def url():
             listing = subprocess.run([VEXCP, "browse", udn, "--depth", "4", "--json"],
-                                     capture_output=True, text=True, timeout=60, check=True)
+                                     capture_output=True, text=True, timeout=60, check=False)
             urls = [piece.split('"')[1] for piece in listing.stdout.split('"url"')[1:]]
             return [one for one in urls if one.endswith(".wav")][:1]
         data, result = get(wait_until(url, LIMIT_S)[0])

@@ -15,7 +15,7 @@ TONE = os.path.join(ROOT, "apps", "vexsim", "devices", "mediaserver", "media", "
 
 def run(*arguments):
     return subprocess.run([DEMO, *arguments], stdin=subprocess.DEVNULL, capture_output=True,
-                          text=True, timeout=60)
+                          text=True, timeout=120)
 
 
 class DemoTest(unittest.TestCase):
@@ -23,7 +23,7 @@ class DemoTest(unittest.TestCase):
         started = time.monotonic()
         result = run("--build", os.path.abspath(BINARY_DIR))
         self.assertEqual(0, result.returncode, result.stdout + result.stderr)
-        self.assertLess(time.monotonic() - started, 20)
+        self.assertLess(time.monotonic() - started, 60)
         for part in ("+ Lamp  DimmableLight:1", "- Lamp  DimmableLight:1", "+ Media & more",
                      "\n`-Hub library", "\n  `-Hub backlight", "* AVTransport:1", "All of it"):
             self.assertIn(part, result.stdout)
