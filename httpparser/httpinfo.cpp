@@ -555,7 +555,11 @@ unsigned long long HTTPInfo::GetBodyCost() const {
 }
 
 unsigned long long HTTPInfo::GetHeldSize() const {
-  return sizeof(HTTPInfo) + raw_header_.size() + header_spans_.size() * sizeof(HeaderSpan) +
+  // The texts of the records are copies of what was received. They are not counted one by one: this
+  // is asked with every read.
+  const unsigned long long copies = headers_.empty() ? 0 : raw_header_.size();
+  return sizeof(HTTPInfo) + raw_header_.size() + copies +
+         header_spans_.size() * sizeof(HeaderSpan) +
          // NOLINTNEXTLINE(bugprone-sizeof-expression): the list holds pointers.
          headers_.size() * (sizeof(NameValue) + sizeof(NameValue*)) + GetBodyCost();
 }

@@ -10,10 +10,15 @@ namespace utils {
 
 int FeedParser(const char* data, std::size_t size, boost::shared_ptr<HTTPInfo>& info) {
   // No read is as large; cutting it silently would shift all that follows.
-  if (size > UINT_MAX) return result::kFailure;
+  if (size > UINT_MAX || (info && CannotEnd(*info))) return result::kFailure;
   const int parse_result = HTTPParser::Parse(data, static_cast<unsigned int>(size), info);
   if (parse_result == result::kOk) info->SetParsingStatus(PARSING_CONTINUE);
   return parse_result;
+}
+
+bool CannotEnd(const HTTPInfo& info) {
+  // Nothing else is kept as body before the header is complete.
+  return info.GetStatus() < HEADER_COMPLETE && info.GetProcessedBodySize() > 0;
 }
 
 bool AdoptBlock(char* block, std::size_t size, HTTPInfo& info) {

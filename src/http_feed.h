@@ -13,13 +13,19 @@ namespace utils {
 // Gives the bytes of one read to the parser and, when they are taken without fault, makes the
 // message ready for the next read. The result is the parser's; after a fault the message is left as
 // the fault left it. What counts as complete stays the caller's: a datagram is done with its
-// header, a TCP message with state MESSAGE_COMPLETE.
+// header, a TCP message with state MESSAGE_COMPLETE. More of a message that cannot end is a fault.
 //
 // Not for the blocking read of a request, which looks at the parsing status itself.
 int FeedParser(const char* data, std::size_t size, boost::shared_ptr<HTTPInfo>& info);
 
-// The same for a block from malloc, which the message takes over where it can do so without a copy:
-// true, and the block is the message's. False when it has to be copied by FeedParser.
+// Whether the parser has met a header line without a name. It goes through that header again with
+// every further buffer, and keeps the buffers, for ever: whoever has more for such a message gives
+// it up.
+bool CannotEnd(const HTTPInfo& info);
+
+// The same as FeedParser for a block from malloc, which the message takes over where it can do so
+// without a copy: true, and the block is the message's. False when it has to be copied by
+// FeedParser.
 bool AdoptBlock(char* block, std::size_t size, HTTPInfo& info);
 
 }  // namespace utils

@@ -17,6 +17,7 @@
 #include "base/current_exception.h"
 #include "base/limits.h"
 #include "base/log.h"
+#include "src/http_feed.h"
 #include "src/outgoing_address.h"
 #include "src/outgoing_limits.h"
 #include "src/outgoingsession.h"
@@ -141,8 +142,10 @@ int OutgoingSession::SendAndRecv(const std::string& data,
     buffer[bytes] = '\0';
     // KEPT: the parsing status stays as it is between two reads, so what stands behind a header
     // that was cut over two reads is not stored from the second of them.
-    const int parsed = utils::HTTPParser::Parse(buffer, static_cast<unsigned int>(bytes), response);
-    if (parsed != result::kOk || !AnswerFits(*response)) {
+    if ((response && utils::CannotEnd(*response)) ||
+        utils::HTTPParser::Parse(buffer, static_cast<unsigned int>(bytes), response) !=
+            result::kOk ||
+        !AnswerFits(*response)) {
       VEX_LOG(kLogMajor, kTag, "HTTP Parsing failed");
       return result::kBadHttp;
     }

@@ -213,6 +213,17 @@ TEST_F(OutgoingSyncTest, RegressionAStatusLineMayComeInTwoReads) {
   EXPECT_EQ(utils::MESSAGE_COMPLETE, response_->GetState());
 }
 
+TEST_F(OutgoingSyncTest, RegressionAHeaderThatCannotEndFailsWhenMoreOfItComes) {
+  const std::string bad = "HTTP/1.1 200 OK\r\na: b\r\n:x\r\n\r\n";
+  HttpPeer going_on(AnswerWith(bad + std::string(3 * limits::kReceiveBuffer, 'x')));
+  EXPECT_EQ(result::kBadHttp, Send(going_on, kLongMs));
+  EXPECT_EQ(1, log_.Count("StoreHeader failed!"));
+  EXPECT_EQ(1, log_.Count(16, kTag, "HTTP Parsing failed"));
+  HttpPeer closing(AnswerAndClose(bad));
+  EXPECT_EQ(result::kOk, Send(closing, kLongMs));
+  EXPECT_EQ(utils::HEADER_START_LINE, response_->GetStatus());
+}
+
 TEST_F(OutgoingSyncTest, AnAnswerBeyondItsBoundsFails) {
   HttpPeer fitting(AnswerAndClose(OkAnswer(std::string(limits::kControlBody, 'b'))));
   EXPECT_EQ(result::kOk, Send(fitting, kLongMs));

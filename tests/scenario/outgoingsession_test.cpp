@@ -311,6 +311,25 @@ TEST_F(OutgoingSessionTest, BadHttpIsNotHeardOf) {
   ExpectOnlyAsMany(0);
 }
 
+constexpr char kLineWithoutName[] = "HTTP/1.1 200 OK\r\na: b\r\n:x\r\n\r\n";
+
+TEST_F(OutgoingSessionTest, RegressionAHeaderThatCannotEndIsNotHeardOf) {
+  HttpPeer peer(AnswerWith(kLineWithoutName + std::string(3 * limits::kReceiveBuffer, 'x')));
+  Send(peer);
+  EXPECT_TRUE(WaitUntil([&] { return peer.finished() == 1; }));
+  EXPECT_EQ(1, log_.Count("StoreHeader failed!"));
+  EXPECT_EQ(1, log_.Count("Error Calling HandleFailureCondition"));
+  ExpectOnlyAsMany(0);
+}
+
+TEST_F(OutgoingSessionTest, KeptAHeaderThatCannotEndIsHeardWhenThePeerCloses) {
+  HttpPeer peer(vex_test::AnswerAndClose(kLineWithoutName));
+  Send(peer);
+  ASSERT_TRUE(Heard());
+  EXPECT_EQ(utils::HEADER_START_LINE, recorder_->response(0)->GetStatus());
+  EXPECT_EQ(kLineWithoutName, TakeBody(recorder_->response(0)));
+}
+
 TEST_F(OutgoingSessionTest, ASilentPeerIsLeftAfterThirtySecondsAndNothingIsHeard) {
   vex_test::FasterTime faster(200);
   HttpPeer peer(vex_test::StaySilent());

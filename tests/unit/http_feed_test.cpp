@@ -51,6 +51,34 @@ TEST(HttpFeed, NoMessageAndAnImpossibleSizeAreFailures) {
 #endif
 }
 
+TEST(HttpFeed, RegressionAMessageBehindAHeaderLineWithoutANameIsGivenUpWithItsNextRead) {
+  for (const char* const begin :
+       {"GET / HTTP/1.1\r\na: b\r\n:x\r\n\r\n", "HTTP/1.1 200 OK\r\n:\r\n\r\nbody"}) {
+    InfoPtr info = boost::make_shared<HTTPInfo>();
+    EXPECT_EQ(result::kOk, Feed(info, begin));
+    EXPECT_TRUE(CannotEnd(*info));
+    EXPECT_EQ(HEADER_START_LINE, info->GetStatus());
+    const unsigned long long held = info->GetHeldSize();
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(result::kFailure, Feed(info, "more"));
+    EXPECT_EQ(held, info->GetHeldSize());
+    // A new message on the same object is none of it.
+    info->CleanInfo();
+    EXPECT_FALSE(CannotEnd(*info));
+    EXPECT_EQ(result::kOk, Feed(info, "GET / HTTP/1.1\r\n\r\n"));
+    EXPECT_EQ(MESSAGE_COMPLETE, info->GetState());
+  }
+}
+
+TEST(HttpFeed, AMessageOnItsWayCanEnd) {
+  InfoPtr info = boost::make_shared<HTTPInfo>();
+  EXPECT_FALSE(CannotEnd(*info));
+  for (const char* const piece :
+       {"HTTP/1.1 2", "00 OK\r\na", ": b\r\nContent-Length: 4\r\n\r", "\nbo", "d"}) {
+    EXPECT_EQ(result::kOk, Feed(info, piece));
+    EXPECT_FALSE(CannotEnd(*info)) << piece;
+  }
+}
+
 class AdoptedBlock : public testing::Test {
  protected:
   void Feed(const std::string& text) {

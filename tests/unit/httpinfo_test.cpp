@@ -335,6 +335,13 @@ TEST(HttpInfo, CleanInfoGivesBackWhatALargeHeaderTook) {
   EXPECT_EQ(sizeof(HTTPInfo), info->GetHeldSize());
 }
 
+TEST(HttpInfo, HeldSizeCountsTheTextsOfTheRecords) {
+  const std::string stray(10000, 's');
+  const InfoPtr info = Parsed("HTTP/1.1 200 OK\r\nA: b\r\n" + stray + "\r\n\r\n");
+  // Once as it was received, and once behind the value of A.
+  EXPECT_GE(info->GetHeldSize(), 2 * stray.size() + sizeof(HTTPInfo));
+}
+
 TEST(HttpInfo, FormattedStartLineTakesThePhraseOfTheTable) {
   const InfoPtr info = Parsed("HTTP/1.1 404 Nope\r\nUSN: x\r\n\r\n");
   info->FormatStartLine();

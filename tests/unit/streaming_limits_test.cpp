@@ -12,6 +12,7 @@
 
 #include "base/limits.h"
 #include "src/streaming_manager.h"
+#include "src/streaming_utils.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/media_peer.h"
 #include "tests/support/serving_fixture.h"
@@ -83,6 +84,20 @@ TEST_F(StreamingServerLimits, ARequestOnePastItsBoundsIsNot) {
   TcpClient peer(ip_, port_);
   peer.Send("GET / HTTP/1.1\r\n\r\n");
   EXPECT_EQ("HTTP/1.1 200 OK\r\n\r\n", peer.ReadToEnd());
+}
+
+// A header with a line that has no name, and more than one read of what may follow it.
+std::string WithoutAName(const std::string& line) {
+  return line + "\r\na: b\r\n:x\r\n\r\n" + std::string(kMediaBlock + 1, 'x');
+}
+
+TEST_F(StreamingServerLimits, RegressionARequestThatCannotEndIsRefused) {
+  const LogCapture log;
+  TcpClient peer(ip_, port_);
+  peer.Send(WithoutAName("GET / HTTP/1.1"));
+  EXPECT_TRUE(WaitUntil([&] { return log.Count("Parsing Failure!") == 1; }));
+  EXPECT_EQ(1, log.Count("StoreHeader failed!"));
+  EXPECT_TRUE(peer.OpenAndSilent());
 }
 
 // Plain functions have no other place for what they are told.
@@ -186,6 +201,14 @@ TEST_F(StreamingClientLimits, RegressionAnAnswerOnePastItsBoundsFailsAlsoWhenItI
   for (const std::string& answer : Headers("HTTP/1.1 200 OK", 1)) {
     EXPECT_EQ("status 6", Outcome(answer)) << answer.size();
   }
+}
+
+TEST_F(StreamingClientLimits, RegressionAnAnswerThatCannotEndFails) {
+  const LogCapture log;
+  EXPECT_EQ("status 6", Outcome(WithoutAName("HTTP/1.1 200 OK")));
+  EXPECT_EQ(1, log.Count("StoreHeader failed!"));
+  EXPECT_EQ(result::kBadHttp, SyncOutcome(WithoutAName("HTTP/1.1 200 OK")));
+  EXPECT_EQ(2, log.Count("StoreHeader failed!"));
 }
 
 TEST_F(StreamingClientLimits, ABlockingClientHasTheSameBounds) {
