@@ -5,7 +5,9 @@
 
 #include <vexupnpcp/timer.h>
 
+#include "base/current_exception.h"
 #include "base/log.h"
+#include "base/retry.h"
 #include "base/timing.h"
 #include "src/cp_discovery_manager.h"
 
@@ -57,8 +59,13 @@ void AutoRescanTimerExpiredCallback(int timer_id, void* data) {
   const boost::shared_ptr<CPDiscoveryManager> manager = CPDiscoveryManager::ExistingInstance();
   if (!manager) return;
   VEX_LOG(kLogStep, kTag, "Auto refreshing device list");
-  manager->RescanForRegisteredCP();
-  manager->UpdateAutoRescanTimer(timer_id);
+  try {
+    manager->RescanForRegisteredCP();
+  } catch (...) {
+    LogCurrentException(VEX_LOG_SITE, kLogMajor, kTag, "Exception: %s", "Unknown Exception");
+  }
+  // Whatever became of this search, the next one comes.
+  RetryWithoutMemory([&] { manager->UpdateAutoRescanTimer(timer_id); });
 }
 
 }  // namespace cp_discovery

@@ -233,8 +233,14 @@ int CPDiscoveryManager::EnableAutoRescan() {
     VEX_LOG(kLogStep, kTag, "Auto rescan already enabled");
     return result::kOk;
   }
-  RescanForRegisteredCP();
-  auto_rescan_.Arm();
+  try {
+    RescanForRegisteredCP();
+    auto_rescan_.Arm();
+  } catch (...) {
+    // Enabled without a timer it would never search, and could not be enabled any more.
+    auto_rescan_.Disable();
+    throw;
+  }
   VEX_LOG(kLogStep, kTag, "Auto rescan started");
   return result::kOk;
 }

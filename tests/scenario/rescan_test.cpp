@@ -16,6 +16,7 @@
 #include "src/cp_network_state_listener.h"
 #include "src/device_list.h"
 #include "tests/support/discovery_rig.h"
+#include "tests/support/fail_alloc.h"
 #include "tests/support/fake_device.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/ssdp_peer.h"
@@ -245,6 +246,24 @@ TEST_F(Search, AutomaticRescansRepeatUntilTheyAreDisabled) {
   EXPECT_EQ(0, EnableAutoRescanFeature());
   ASSERT_TRUE(WaitUntil([&] { return log.Count("Auto refreshing device list") > refreshed; }));
   EXPECT_EQ(refreshed + 1, log.Count("Auto refreshing device list"));
+}
+
+// One search that found no memory was the last one.
+TEST_F(Search, RegressionAutomaticRescansGoOnWhenThereIsMemoryAgain) {
+  FasterTime faster(1000);
+  LogCapture log;
+  DiscoveryRig::Register(kMediaServer);
+  ASSERT_EQ(0, EnableAutoRescanFeature());
+  {
+    const int before = log.Count("Auto refreshing device list");
+    const vex_test::FailOnLibraryThreads failing(1, 1);
+    ASSERT_TRUE(WaitUntil([&] {
+      return log.Count("Auto refreshing device list") > before && failing.Failures() > 1;
+    }));
+  }
+  const int after = log.Count("Auto refreshing device list");
+  EXPECT_TRUE(WaitUntil([&] { return log.Count("Auto refreshing device list") > after + 1; }));
+  EXPECT_EQ(0, DisableAutoRescanFeature());
 }
 
 TEST_F(Search, AfterTheCheckUnreachableDevicesAreRemovedInListOrder) {

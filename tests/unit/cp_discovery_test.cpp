@@ -9,9 +9,12 @@
 
 #include <boost/thread/lock_guard.hpp>
 
+#include <vexupnpcp/timer.h>
+
 #include "src/cp_discovery_manager.h"
 #include "src/device_list.h"
 #include "src/discovery_delivery.h"
+#include "tests/support/fail_alloc.h"
 #include "tests/support/log_capture.h"
 
 namespace vex_upnp {
@@ -315,6 +318,25 @@ TEST_F(Discovery, BothEventsAreTold) {
   Notify(DEVICE_ADDED, "urn:x-y:device:Foo:1");
   Notify(DEVICE_REMOVED, "urn:x-y:device:Foo:1");
   EXPECT_THAT(events, ElementsAre("1+urn:x-y:device:Foo:1", "1-urn:x-y:device:Foo:1"));
+}
+
+// It stayed enabled without a timer, never searched and could not be enabled again.
+TEST_F(Discovery, RegressionAnAutomaticRescanThatFoundNoMemoryCanBeEnabledLater) {
+  Register("urn:x-y:device:Foo:1");
+  int code = 0;
+  const int failures =
+      vex_test::EachAllocationFails([&] { code = EnableAutoRescanFeature(); },
+                                    [&](bool) {
+                                      LogCapture log;
+                                      if (code != 0) {
+                                        EXPECT_EQ(0, EnableAutoRescanFeature());
+                                        EXPECT_EQ(1, log.Count(4, kTag, "Auto rescan started"));
+                                      }
+                                      EXPECT_EQ(0, DisableAutoRescanFeature());
+                                      EXPECT_EQ(1, log.Count(4, kTag, "Auto rescan stopped "));
+                                    });
+  EXPECT_GT(failures, 3);
+  utils::Timer::TerminateManager();
 }
 
 TEST_F(Discovery, EventsCarryIconsAsTheyStandAndNoDisplayName) {
