@@ -211,15 +211,12 @@ void CPDiscoveryManager::RescanTimerExpired(int timer_id, void* data) {
     VEX_LOG(kLogMajor, kTag, "Invalid timer id..!!");
     return;
   }
-  {
-    boost::unique_lock<boost::recursive_mutex> delivery(delivery_mutex(), boost::defer_lock);
-    const std::unique_ptr<DeviceList::Devices> removed = rescans_.TakeUnreachable(type, delivery);
-    if (removed) {
-      for (const boost::shared_ptr<Device>& device : *removed) {
-        NotifyToDeviceChangeListener(DEVICE_REMOVED, device);
-        RemoveNowRequestingByUdn(device->udn);
-      }
-    }
+  boost::unique_lock<boost::recursive_mutex> delivery(delivery_mutex(), boost::defer_lock);
+  const std::unique_ptr<DeviceList::Devices> removed = rescans_.TakeUnreachable(type, delivery);
+  if (!removed) return;
+  for (const boost::shared_ptr<Device>& device : *removed) {
+    NotifyToDeviceChangeListener(DEVICE_REMOVED, device);
+    RemoveNowRequestingByUdn(device->udn);
   }
 }
 
@@ -296,15 +293,28 @@ std::unique_ptr<DeviceList::Devices> CPDiscoveryManager::GetDeviceListByType(
 void CPDiscoveryManager::NotifyToDeviceChangeListener(DeviceStatus_ status,
                                                       boost::shared_ptr<Device> device) {
   boost::lock_guard<boost::recursive_mutex> delivery(delivery_mutex());
-  const int version = SplitDeviceType(device->device_type).version;
-  for (const boost::shared_ptr<Observer>& observer : observers_.Snapshot()) {
+  try {
+    const int version = SplitDeviceType(device->device_type).version;
+    for (const boost::shared_ptr<Observer>& observer : observers_.Snapshot()) {
+      TellObserver(*observer, status, device, version);
+    }
+  } catch (...) {
+    LogCurrentException(VEX_LOG_SITE, kLogMajor, kTag, "Exception: %s", "Unknown Exception");
+  }
+}
+
+void CPDiscoveryManager::TellObserver(Observer& observer, DeviceStatus_ status,
+                                      boost::shared_ptr<Device>& device, int version) {
+  try {
     std::string type;
-    observer->GetDeviceType(type);
-    if (!IsWanted(type, device->device_type, version)) continue;
+    observer.GetDeviceType(type);
+    if (!IsWanted(type, device->device_type, version)) return;
     // An observer told before this one may have unregistered it from inside its call.
-    const Observer* const wanted = observer.get();
-    if (!observers_.Find([wanted](const Observer& other) { return other == *wanted; })) continue;
-    observer->Update(status, device);
+    if (!observers_.Find([&observer](const Observer& other) { return other == observer; })) return;
+    observer.Update(status, device);
+  } catch (...) {
+    // The observers behind it hear of the device all the same.
+    LogCurrentException(VEX_LOG_SITE, kLogMajor, kTag, "Exception: %s", "Unknown Exception");
   }
 }
 
@@ -320,14 +330,10 @@ void CPDiscoveryManager::NotifyDeviceReady(const boost::shared_ptr<Device>& devi
 }
 
 // KEPT: a device that was not ready is told as removed too, with no added event before.
-void CPDiscoveryManager::NotifyRemovedDeviceHierarchy(const boost::shared_ptr<Device>& device) {
-  std::vector<boost::shared_ptr<Device>> waiting(1, device);
-  while (!waiting.empty()) {
-    const boost::shared_ptr<Device> next = waiting.back();
-    waiting.pop_back();
-    RemoveNowRequestingByUdn(next->udn);
-    NotifyToDeviceChangeListener(DEVICE_REMOVED, next);
-    waiting.insert(waiting.end(), next->embedded_devices.rbegin(), next->embedded_devices.rend());
+void CPDiscoveryManager::NotifyRemovedDevices(const DeviceList::Devices& removed) {
+  for (const boost::shared_ptr<Device>& device : removed) {
+    RemoveNowRequestingByUdn(device->udn);
+    NotifyToDeviceChangeListener(DEVICE_REMOVED, device);
   }
 }
 

@@ -69,12 +69,14 @@ class CPDiscoveryManager : public Observable {
 
   std::unique_ptr<DeviceList::Devices> GetDeviceListByType(const std::string& type) const;
 
-  // Tells the observers whose type it is, in order of registration, on this thread.
+  // Tells the observers whose type it is, in order of registration, on this thread. What one of
+  // them throws is logged; nothing is thrown.
   void NotifyToDeviceChangeListener(DeviceStatus_ status, boost::shared_ptr<Device> device);
   // Makes a listed device ready and tells it as added; nothing happens when it has left the list.
   void NotifyDeviceReady(const boost::shared_ptr<Device>& device);
-  // Tells the device and all that are embedded in it as removed, parents first.
-  void NotifyRemovedDeviceHierarchy(const boost::shared_ptr<Device>& device);
+  // Tells devices that have left the list as removed, in their order, and ends what is asked for
+  // them.
+  void NotifyRemovedDevices(const DeviceList::Devices& removed);
   // To be held over the removal of devices and its telling, so that no added event of the same
   // device comes between the two.
   boost::recursive_mutex& delivery_mutex() { return observers_.delivery_mutex(); }
@@ -117,6 +119,8 @@ class CPDiscoveryManager : public Observable {
   static void UnRegisterFromNetwork();
   std::vector<std::string> RegisteredTypes() const;
   bool RetryDescription(const boost::shared_ptr<NowRequesting>& request);
+  void TellObserver(Observer& observer, DeviceStatus_ status, boost::shared_ptr<Device>& device,
+                    int version);
 
   boost::mutex id_mutex_;
   int observer_id_ VEX_GUARDED_BY(id_mutex_) = 0;

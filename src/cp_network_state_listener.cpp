@@ -42,6 +42,16 @@ void SearchAnew(CPDiscoveryManager& manager) {
   manager.RescanForRegisteredCP();
 }
 
+template <typename Step>
+void Guarded(Step step) {
+  try {
+    step();
+  } catch (...) {
+    LogCurrentException(VEX_LOG_SITE, kLogMajor, kTag, "Exception in OnNetworkChanged: %s",
+                        "Unknown Exception in OnNetworkChanged");
+  }
+}
+
 }  // namespace
 
 std::atomic<CPNetworkStateListener*> CPNetworkStateListener::instance_{nullptr};
@@ -59,24 +69,20 @@ void CPNetworkStateListener::OnNetworkChanged(std::string& interface_name,
           interface_name.c_str());
   const boost::shared_ptr<CPDiscoveryManager> manager = CPDiscoveryManager::ExistingInstance();
   if (!manager) return;
-  try {
-    switch (event) {
-      case network_layer::NIC_ADDED:
-        SearchAnew(*manager);
-        return;
-      case network_layer::NIC_REMOVED:
-        RemoveDevicesOf(*manager, interface_name);
-        return;
-      case network_layer::NIC_IPCHANGED:
-        RemoveDevicesOf(*manager, interface_name);
-        SearchAnew(*manager);
-        return;
-    }
-    VEX_LOG(kLogMajor, kTag, "Unknown change in network!");
-  } catch (...) {
-    LogCurrentException(VEX_LOG_SITE, kLogMajor, kTag, "Exception in OnNetworkChanged: %s",
-                        "Unknown Exception in OnNetworkChanged");
+  switch (event) {
+    case network_layer::NIC_ADDED:
+      Guarded([&] { SearchAnew(*manager); });
+      return;
+    case network_layer::NIC_REMOVED:
+      Guarded([&] { RemoveDevicesOf(*manager, interface_name); });
+      return;
+    case network_layer::NIC_IPCHANGED:
+      // Each by itself: a removal that failed is no reason not to search.
+      Guarded([&] { RemoveDevicesOf(*manager, interface_name); });
+      Guarded([&] { SearchAnew(*manager); });
+      return;
   }
+  VEX_LOG(kLogMajor, kTag, "Unknown change in network!");
 }
 
 }  // namespace cp_discovery

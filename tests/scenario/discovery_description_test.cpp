@@ -587,6 +587,22 @@ TEST_F(DiscoveryDescription, AnEmbeddedDeviceLostHalfwayIsAskedForWhatIsMissing)
   EXPECT_EQ(2, server_.Count("/one/scpd0.xml"));
 }
 
+TEST_F(DiscoveryDescription, RegressionAHostThatThrowsIsToldOfEveryEmbeddedDevice) {
+  DiscoveryRig::Register("upnp:rootdevice");
+  FakeDevice root = Plain("uuid:root", 0);
+  FakeDevice first = Plain("uuid:first", 0);
+  first.embedded = {Plain("uuid:below", 0)};
+  root.embedded = {first, Plain("uuid:second", 0)};
+  DiscoveryRig::Receive(Alive("uuid:root", ServeDevice(server_, "/d.xml", root)));
+  ASSERT_TRUE(WaitUntil([] { return DiscoveryRig::EventLog().size() == 4; }));
+  DiscoveryRig::ClearEvents();
+  DiscoveryRig::OnEvent([](const vex_test::DeviceEvent&) { throw 1; });
+  DiscoveryRig::Receive(ByebyeDatagram("uuid:root", "uuid:root"));
+  EXPECT_THAT(DiscoveryRig::EventLog(),
+              ElementsAre("-uuid:root+localhost", "-uuid:first+localhost", "-uuid:below+localhost",
+                          "-uuid:second+localhost"));
+}
+
 TEST_F(DiscoveryDescription, ByebyeOfAStrangerTellsNobody) {
   DiscoveryRig::Register("upnp:rootdevice");
   DiscoveryRig::Receive(Alive("uuid:a", ServeDevice(server_, "/d.xml", Plain("uuid:a", 0))));

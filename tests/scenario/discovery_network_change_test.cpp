@@ -18,6 +18,7 @@
 #include "src/device_list.h"
 #include "src/now_requesting.h"
 #include "tests/support/discovery_rig.h"
+#include "tests/support/fail_alloc.h"
 #include "tests/support/fake_device.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/ssdp_peer.h"
@@ -181,6 +182,37 @@ TEST_F(NetworkChange, AnAddressChangeRemovesBeforeItSearches) {
   ASSERT_TRUE(HasEvents(3));
   EXPECT_THAT(DiscoveryRig::EventLog(),
               ElementsAre("+uuid:a+lan0", "-uuid:a+lan0", "+uuid:a+lan0"));
+}
+
+// What the host threw at the first one went up through the loop: the rest was never told, and the
+// new search was left out.
+TEST_F(NetworkChange, RegressionAHostThatThrowsIsToldOfEveryLossAndTheSearchGoesOut) {
+  DiscoveryRig::Register(kMediaServer);
+  for (const char* udn : {"uuid:a", "uuid:b", "uuid:c"}) {
+    const std::string url = ServeDevice(first_, std::string("/") + udn + ".xml", Plain(udn));
+    DiscoveryRig::Receive(Alive(udn, url), "10.77.0.2");
+  }
+  ASSERT_TRUE(HasEvents(3));
+  DiscoveryRig::ClearEvents();
+  DiscoveryRig::OnEvent([](const vex_test::DeviceEvent&) { throw 1; });
+  LogCapture log;
+  Change("lan0", NIC_IPCHANGED);
+  EXPECT_EQ(3U, DiscoveryRig::EventLog().size());
+  EXPECT_EQ(1, log.Count("Sending Rescan for [" + std::string(kMediaServer) + "]"));
+}
+
+// The removal itself may find no memory; the search goes out all the same, unless it is the one
+// that finds none.
+TEST_F(NetworkChange, RegressionWithoutMemoryForTheRemovalTheSearchGoesOut) {
+  DiscoveryRig::Register(kMediaServer);
+  LogCapture log;
+  {
+    const vex_test::FailAlloc fail(1);
+    Change("lan0", NIC_IPCHANGED);
+    EXPECT_TRUE(fail.Failed());
+  }
+  EXPECT_EQ(1, log.Count(16, kTag, "Exception in OnNetworkChanged: std::bad_alloc"));
+  EXPECT_EQ(1, log.Count("Sending Rescan for [" + std::string(kMediaServer) + "]"));
 }
 
 TEST_F(NetworkChange, AnUnknownChangeIsLoggedAndNoMore) {

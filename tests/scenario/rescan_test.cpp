@@ -266,6 +266,27 @@ TEST_F(Search, RegressionAutomaticRescansGoOnWhenThereIsMemoryAgain) {
   EXPECT_EQ(0, DisableAutoRescanFeature());
 }
 
+// What the host threw at the first one went up through the loop, and the rest was never told.
+TEST_F(Search, RegressionAHostThatThrowsIsToldOfEveryUnreachableDevice) {
+  FasterTime faster(50);
+  DescriptionServer dead("10.77.0.1");
+  DiscoveryRig::Register("upnp:rootdevice");
+  CPDiscoveryManager::GetInstance()->CancelRescanTimers();
+  for (const char* udn : {"uuid:a", "uuid:b", "uuid:c"}) {
+    const std::string url = ServeDevice(dead, std::string("/") + udn + ".xml", Plain(udn));
+    DiscoveryRig::Receive(Alive(udn, url), "10.77.0.2");
+  }
+  ASSERT_TRUE(HasEvents(3));
+  dead.Close();
+  DiscoveryRig::ClearEvents();
+  DiscoveryRig::OnEvent([](const vex_test::DeviceEvent&) { throw 1; });
+  Rescan(kMediaServer);
+  ASSERT_TRUE(HasEvents(3));
+  for (const char* udn : {"uuid:a", "uuid:b", "uuid:c"}) {
+    EXPECT_EQ(1, DiscoveryRig::CountEvents("-" + std::string(udn) + "+lan0"));
+  }
+}
+
 TEST_F(Search, AfterTheCheckUnreachableDevicesAreRemovedInListOrder) {
   FasterTime faster(50);
   LogCapture log;

@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -318,6 +319,33 @@ TEST_F(Discovery, BothEventsAreTold) {
   Notify(DEVICE_ADDED, "urn:x-y:device:Foo:1");
   Notify(DEVICE_REMOVED, "urn:x-y:device:Foo:1");
   EXPECT_THAT(events, ElementsAre("1+urn:x-y:device:Foo:1", "1-urn:x-y:device:Foo:1"));
+}
+
+// What one observer threw went up through the loop, and nobody behind it was told.
+TEST_F(Discovery, RegressionAnObserverThatThrowsKeepsNothingFromTheOthers) {
+  LogCapture log;
+  const DeviceCallback thrower = [](int, DeviceEventType, DeviceInfo*) {
+    throw std::runtime_error("of a host");
+  };
+  ASSERT_EQ(0, RegisterCP("upnp:rootdevice", "", thrower, nullptr));
+  Register("upnp:rootdevice");
+  Notify(DEVICE_ADDED, "urn:x-y:device:Foo:1");
+  Notify(DEVICE_REMOVED, "urn:x-y:device:Foo:1");
+  EXPECT_THAT(events, ElementsAre("2+urn:x-y:device:Foo:1", "2-urn:x-y:device:Foo:1"));
+  EXPECT_EQ(2, log.Count(16, kTag, "Exception: of a host"));
+}
+
+TEST_F(Discovery, RegressionWithoutMemoryNoMoreThanOneRemovalIsMissed) {
+  Register("upnp:rootdevice");
+  const DeviceList::Devices removed{Add("uuid:a"), Add("uuid:b"), Add("uuid:c")};
+  const auto manager = CPDiscoveryManager::GetInstance();
+  const int failures =
+      vex_test::EachAllocationFails([&] { manager->NotifyRemovedDevices(removed); },
+                                    [](bool failed) {
+                                      EXPECT_GE(events.size(), failed ? 2U : 3U);
+                                      events.clear();
+                                    });
+  EXPECT_GT(failures, 3);
 }
 
 // It stayed enabled without a timer, never searched and could not be enabled again.
