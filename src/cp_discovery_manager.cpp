@@ -60,13 +60,26 @@ boost::shared_ptr<CPDiscoveryManager> CPDiscoveryManager::ExistingInstance() {
 }
 
 int CPDiscoveryManager::Init() {
-  int result = RegisterWithNetwork();
-  if (result == result::kOk) {
-    result = streaming::InitializeStreamingManager();
-    streaming_held_ = result == result::kOk;
-    if (!streaming_held_) VEX_LOG(kLogMajor, kTag, "Initialize streaming manager failed");
+  // A second start takes the place of the first: a registration whose handle is overwritten could
+  // never be taken back, and outlive its listener.
+  UnRegisterFromNetwork();
+  int result = result::kFailure;
+  try {
+    result = RegisterWithNetwork();
+    if (result == result::kOk) result = HoldStreaming();
+  } catch (...) {
+    UnRegisterFromNetwork();
+    throw;
   }
   if (result != result::kOk) UnRegisterFromNetwork();
+  return result;
+}
+
+int CPDiscoveryManager::HoldStreaming() {
+  if (streaming_held_) return result::kOk;
+  const int result = streaming::InitializeStreamingManager();
+  streaming_held_ = result == result::kOk;
+  if (!streaming_held_) VEX_LOG(kLogMajor, kTag, "Initialize streaming manager failed");
   return result;
 }
 

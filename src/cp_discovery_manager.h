@@ -116,6 +116,7 @@ class CPDiscoveryManager : public Observable {
   CPDiscoveryManager() = default;
 
   int RegisterWithNetwork();
+  static int HoldStreaming();
   static void UnRegisterFromNetwork();
   std::vector<std::string> RegisteredTypes() const;
   bool RetryDescription(const boost::shared_ptr<NowRequesting>& request);

@@ -248,6 +248,30 @@ TEST(DiscoveryLife, AfterTerminationNothingReachesTheListener) {
   EXPECT_FALSE(log.Holds("Received NIC change event"));
 }
 
+// The first registration stayed behind with a listener that was gone.
+TEST(DiscoveryLife, RegressionASecondStartTakesThePlaceOfTheFirst) {
+  DiscoveryRig rig({"lan0"});
+  EXPECT_EQ(0, Initialize());
+  LogCapture log;
+  network_layer::NotifyNICAdded("lan8", "10.98.0.1", "255.255.255.0");
+  // Discovery's and streaming's.
+  EXPECT_EQ(1, log.Count("2 event listeners are notified!!!"));
+  log.Clear();
+  rig.TerminateDiscovery();
+  EXPECT_EQ(1, log.Count("StreamingManager::DeleteReference Ref Count [0]"));
+  network_layer::NotifyNICAdded("lan9", "10.99.0.1", "255.255.255.0");
+  EXPECT_EQ(1, log.Count("event listener vector is empty!!"));
+}
+
+TEST(DiscoveryLife, RegressionStartsThatFoundNoMemoryLeaveNoRegistration) {
+  DiscoveryRig rig({"lan0"});
+  EXPECT_GT(vex_test::EachAllocationFails([] { Initialize(); }, [](bool) {}), 3);
+  LogCapture log;
+  rig.TerminateDiscovery();
+  network_layer::NotifyNICAdded("lan9", "10.99.0.1", "255.255.255.0");
+  EXPECT_EQ(1, log.Count("event listener vector is empty!!"));
+}
+
 TEST(DiscoveryLife, TwentyRoundsLeaveNothingBehind) {
   FasterTime faster(20);
   DescriptionServer server("10.77.0.1");
