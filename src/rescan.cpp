@@ -11,6 +11,7 @@
 #include <vexupnpcp/result_codes.h>
 #include <vexupnpcp/timer.h>
 
+#include "base/current_exception.h"
 #include "base/log.h"
 #include "src/cp_discovery_manager.h"
 #include "src/request_packets.h"
@@ -50,6 +51,9 @@ int Rescans::Rescan(const std::string& type) {
   } catch (const std::bad_alloc&) {
     VEX_LOG(kLogMajor, kTag, "memory allocation failed");
     result = result::kOutOfMemory;
+  } catch (...) {
+    LogCurrentException(VEX_LOG_SITE, kLogMajor, kTag, "Exception: %s", "Unknown Exception");
+    result = result::kFailure;
   }
   // Without its check the search would stand in the way of the next one for ever.
   if (result != result::kOk) Leave(entry);
