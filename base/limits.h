@@ -52,6 +52,10 @@ constexpr std::size_t kReachabilityBatch = 256;
 constexpr int kDescriptionWorkers = 8;
 // Services of one device for which descriptions are asked.
 constexpr std::size_t kServicesPerDevice = 1024;
+// Tags and attributes of a device description, and the devices, services, icons and other fields
+// that are made of it. A few bytes of text become a node or a record of a hundred times their size.
+constexpr std::size_t kDescriptionTags = 524288;
+constexpr std::size_t kDescriptionRecords = 131072;
 // Attributes of one element above which look-ups go through an index.
 constexpr std::size_t kAttributeIndexFrom = 32;
 // A text whose character references are replaced.

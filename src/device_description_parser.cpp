@@ -1,6 +1,8 @@
 #include "src/device_description_parser.h"
 
 #include <algorithm>
+#include <array>
+#include <cstddef>
 #include <iterator>
 #include <new>
 #include <string_view>
@@ -10,7 +12,9 @@
 #include <vexupnpcp/result_codes.h>
 #include <vexupnpcp/xml_utils.h>
 
+#include "base/limits.h"
 #include "base/log.h"
+#include "base/log_limit.h"
 #include "xmlparser/src/dom_cursor.h"
 #include "xmlparser/src/xml_scope.h"
 
@@ -53,6 +57,10 @@ constexpr DeviceField kDeviceFields[] = {
     {"URLBase", &Device::url_base, false},
 };
 
+// The last text of each field that is stored unescaped, as it stands in the document. No other is
+// unescaped: that may cost much, and a description may repeat a field as often as it likes.
+using EscapedTexts = std::array<std::string_view, std::size(kDeviceFields)>;
+
 // Null for a name that is none of them.
 const DeviceField* FindDeviceField(std::string_view name) {
   const DeviceField* const found =
@@ -80,6 +88,23 @@ int StoreUnescaped(std::string_view value, std::string& field) {
   }
   const int unescaped = utils::XmlUnescapeValue(std::string(value), field);
   return unescaped == result::kNoMemory ? result::kOutOfMemory : result::kOk;
+}
+
+// An empty element leaves the field as it was.
+int KeepEscaped(const DeviceField& field, std::string_view value, Device& device,
+                EscapedTexts& escaped) {
+  if (value.empty()) return StoreUnescaped(value, device.*field.member);
+  escaped[static_cast<std::size_t>(&field - kDeviceFields)] = value;
+  return result::kOk;
+}
+
+int StoreEscapedTexts(const EscapedTexts& escaped, Device& device) {
+  for (std::size_t i = 0; i < escaped.size(); ++i) {
+    if (escaped[i].empty()) continue;
+    const int code = StoreUnescaped(escaped[i], device.*kDeviceFields[i].member);
+    if (code != result::kOk) return code;
+  }
+  return result::kOk;
 }
 
 int AddAdditionalField(std::string_view name, std::string_view value, Device& device) {
@@ -134,7 +159,8 @@ int ReadEmbeddedDevices(XmlParser& parser, boost::shared_ptr<Device>& device) {
 }
 
 // One child of the root `device` element.
-int ReadDeviceChild(XmlParser& parser, const DomNode& node, boost::shared_ptr<Device>& device) {
+int ReadDeviceChild(XmlParser& parser, const DomNode& node, boost::shared_ptr<Device>& device,
+                    EscapedTexts& escaped) {
   const std::string_view name = ElementName(node);
   if (name.empty()) return result::kOk;
   if (IsDlnaCap(name)) {
@@ -143,7 +169,7 @@ int ReadDeviceChild(XmlParser& parser, const DomNode& node, boost::shared_ptr<De
   }
   const DeviceField* const field = FindDeviceField(name);
   if (field != nullptr && field->escaped) {
-    return StoreUnescaped(ElementValue(node), (*device).*field->member);
+    return KeepEscaped(*field, ElementValue(node), *device, escaped);
   }
   if (field != nullptr) {
     (*device).*field->member = ElementValue(node);
@@ -155,9 +181,9 @@ int ReadDeviceChild(XmlParser& parser, const DomNode& node, boost::shared_ptr<De
   return AddAdditionalField(name, ElementValue(node), *device);
 }
 
-int ReadDevice(XmlParser& parser, boost::shared_ptr<Device>& device) {
+int ReadDevice(XmlParser& parser, boost::shared_ptr<Device>& device, EscapedTexts& escaped) {
   for (DomNode* node = MoveToChild(parser); node != nullptr; node = MoveToNext(parser)) {
-    const int code = ReadDeviceChild(parser, *node, device);
+    const int code = ReadDeviceChild(parser, *node, device, escaped);
     if (code != result::kOk) return code;
   }
   StepBack(parser);
@@ -315,20 +341,62 @@ int EmbeddedDeviceReader::ReadServices(boost::shared_ptr<Device>& device) {
   return result::kOk;
 }
 
+// Each tag and each attribute makes two nodes of the document at most, so that what these would
+// take is known before any of it is there.
+bool HasTooManyTags(const std::string& xml) {
+  const auto tags =
+      std::count_if(xml.begin(), xml.end(), [](char c) { return c == '<' || c == '='; });
+  return static_cast<std::size_t>(tags) > limits::kDescriptionTags;
+}
+
+bool IsDeviceOrItsPart(std::string_view name) {
+  return name == "device" || name == "service" || name == "icon";
+}
+
+// Counts what may become a record of its own: devices and their parts wherever they stand, and the
+// children of a root device, of which the unknown ones are kept.
+bool HasTooManyRecords(const DomNode& root) {
+  std::size_t records = 0;
+  int depth = 1;
+  const DomNode* node = root.firstChild;
+  while (node != nullptr) {
+    const bool counts = depth == 2 || IsDeviceOrItsPart(ElementName(*node));
+    if (counts && ++records > limits::kDescriptionRecords) return true;
+    if (node->firstChild != nullptr) {
+      node = node->firstChild;
+      ++depth;
+      continue;
+    }
+    for (; node != &root && node->nextSibling == nullptr; --depth) node = node->parentNode;
+    if (node == &root) break;
+    node = node->nextSibling;
+  }
+  return false;
+}
+
+int RefuseTooLarge() {
+  static LogLimit once_a_second;
+  if (once_a_second.Due()) VEX_LOG(kLogMajor, kTag, "Description holds too much");
+  return result::kMalformedDocument;
+}
+
 }  // namespace
 
 int DeviceDescriptionParser::MakeDeviceInfo(const std::string& xml,
                                             boost::shared_ptr<Device>& device) {
+  if (HasTooManyTags(xml)) return RefuseTooLarge();
   utils::ScopedXmlParser parser;
   if (!parser.Parse(xml)) {
     VEX_LOG(kLogMajor, kTag, "XmlParserGetDomMA failed");
     return result::kMalformedDocument;
   }
   // The root may have any name.
-  if (utils::MoveToFirst(parser.get()) == nullptr) {
+  const DomNode* const root = utils::MoveToFirst(parser.get());
+  if (root == nullptr) {
     VEX_LOG(kLogMajor, kTag, "No Root Node");
     return result::kMalformedDocument;
   }
+  if (HasTooManyRecords(*root)) return RefuseTooLarge();
   int code = result::kOutOfMemory;
   try {
     code = __ParseDescription(parser.get(), device);
@@ -346,6 +414,7 @@ int DeviceDescriptionParser::__ParseDescription(XmlParser& parser,
     VEX_LOG(kLogStep, kTag, "Child Node empty");
     return result::kMalformedDocument;
   }
+  EscapedTexts escaped;
   for (; node != nullptr; node = MoveToNext(parser)) {
     const std::string_view name = ElementName(*node);
     int code = result::kOk;
@@ -354,11 +423,11 @@ int DeviceDescriptionParser::__ParseDescription(XmlParser& parser,
     } else if (name == "URLBase") {
       device->url_base = ElementValue(*node);
     } else if (name == "device") {
-      code = ReadDevice(parser, device);
+      code = ReadDevice(parser, device, escaped);
     }
     if (code != result::kOk) return code;
   }
-  return result::kOk;
+  return StoreEscapedTexts(escaped, *device);
 }
 
 int DeviceDescriptionParser::__ParseSpecVersion(XmlParser& parser,

@@ -379,6 +379,30 @@ TEST(Description, UnescapedFieldPastItsBoundIsOutOfMemory) {
   EXPECT_EQ(result::kOutOfMemory, 2200);
 }
 
+// Repeated often enough, fields that pass their own bounds by far or by little keep a processor
+// busy for minutes.
+TEST(Description, RegressionOfARepeatedFieldTheLastTextAloneIsUnescaped) {
+  std::string references;
+  for (int i = 1; i <= 6000; ++i) references += "&#" + std::to_string(i) + ";";
+  for (const char* name :
+       {"friendlyName", "manufacturer", "modelDescription", "modelName", "modelNumber"}) {
+    const auto element = [name](const std::string& text) {
+      return std::string("<") + name + ">" + text + "</" + name + ">";
+    };
+    const Parsed parsed =
+        Parse("<r><device>" + element(references) + element("a &amp;lt; b") + "</device><device>" +
+              element("") + "<UDN>uuid:a</UDN></device></r>");
+    EXPECT_EQ(0, parsed.code) << name;
+    EXPECT_EQ("uuid:a", parsed->udn) << name;
+    const std::string all = parsed->friendly_name + parsed->manufacturer +
+                            parsed->model_description + parsed->model_name + parsed->model_number;
+    EXPECT_EQ("a &lt; b", all) << name;
+    EXPECT_EQ(2200,
+              Parse("<r><device>" + element("a") + element(references) + "</device></r>").code)
+        << name;
+  }
+}
+
 // Every allocation of a reading fails once; what is there afterwards is whole and nothing is lost.
 TEST(Description, AnyAllocationMayFail) {
   const std::string xml =
@@ -540,6 +564,39 @@ TEST(Description, AHundredThousandListsOfOneDeviceOnASmallStack) {
     EXPECT_EQ(50000U, ParseEmbedded(full)->embedded_devices.size());
     EXPECT_LT(cpu.Elapsed(), 10.0);
   });
+}
+
+// A description with this many of a piece, of which it has `others` that count beside them.
+void ExpectAsManyAsTheBound(const std::string& begin, const std::string& piece,
+                            const std::string& end, std::size_t bound, std::size_t others) {
+  SCOPED_TRACE(piece);
+  const int most = static_cast<int>(bound - others);
+  EXPECT_EQ(0, Parse(begin + Repeated(piece, most) + end).code);
+  const vex_test::LogCapture log;
+  EXPECT_EQ(4001, Parse(begin + Repeated(piece, most + 1) + end).code);
+  EXPECT_LE(log.Count(16, kTag, "Description holds too much"), 1);
+}
+
+TEST(Description, AsManyRecordsAsTheBoundAreMadeAndNoMore) {
+  const std::size_t bound = limits::kDescriptionRecords;
+  // The root device, and its list.
+  ExpectAsManyAsTheBound("<r><device><deviceList>", "<device/>", "</deviceList></device></r>",
+                         bound, 2);
+  ExpectAsManyAsTheBound("<r><device><serviceList>", "<service/>", "</serviceList></device></r>",
+                         bound, 2);
+  ExpectAsManyAsTheBound("<r><device><iconList>", "<icon/>", "</iconList></device></r>", bound, 2);
+  ExpectAsManyAsTheBound("<r><device>", "<a/>", "</device></r>", bound, 1);
+  // All together, and in an embedded device.
+  ExpectAsManyAsTheBound("<r><device><deviceList><device><iconList><icon/></iconList><serviceList>",
+                         "<service/>", "</serviceList></device></deviceList><a/></device></r>",
+                         bound, 5);
+}
+
+TEST(Description, AsManyTagsAsTheBoundAreReadAndNoMore) {
+  const std::size_t bound = limits::kDescriptionTags;
+  // Two of the root, two of the device, and two of the field in which they stand.
+  ExpectAsManyAsTheBound("<r><device><f>", "<a/>", "</f></device></r>", bound, 6);
+  ExpectAsManyAsTheBound("<r><device><f", " a='1'", "></f></device></r>", bound, 6);
 }
 
 TEST(Description, FailureInTheDepthUnwindsOnASmallStack) {
