@@ -56,10 +56,10 @@ install_packages() {
       -o DPkg::Lock::Timeout=600 install -q -y --no-install-recommends "$@"
 }
 
-# clang_or_newest NAME: the tool of the version we format and check with, or the plain name.
+# tool NAME: the path of the version we format and check with, or of the plain name.
 tool() { command -v "$1-14" || command -v "$1"; }
 
-# configure_and_build PRESET TARGET.. [-- CMAKE_OPTION..]
+# build PRESET TARGET.. [-- CMAKE_OPTION..]: configures, too.
 build() {
   local preset=$1; shift
   local targets=() options=()
@@ -75,7 +75,8 @@ build() {
   ninja -C "build/$preset" -j "$JOBS" --quiet "${targets[@]}"
 }
 
-# run_tests PRESET SEQUENCE..: unit tests as they are, scenario tests in a network of their own.
+# run_tests PRESET [OPTION..]: unit tests as they are, scenario and stress tests in a network of
+# their own; the options go to the unit and scenario tests.
 run_tests() {
   local preset=$1; shift
   say "unit tests ($preset)"
@@ -106,7 +107,12 @@ dev_demo() {
 
 dev_test() {
   local quick=
-  [ "${1:-}" = --quick ] && quick=1
+  if [ "${1:-}" = --quick ]; then quick=1; shift; fi
+  if [ $# -gt 0 ]; then
+    echo "./dev test: there is no option '$1'" >&2
+    usage >&2
+    exit 2
+  fi
   need $BUILD_PACKAGES $PROGRAM_PACKAGES $TEST_PACKAGES
   build debug all -- -DVEX_BUILD_APPS=ON -DVEX_BUILD_TESTS=ON
   if [ -n "$quick" ]; then
@@ -234,7 +240,8 @@ dev_bench() {
   [[ discovery != *"${1:-}"* ]] || dev_bench_discovery
   [[ streaming != *"${1:-}"* ]] || dev_bench_streaming
 }
-# Beside curl and nginx, which belongs to the packages of the laboratory.
+
+# Beside nginx and curl, which belong to the packages of the laboratory.
 dev_bench_streaming() {
   say "streaming"
   if ! command -v nginx >/dev/null || ! command -v curl >/dev/null; then
@@ -244,7 +251,7 @@ dev_bench_streaming() {
   tools/two_hosts bench/streaming/run.py --build build/release --quick
 }
 
-# Actions and events, side by side with other control points.
+# Side by side with other control points.
 dev_bench_discovery() {
   say "discovery"
   if [ "$(id -u)" != 0 ]; then
@@ -255,6 +262,8 @@ dev_bench_discovery() {
   fi
   tools/two_hosts python3 bench/discovery/run.py --build build/release --quick
 }
+
+# Actions and events, side by side with other control points.
 dev_bench_control() {
   say "actions and events"
   tools/two_hosts python3 bench/actions/run.py --build build/release --quick
