@@ -121,7 +121,8 @@ std::string Commands::ReadyLine() {
 
 json Commands::Run(const Words& words) {
   const auto handler = handlers_.find(words[0]);
-  if (handler == handlers_.end()) throw std::runtime_error("unknown command " + words[0]);
+  if (handler == handlers_.end())
+    throw std::runtime_error("unknown command " + words[0] + "; vexsim --help lists them");
   return (this->*handler->second)(words);
 }
 
@@ -273,6 +274,7 @@ json Commands::SetActionFault(const Words& words) {
       throw std::runtime_error("action knows error=CODE, description=TEXT and times=N");
     }
   }
+  if (fault.code == 0) throw std::runtime_error("action wants error=CODE, a number above 0");
   faults.push_back(fault);
   return json::object();
 }

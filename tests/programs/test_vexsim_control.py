@@ -16,13 +16,15 @@ PROGRAM = os.path.join(BINARY_DIR, "vexsim")
 class CommandTest(SimulatorTest):
     def test_wrong_commands_are_told_what_is_wrong(self):
         simulator = self.simulate("lamp", "--no-announce")
-        for command, part in (("dance", "unknown command dance"), ("kill", "wants one id"),
+        for command, part in (("dance", "unknown command dance; vexsim --help lists them"), ("kill", "wants one id"),
                               ("kill 9", "no device 9"), ("kill x", "no device x"),
                               ("add", "wants a folder"), ("add nothing", "no device folder"),
                               ("add lamp size=3", "count=N"), ("add lamp count=many", "number"),
                               ("fault", "path pattern"), ("fault /x", "what goes wrong"),
                               ("fault /x explode", "unknown fault explode"),
                               ("fault /x delay=soon", "number"), ("answers later", "mx"),
+                              ("action 1/A.B times=2", "action wants error=CODE"),
+                              ("action 1/A.B error=0", "action wants error=CODE"),
                               ('""', "unknown command")):
             answer = simulator.ask(command)
             self.assertFalse(answer["ok"], command)
