@@ -17,10 +17,8 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
-#include <fstream>
 #include <memory>
 #include <mutex>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -34,6 +32,7 @@
 #include "tests/support/remote_host.h"
 #include "tests/support/ssdp_peer.h"
 #include "tests/support/still_works.h"
+#include "tests/support/tcp_table.h"
 #include "tests/support/timing_scaled.h"
 #include "tests/support/wait_until.h"
 
@@ -173,19 +172,10 @@ class Simulator {
     read_.erase(0, line.size() + 1);
     return line;
   }
-  // On the other host. The kernel gives the queue of a listening socket where others have what
-  // they received.
+  // On the other host.
   int Backlog() const {
-    std::ifstream table("/proc/thread-self/net/tcp");
-    std::string line;
-    while (std::getline(table, line)) {
-      std::istringstream words(line);
-      std::string number, local, remote, state, queues;
-      words >> number >> local >> remote >> state >> queues;
-      const std::size_t colon = local.find(':');
-      if (state != "0A" || colon == std::string::npos) continue;
-      if (std::stoi(local.substr(colon + 1), nullptr, 16) != port_) continue;
-      return std::stoi(queues.substr(queues.find(':') + 1), nullptr, 16);
+    for (const vex_test::TcpRow& row : vex_test::TcpTable()) {
+      if (row.listening && row.local_port == port_) return static_cast<int>(row.unread);
     }
     return -1;
   }

@@ -6,7 +6,6 @@
 #include <chrono>
 #include <future>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <boost/make_shared.hpp>
@@ -162,7 +161,7 @@ HttpPeer::Script AnswerInReads(const std::vector<std::string>& pieces) {
     connection.ReadRequest();
     for (const std::string& piece : pieces) {
       connection.Send(piece);
-      std::this_thread::sleep_for(milliseconds(50));
+      connection.AwaitRead();
     }
   };
 }

@@ -63,6 +63,7 @@ class OutgoingSessionTest : public testing::Test {
   }
   // After an exchange that is heard of, nothing of earlier ones is still on its way.
   void ExpectOnlyAsMany(int count) {
+    const vex_test::FasterTime as_it_is(1);
     HttpPeer last(AnswerWith(OkAnswer("last")));
     Send(last);
     EXPECT_TRUE(Heard(count + 1));
@@ -160,9 +161,9 @@ TEST_F(OutgoingSessionTest, AnInterimAnswerIsDroppedAndTheFinalOneHeard) {
   HttpPeer peer([](PeerConnection& connection) {
     connection.ReadRequest();
     connection.Send("HTTP/1.1 100 Continue\r\n\r\n");
-    std::this_thread::sleep_for(milliseconds(20));
+    connection.AwaitRead();
     connection.Send("HTTP/1.1 103 Checkpoint\r\nLink: x\r\n\r\n");
-    std::this_thread::sleep_for(milliseconds(20));
+    connection.AwaitRead();
     connection.Send(OkAnswer("final"));
     connection.AwaitEnd();
   });
@@ -182,9 +183,9 @@ TEST_F(OutgoingSessionTest, AnInterimAnswerCutInsideItsHeaderIsRecognisedWhenItI
   HttpPeer peer([](PeerConnection& connection) {
     connection.ReadRequest();
     connection.Send("HTTP/1.1 100 Continue\r\nServer: te");
-    std::this_thread::sleep_for(milliseconds(20));
+    connection.AwaitRead();
     connection.Send("st\r\n\r\n");
-    std::this_thread::sleep_for(milliseconds(20));
+    connection.AwaitRead();
     connection.Send(OkAnswer("final"));
     connection.AwaitEnd();
   });
@@ -342,7 +343,7 @@ TEST_F(OutgoingSessionTest, ASilentPeerIsLeftAfterThirtySecondsAndNothingIsHeard
 }
 
 TEST_F(OutgoingSessionTest, ATricklingAnswerIsCutOffByTheSameTime) {
-  vex_test::FasterTime faster(200);
+  vex_test::FasterTime faster(30);
   std::atomic<int> pieces{0};
   HttpPeer peer([&](PeerConnection& connection) {
     connection.ReadRequest();
@@ -359,7 +360,7 @@ TEST_F(OutgoingSessionTest, ATricklingAnswerIsCutOffByTheSameTime) {
 }
 
 TEST_F(OutgoingSessionTest, AnExchangeThatHasEndedLeavesNoTimeOutBehind) {
-  vex_test::FasterTime faster(300);
+  vex_test::FasterTime faster(30);
   HttpPeer peer(AnswerWith(OkAnswer("quick")));
   for (int i = 0; i < 5; ++i) Send(peer);
   ASSERT_TRUE(Heard(5));

@@ -1,17 +1,23 @@
 #include "tests/support/http_peer.h"
 
 #include <arpa/inet.h>
+#include <linux/sockios.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <strings.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
 #include <utility>
+
+#include "tests/support/tcp_table.h"
+#include "tests/support/wait_until.h"
 
 namespace vex_test {
 namespace {
@@ -89,6 +95,28 @@ bool PeerConnection::SendInPieces(const std::string& text, std::size_t piece,
     if (pause.count() > 0) std::this_thread::sleep_for(pause);
   }
   return true;
+}
+
+void PeerConnection::AwaitRead() {
+  WaitUntil([this] { return HasBeenRead(); });
+}
+
+bool PeerConnection::HasBeenRead() const {
+  int on_the_way = 0;
+  sockaddr_in own = {}, other = {};
+  socklen_t size = sizeof(own);
+  if (::ioctl(fd(), SIOCOUTQ, &on_the_way) != 0 ||
+      ::getsockname(fd(), reinterpret_cast<sockaddr*>(&own), &size) != 0 ||
+      ::getpeername(fd(), reinterpret_cast<sockaddr*>(&other), &size) != 0) {
+    return true;  // Nobody is left who could read.
+  }
+  if (on_the_way > 0) return false;
+  const std::vector<TcpRow> rows = TcpTable();
+  return std::none_of(rows.begin(), rows.end(), [&](const TcpRow& row) {
+    return row.local_ip == other.sin_addr.s_addr && row.local_port == ntohs(other.sin_port) &&
+           row.remote_ip == own.sin_addr.s_addr && row.remote_port == ntohs(own.sin_port) &&
+           row.unread > 0;
+  });
 }
 
 void PeerConnection::FinishSending() { ::shutdown(fd(), SHUT_WR); }

@@ -31,6 +31,9 @@ class PeerConnection {
   bool Send(const std::string& text);
   bool SendInPieces(const std::string& text, std::size_t piece,
                     std::chrono::milliseconds pause = std::chrono::milliseconds(0));
+  // Waits until the other side, on this host, has read all that was sent, so that what is sent next
+  // comes in another read.
+  void AwaitRead();
   // Sends the end of the stream; reading goes on.
   void FinishSending();
   void Close();
@@ -44,6 +47,7 @@ class PeerConnection {
 
  private:
   bool ReadMore(std::string& text);
+  bool HasBeenRead() const;
   int fd() const { return fd_; }
 
   std::mutex close_mutex_;
