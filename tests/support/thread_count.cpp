@@ -47,7 +47,7 @@ int ThreadCount() {
 int DescriptorCount() { return static_cast<int>(Entries("/proc/self/fd").size()) - 1; }
 
 testing::AssertionResult ThreadsBecome(int count) {
-  if (WaitUntil([count] { return ThreadCount() == count; }, std::chrono::seconds(1))) {
+  if (WaitUntil([count] { return ThreadCount() == count; })) {
     return testing::AssertionSuccess();
   }
   return testing::AssertionFailure() << ThreadCount() << " threads instead of " << count;
