@@ -23,6 +23,7 @@
 #include "tests/support/fake_device.h"
 #include "tests/support/hostile_rig.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/sanitizers.h"
 #include "tests/support/ssdp_peer.h"
 #include "tests/support/timing_scaled.h"
 #include "tests/support/wait_until.h"
@@ -141,12 +142,14 @@ TEST_F(DiscoveryHostile, LocationsThatCannotBeRightAreDropped) {
 
 TEST_F(DiscoveryHostile, RefusedLocationsAreLoggedOnceASecondAtMost) {
   LogCapture log;
+  const auto begun = std::chrono::steady_clock::now();
   for (int i = 0; i < 1000; ++i) DiscoveryRig::Receive(Alive("uuid:a", "http://0.0.0.0:1/"));
+  const auto took = std::chrono::steady_clock::now() - begun;
   int lines = 0;
   for (const auto& line : log.Lines()) {
     if (line.text.find("Location of [uuid:a+localhost] refused") == 0) ++lines;
   }
-  EXPECT_LE(lines, 3);
+  EXPECT_LE(lines, std::chrono::duration_cast<std::chrono::seconds>(took).count() + 2);
 }
 
 TEST_F(DiscoveryHostile, OddDatagramsDoNoHarm) {
@@ -401,7 +404,7 @@ TEST_F(DiscoveryHostile, AnyDepthOfEmbeddingIsWalkedAndListedUpToTheBound) {
 }
 
 TEST_F(DiscoveryHostile, ADescriptionWithoutEndHoldsUpNobodyElse) {
-  vex_test::FasterTime faster(100);
+  vex_test::FasterTime faster(20);
   DiscoveryRig::Register("upnp:rootdevice");
   for (int i = 0; i < 300; ++i) {
     const std::string path = "/silent" + std::to_string(i);
@@ -445,7 +448,7 @@ TEST_F(DiscoveryHostile, TenThousandStrangersCostLittleInLookUps) {
   }
   const double before = CpuSeconds();
   for (const std::string& datagram : datagrams) DiscoveryRig::Receive(datagram);
-  EXPECT_LT(CpuSeconds() - before, 1.0);
+  EXPECT_LT(CpuSeconds() - before, vex_test::kLittleCpuTime);
   EXPECT_EQ(0U, ListSize());
 }
 
@@ -468,7 +471,7 @@ TEST_F(DiscoveryHostile, TenThousandRequestsInFlightCostLittleInLookUps) {
   for (int i = 0; i < bound; ++i) {
     manager->RemoveNowRequestingByUdn("uuid:" + std::to_string(i) + "+localhost");
   }
-  EXPECT_LT(CpuSeconds() - before, 1.0);
+  EXPECT_LT(CpuSeconds() - before, vex_test::kLittleCpuTime);
   EXPECT_EQ(0, manager->AddNowRequesting(one_more));
 }
 

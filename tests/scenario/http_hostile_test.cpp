@@ -246,7 +246,7 @@ class HttpHostile : public vex_test::HostileRig {
   // Announces one device for each answer, all at once, and waits until each has appeared or has
   // been given up.
   void ExpectDescriptions(const Answers& answers) {
-    const FasterTime faster(60);
+    const FasterTime faster(20);
     const std::size_t count = answers("").size();
     std::vector<Device> devices;
     for (std::size_t i = 0; i < count; ++i) {
@@ -283,7 +283,7 @@ class HttpHostile : public vex_test::HostileRig {
     }
     DescriptionServer server(kPeer);
     const std::string key = Meet(device.udn, ServeDevice(server, "/d.xml", device));
-    const FasterTime faster(60);
+    const FasterTime faster(20);
     std::vector<int> ids(answers.size());
     for (std::size_t i = 0; i < answers.size(); ++i) {
       EXPECT_EQ(0, SendAction(handle_, key.c_str(), device.services[i].type.c_str(), "Do", nullptr,

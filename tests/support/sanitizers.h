@@ -25,6 +25,10 @@ constexpr bool kUnderAddressSanitizer = false;
 // Both take more time and memory than what they watch.
 constexpr bool kUnderSanitizer = kUnderThreadSanitizer || kUnderAddressSanitizer;
 
+// Seconds of processor time that ten thousand steps stay below where each costs the same, on a busy
+// machine too.
+constexpr double kLittleCpuTime = kUnderSanitizer ? 10.0 : 2.0;
+
 }  // namespace vex_test
 
 #undef VEX_TEST_FEATURE

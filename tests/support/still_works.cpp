@@ -37,7 +37,7 @@ bool SayUntil(Say say, Heard heard) {
       std::chrono::minutes(2));
 }
 
-bool Acts(int handle, const std::string& udn, std::string& told_text) {
+bool ActsOnce(int handle, const std::string& udn, std::string& told_text, bool& timed_out) {
   int id = 0;
   const int sent = SendAction(handle, udn.c_str(), kService, "GetStatus", nullptr, &id);
   if (sent != 0) {
@@ -54,8 +54,19 @@ bool Acts(int handle, const std::string& udn, std::string& told_text) {
     return false;
   });
   if (came && outcome.code == CP_ERR_NONE && outcome.output == "Status=on") return true;
+  timed_out = came && outcome.description == "'Action Timeout'";
   told_text = came ? "the answer was " + std::to_string(outcome.code) + ", " + outcome.output
                    : "no answer came";
+  return false;
+}
+
+// In tests that shorten the time an action has, a busy machine may make one too late.
+bool Acts(int handle, const std::string& udn, std::string& told_text) {
+  for (int i = 0; i < 3; ++i) {
+    bool timed_out = false;
+    if (ActsOnce(handle, udn, told_text, timed_out)) return true;
+    if (!timed_out) return false;
+  }
   return false;
 }
 

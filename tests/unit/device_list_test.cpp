@@ -15,6 +15,7 @@
 #include "tests/support/fail_alloc.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/media_peer.h"
+#include "tests/support/sanitizers.h"
 
 namespace vex_upnp {
 namespace cp_discovery {
@@ -392,7 +393,7 @@ TEST_F(DeviceListTest, LookUpsDoNotDependOnTheNumberOfDevices) {
     EXPECT_FALSE(list_->IsDeviceAdded("uuid:unknown" + std::to_string(i)));
   }
   for (int i = 0; i < 10000; ++i) list_->RemoveByUdn("uuid:" + std::to_string(i));
-  EXPECT_LT(static_cast<double>(std::clock() - before) / CLOCKS_PER_SEC, 1.0);
+  EXPECT_LT(static_cast<double>(std::clock() - before) / CLOCKS_PER_SEC, vex_test::kLittleCpuTime);
 }
 
 TEST_F(DeviceListTest, EqualKeysByTheThousandsAreRemovedInTime) {
@@ -405,7 +406,7 @@ TEST_F(DeviceListTest, EqualKeysByTheThousandsAreRemovedInTime) {
   }
   const std::clock_t before = std::clock();
   EXPECT_EQ(10000U, list_->RemoveAndGetDevicesByInterface("eth0")->size());
-  EXPECT_LT(static_cast<double>(std::clock() - before) / CLOCKS_PER_SEC, 1.0);
+  EXPECT_LT(static_cast<double>(std::clock() - before) / CLOCKS_PER_SEC, vex_test::kLittleCpuTime);
   EXPECT_FALSE(list_->GetAllDevices());
 }
 
