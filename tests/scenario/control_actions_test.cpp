@@ -221,7 +221,7 @@ TEST_F(ControlActions, SilenceEndsInTheFixedFaultAfterThirtySeconds) {
   ASSERT_TRUE(WaitForResults(1));
   const auto took = std::chrono::steady_clock::now() - start;
   EXPECT_GE(took, std::chrono::milliseconds(300));
-  EXPECT_LT(took, std::chrono::milliseconds(1500));
+  EXPECT_LT(took, std::chrono::milliseconds(15000));
   const ActionResult got = log_.Results()[0];
   EXPECT_EQ(id, got.action_id);
   EXPECT_EQ(500, got.status);
@@ -300,8 +300,8 @@ TEST_F(ControlActions, CancellingNothingReturnsZeroAndCallsNothing) {
 }
 
 TEST_F(ControlActions, ALateAnswerToATimedOutActionIsSilence) {
-  const FasterTime faster(200);
-  RunPeer([](const PeerRequest&) { return Late(Reply(200, "<late/>"), 250); });
+  const FasterTime faster(20);
+  RunPeer([](const PeerRequest&) { return Late(Reply(200, "<late/>"), 2500); });
   int id = 0;
   ASSERT_EQ(0, Send(*peer_, log_, &context_, id));
   ASSERT_TRUE(WaitForResults(1));
@@ -320,7 +320,7 @@ TEST_F(ControlActions, AnAnswerForAnUnknownSessionIsLoggedOnly) {
 }
 
 TEST_F(ControlActions, AnAnswerThatBeatsItsTimerLeavesNoTimeOut) {
-  const FasterTime faster(1000);
+  const FasterTime faster(30);
   RunPeer([](const PeerRequest&) { return Reply(200, ""); });
   int id = 0;
   ASSERT_EQ(0, Send(*peer_, log_, &context_, id));

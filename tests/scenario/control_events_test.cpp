@@ -48,6 +48,8 @@ constexpr char k412[] = "HTTP/1.1 412 Precondition Failed\r\nConnection: close\r
 constexpr char kSid[] = "uuid:s1";
 constexpr char kGranted[] =
     "HTTP/1.1 200 OK\r\nSID: uuid:s1\r\nTIMEOUT: Second-1800\r\nCONTENT-LENGTH: 0\r\n\r\n";
+// What an event that is not kept takes at most where one that is kept takes 20 s.
+constexpr milliseconds kFarBelowTheWait{10000};
 
 class ControlEvents : public testing::Test {
  protected:
@@ -341,6 +343,7 @@ TEST_P(FirstEvent, BehindTheAnswerIsDelivered) {
 INSTANTIATE_TEST_SUITE_P(Milliseconds, FirstEvent, testing::Values(0, 1, 50));
 
 TEST_F(ControlEvents, AnEventBeforeTheAnswerIsRefusedAtOnce) {
+  const vex_test::SlowerTime slower(20);
   std::string answer_to_event;
   std::chrono::steady_clock::duration took{};
   RunPeer([&](const PeerRequest&) {
@@ -352,7 +355,7 @@ TEST_F(ControlEvents, AnEventBeforeTheAnswerIsRefusedAtOnce) {
   const int handle = Subscribe(log_);
   ASSERT_TRUE(WaitUntil([&] { return log_.Outcomes().size() == 1; }));
   EXPECT_EQ(k412, answer_to_event);
-  EXPECT_LT(took, milliseconds(500));
+  EXPECT_LT(took, kFarBelowTheWait);
   // It is not kept, either.
   EXPECT_THAT(log_.Events(), IsEmpty());
   EXPECT_EQ(k200, stack_.Notify(NotifyRequest(handle, kSid, 1)));
@@ -423,27 +426,29 @@ TEST_F(QueuedAnswer, KeepsAnEventForASecondAtMost) {
   EXPECT_EQ(k412, stack_.Notify(NotifyRequest(handle, kSid, 0)));
   const auto took = std::chrono::steady_clock::now() - start;
   EXPECT_GE(took, milliseconds(990));
-  EXPECT_LT(took, milliseconds(2500));
+  EXPECT_LT(took, milliseconds(15000));
 }
 
 TEST_F(QueuedAnswer, KeepsNoEventAtTermination) {
+  const vex_test::SlowerTime slower(20);
   RunDevice();
   OccupyResponseThreads();
   const int handle = Subscribe(log_);
   WaitUntilQueued();
   std::string answer;
   std::thread device([&] { answer = stack_.Notify(NotifyRequest(handle, kSid, 0)); });
-  std::this_thread::sleep_for(milliseconds(30));
+  std::this_thread::sleep_for(milliseconds(500));
   const auto start = std::chrono::steady_clock::now();
   std::thread terminator([&] { stack_.TerminateControl(); });
   device.join();
-  EXPECT_LT(std::chrono::steady_clock::now() - start, milliseconds(700));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, kFarBelowTheWait);
   EXPECT_EQ(k412, answer);
   gate_.Open();
   terminator.join();
 }
 
 TEST_F(QueuedAnswer, OfAnUnsubscribedOneKeepsNoEvent) {
+  const vex_test::SlowerTime slower(20);
   RunDevice();
   OccupyResponseThreads();
   const int handle = Subscribe(log_);
@@ -455,7 +460,7 @@ TEST_F(QueuedAnswer, OfAnUnsubscribedOneKeepsNoEvent) {
   EXPECT_EQ(5001, Unsubscribe(other, peer_->HostLine()));
   const auto start = std::chrono::steady_clock::now();
   EXPECT_NE(k200, stack_.Notify(NotifyRequest(handle, kSid, 0)));
-  EXPECT_LT(std::chrono::steady_clock::now() - start, milliseconds(700));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, kFarBelowTheWait);
 }
 
 TEST_F(ControlEvents, AfterTerminationAnEventIsDroppedWithoutAnAnswer) {

@@ -294,7 +294,7 @@ TEST(FrameworkCyclesUnderLoad, TwentyLivesEndInTheMiddleOfEverythingAndLeaveNoth
     LiveOnce(network);
     const auto held = network.Hold();
     EXPECT_TRUE(WaitUntil([&] {
-      return vex_test::ThreadCount() == threads && vex_test::DescriptorCount() == descriptors;
+      return vex_test::ThreadCount() <= threads && vex_test::DescriptorCount() <= descriptors;
     })) << "life "
         << i << ": " << vex_test::ThreadCount() << " threads against " << threads << ", "
         << vex_test::DescriptorCount() << " descriptors against " << descriptors;

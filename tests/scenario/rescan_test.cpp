@@ -228,7 +228,7 @@ TEST_F(Search, KeptRescanForRegisteredPassesOverObserversOfEverything) {
 }
 
 TEST_F(Search, AutomaticRescansRepeatUntilTheyAreDisabled) {
-  FasterTime faster(1000);
+  FasterTime faster(100);
   LogCapture log;
   DiscoveryRig::Register(kMediaServer);
   EXPECT_EQ(0, EnableAutoRescanFeature());

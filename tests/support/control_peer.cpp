@@ -275,6 +275,8 @@ std::string ExchangeWith(const std::string& ip, int port, const std::string& req
   sockaddr_in address = Address(ip, port);
   std::string answer;
   if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0) {
+    const timeval longest = {60, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &longest, sizeof(longest));
     WriteAll(fd, request);
     char buffer[4096];
     ssize_t bytes = 0;

@@ -110,7 +110,8 @@ class ControlPeer {
 };
 
 // Sends `request` to an HTTP server and returns all bytes that come until it closes. `from` is the
-// local address. Empty when there is no connection.
+// local address. Empty when there is no connection; what has come by then when nothing comes for a
+// minute.
 std::string ExchangeWith(const std::string& ip, int port, const std::string& request,
                          const std::string& from = std::string());
 

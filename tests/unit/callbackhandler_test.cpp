@@ -1,6 +1,7 @@
 #include "src/callbackhandler.h"
 
 #include <gmock/gmock.h>
+#include <pthread.h>
 
 #include <algorithm>
 #include <atomic>
@@ -20,6 +21,7 @@
 #include "base/limits.h"
 #include "src/incoming_tcp_session.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/process_state.h"
 #include "tests/support/thread_count.h"
 #include "tests/support/wait_until.h"
 
@@ -613,10 +615,11 @@ TEST_F(CallBackHandlerTest, StopWaitsForARunningListenerAndDropsWhatWaits) {
   ASSERT_TRUE(WaitUntil([&] { return door_.Inside().size() == 1; }));
   std::atomic<bool> stopped{false};
   boost::thread stopper([&] {
+    pthread_setname_np(pthread_self(), "stopper");
     handler_->StopCallbackThreads();
     stopped = true;
   });
-  boost::this_thread::sleep_for(boost::chrono::milliseconds(20));
+  ASSERT_TRUE(WaitUntil([] { return vex_test::IsAsleep("stopper"); }));
   EXPECT_FALSE(stopped);
   door_.Open();
   stopper.join();

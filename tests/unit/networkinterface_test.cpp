@@ -234,7 +234,8 @@ TEST_F(NetworkInterfaceTest, AnotherAddressIsARemovalAndAChangeWithTheOldAddress
   EXPECT_THAT(EventsOf(recorder),
               ElementsAre(Pair("eth0", NIC_REMOVED), Pair("eth0", NIC_IPCHANGED)));
   EXPECT_EQ("10.0.0.2", addresses.at(1));
-  EXPECT_GE(times.at(1) - times.at(0), std::chrono::milliseconds(20));
+  // The first may be told late, the second never early.
+  EXPECT_GE(times.at(1) - begin, std::chrono::milliseconds(50));
 }
 
 TEST_F(NetworkInterfaceTest, KeptAChangedMaskAloneIsNotNoticed) {

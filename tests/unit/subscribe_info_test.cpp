@@ -250,6 +250,7 @@ TEST_F(AwaitSidTest, TheWaitEndsAfterASecond) {
 // An answer whose handling ended between a look for the SID and a look at the answers in hand was
 // missed, and its first event refused. Each round meets the look-up a little later.
 TEST_F(AwaitSidTest, RegressionAnAnswerHandledAtAnyMomentIsSeen) {
+  const vex_test::SlowerTime slower(20);
   constexpr int kRounds = 5000;
   const Pointer record = AddInFlight(0);
   std::atomic<int> begun{-1};
