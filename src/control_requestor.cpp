@@ -16,6 +16,7 @@
 #include "base/timing.h"
 #include "src/action_request_timer_callback.h"
 #include "src/control_response_callback.h"
+#include "src/outgoing_address.h"
 #include "src/request_packets.h"
 #include "src/user_agent.h"
 
@@ -121,6 +122,8 @@ int ControlRequestor::__SendAndList(const std::string& ip, int port, const std::
   if (!list) return result::kFailure;
   const boost::shared_ptr<ControlResponseCallback> callback =
       ControlResponseCallback::GetInstance();
+
+  const network_layer::LookedUpAhead ahead(ip, port);
 
   // An answer may come before the send has returned; it waits for this lock and then finds the
   // record listed under its session.

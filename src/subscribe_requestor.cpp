@@ -13,6 +13,7 @@
 #include "base/singleton.h"
 #include "base/timing.h"
 #include "src/event_callback.h"
+#include "src/outgoing_address.h"
 #include "src/request_packets.h"
 #include "src/resubscribe_timer_callback.h"
 #include "src/subscribe_info.h"
@@ -56,6 +57,8 @@ int SubscribeRequestor::Subscribe(const std::string& device_udn, const std::stri
   std::string default_agent;
   GetDefaultUserAgent(default_agent);
   const std::string agent = ChooseUserAgent(user_agent, default_agent);
+  // Whoever sends needs it; a start without memory may have left it out.
+  ResubscribeTimerCallback::GetInstance();
   const int handle =
       __AddStructure(device_udn, host_header, agent, callback_url, event_url, listener);
   if (handle == 0) return result::kRequestFailed;
@@ -234,6 +237,8 @@ int SubscribeRequestor::__SendAndWatch(int handler_id, const std::string& ip, in
   if (!list) return result::kFailure;
   const boost::shared_ptr<SubscribeResponseCallback> callback =
       SubscribeResponseCallback::GetInstance();
+
+  const network_layer::LookedUpAhead ahead(ip, port);
 
   // An answer may come before the send has returned; it waits for this lock and then finds the
   // record under its session, with the timer that watched over it.
