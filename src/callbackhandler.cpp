@@ -126,17 +126,25 @@ int CallBackHandler::RegisterResponseListener(const int& session_id,
 
 int CallBackHandler::UnRegisterResponseListener(const int& session_id) {
   stOutgoingContext erased;
-  {
-    boost::lock_guard<boost::mutex> lock(response_mutex_);
-    const auto context = outgoing_contexts_.lower_bound(session_id);
-    if (context == outgoing_contexts_.end() || context->first != session_id) {
-      return result::kFailure;
-    }
-    erased = std::move(context->second);
-    outgoing_contexts_.erase(context);
-  }
+  if (!TakeContext(session_id, Answered::kToo, erased)) return result::kFailure;
   VEX_LOG(kLogMajor, kTag, "list erased(%d)", session_id);
   return result::kOk;
+}
+
+void CallBackHandler::UnRegisterUnanswered(const int& session_id) {
+  stOutgoingContext erased;
+  if (!TakeContext(session_id, Answered::kNot, erased)) return;
+  VEX_LOG(kLogMajor, kTag, "list erased(%d)", session_id);
+}
+
+bool CallBackHandler::TakeContext(int session_id, Answered answered, stOutgoingContext& taken) {
+  boost::lock_guard<boost::mutex> lock(response_mutex_);
+  const auto found = outgoing_contexts_.lower_bound(session_id);
+  if (found == outgoing_contexts_.end() || found->first != session_id) return false;
+  if (answered == Answered::kNot && found->second.response) return false;
+  taken = std::move(found->second);
+  outgoing_contexts_.erase(found);
+  return true;
 }
 
 // A job runs only while the handler is there and has not been stopped since. It is given the count
@@ -236,26 +244,21 @@ int CallBackHandler::InvokeResponseHandler(const int& session_id,
   }
   AnswerArrivalListener* const waiting = dynamic_cast<AnswerArrivalListener*>(listener.get());
   if (waiting != nullptr) waiting->OnAnswerArrived(session_id);
-  {
+  // Announced, it has to come.
+  RetryWithoutMemory([&] {
     boost::lock_guard<boost::mutex> lock(response_mutex_);
     answered_.push_back(session_id);
-    if (response_job_posted_) return result::kOk;
-    response_job_posted_ = true;
-  }
-  try {
-    PostResponseJob();
-  } catch (...) {
-    // Unless a thread that was at work has taken it, the answer counts as not handed over.
-    if (Withdraw(session_id)) throw;
-  }
+  });
+  RetryWithoutMemory([this] {
+    if (ClaimResponseJob()) PostResponseJob();
+  });
   return result::kOk;
 }
 
-bool CallBackHandler::Withdraw(int session_id) {
+bool CallBackHandler::ClaimResponseJob() {
   boost::lock_guard<boost::mutex> lock(response_mutex_);
-  const auto answered = std::find(answered_.begin(), answered_.end(), session_id);
-  if (answered == answered_.end()) return false;
-  answered_.erase(answered);
+  if (response_job_posted_ || answered_.empty()) return false;
+  response_job_posted_ = true;
   return true;
 }
 
@@ -388,13 +391,7 @@ bool CallBackHandler::TakeAnswered(int& session_id, bool& call_another) {
 
 void CallBackHandler::InvokeUpperLayerResponseHandler(int session_id) {
   stOutgoingContext context;
-  {
-    boost::lock_guard<boost::mutex> lock(response_mutex_);
-    const auto found = outgoing_contexts_.lower_bound(session_id);
-    if (found == outgoing_contexts_.end() || found->first != session_id) return;
-    context = std::move(found->second);
-    outgoing_contexts_.erase(found);
-  }
+  if (!TakeContext(session_id, Answered::kToo, context)) return;
   if (!context.listener || context.listener.use_count() <= 0) return;
   VEX_LOG(kLogDetail, kTag, "call OnResponseReceived session_id : (%d), use_count : (%d)(%p)",
           session_id, static_cast<int>(context.listener.use_count()),

@@ -59,6 +59,8 @@ class CallBackHandler : public VEXUncopyable,
                                const boost::shared_ptr<ResponseListener>& listener);
   // 0, or 1 when there was none. An answer that is queued for it is lost without a call.
   int UnRegisterResponseListener(const int& session_id);
+  // The same, unless the answer is there already: that reaches its listener.
+  void UnRegisterUnanswered(const int& session_id);
 
   // From the socket threads; always 0. `request` is not to be touched by the caller afterwards.
   // `session_context` is given to the listener, or used up by the answer that says there is none.
@@ -106,8 +108,11 @@ class CallBackHandler : public VEXUncopyable,
   bool InvokeUpperLayerTCPRequestListener();
   bool InvokeUpperLayerUDPRequestListener();
   void InvokeUpperLayerResponseHandler(int session_id);
-  // Takes back an answer that no thread has taken; whether it was still waiting.
-  bool Withdraw(int session_id);
+  enum class Answered { kToo, kNot };
+  // Whether it was there, and as wanted.
+  bool TakeContext(int session_id, Answered answered, stOutgoingContext& taken);
+  // True when answers wait and the caller is the one to post the job for them.
+  bool ClaimResponseJob();
   void HandleAnswers(unsigned int stops);
   void CallAnother();
   bool TakeAnswered(int& session_id, bool& call_another);

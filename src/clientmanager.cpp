@@ -91,16 +91,22 @@ void ClientManager::StartClientThreads(const int& count) {
 
 void ClientManager::StopClientThreads() {
   loops_.Stop();
-  const std::vector<SessionPointer> sessions = __AllSessions();
-  // Before the sessions are stopped: a handler that is running must find nobody to tell.
-  for (const SessionPointer& session : sessions) {
-    __UnRegisterListener(session->get_handler_id());
-  }
-  for (const SessionPointer& session : sessions) session->stop();
+  // Taken, not copied: the end needs no memory.
+  const Sessions sessions = __TakeAll();
+  __StopAll(sessions);
   loops_.Join();
-  for (const SessionPointer& session : sessions) session->reset();
-  boost::lock_guard<boost::mutex> lock(mutex_);
-  sessions_.clear();
+  // Those that calls on other threads have begun meanwhile. No handler of theirs will ever run.
+  const Sessions late = __TakeAll();
+  __StopAll(late);
+  for (const Sessions* stopped : {&sessions, &late}) {
+    for (const auto& entry : *stopped) entry.second->reset();
+  }
+}
+
+void ClientManager::__StopAll(const Sessions& sessions) {
+  // Before the sessions are stopped: a handler that is running must find nobody to tell.
+  for (const auto& entry : sessions) __UnRegisterListener(entry.first);
+  for (const auto& entry : sessions) entry.second->stop();
 }
 
 int ClientManager::ConfigureMulticastSupport(bool enable) {
@@ -166,14 +172,26 @@ int ClientManager::SendTCPPacket(const std::string& ip, const int& port, const s
   session->set_handler_id(id);
   __DropOldestAboveLimit();
   __AddSession(id, session);
+  try {
+    return __BeginExchange(*session, ip, port, data, listener);
+  } catch (...) {
+    __UnRegisterListener(id);
+    __TakeSession(id);
+    throw;
+  }
+}
 
+int ClientManager::__BeginExchange(OutgoingSession& session, const std::string& ip, int port,
+                                   const std::string& data,
+                                   const boost::shared_ptr<ResponseListener>& listener) {
+  const int id = session.get_handler_id();
   const boost::shared_ptr<CallBackHandler> handler = CallBackHandler::ExistingInstance();
   if (!handler || handler->RegisterResponseListener(id, listener) != result::kOk) {
     VEX_LOG(kLogMajor, kTag, "Registration failed for packet\n%s", data.c_str());
     __TakeSession(id);
     return result::kFailure;
   }
-  const int begun = session->Connect(kAnyLocalAddress, ip, port, data);
+  const int begun = session.Connect(kAnyLocalAddress, ip, port, data);
   if (begun != result::kOk) {
     __UnRegisterListener(id);
     __TakeSession(id);
@@ -189,9 +207,9 @@ int ClientManager::SendSyncTCPPacket(const std::string& ip, const int& port,
   if (!session) return result::kNoSession;
   const int id = __NextSessionId();
   session->set_handler_id(id);
-  __AddSession(id, session);
   const int timer = utils::Timer::Start(timing::Scaled(timeout),
                                         &OutgoingSession::OnSyncRequestTimeOut, session.get());
+  __AddSession(id, session);
   const int outcome = session->SyncRequest(ip, port, data, response);
   // Waits for a time-out that is running, so that the session is there until it has ended.
   utils::Timer::Cancel(timer, nullptr);
@@ -328,18 +346,20 @@ ClientManager::SessionPointer ClientManager::__TakeSession(const int& id) {
   return taken;
 }
 
-std::vector<ClientManager::SessionPointer> ClientManager::__AllSessions() {
-  std::vector<SessionPointer> all;
+ClientManager::Sessions ClientManager::__TakeAll() {
+  Sessions all;
   boost::lock_guard<boost::mutex> lock(mutex_);
-  for (const auto& entry : sessions_) all.push_back(entry.second);
+  all.swap(sessions_);
   return all;
 }
 
-// The requesters of the dropped ones hear nothing: their answers simply never come.
+// The requesters of the dropped ones hear nothing: their answers simply never come. One that has
+// come already, and is only waiting for a thread, is told.
 void ClientManager::__DropOldestAboveLimit() {
   const std::vector<SessionPointer> dropped = __TakeOldestAboveLimit();
+  const boost::shared_ptr<CallBackHandler> handler = CallBackHandler::ExistingInstance();
   for (const SessionPointer& session : dropped) {
-    __UnRegisterListener(session->get_handler_id());
+    if (handler) handler->UnRegisterUnanswered(session->get_handler_id());
     session->stop();
     session->reset();
   }
@@ -358,6 +378,7 @@ std::vector<ClientManager::SessionPointer> ClientManager::__TakeOldestAboveLimit
   if (limit == 0 || count <= limit) return oldest;
   VEX_LOG(kLogMajor, kTag, "too many outgoing session, delete : %d / current : %d / limit : %d",
           static_cast<int>(wanted), static_cast<int>(count), static_cast<int>(limit));
+  oldest.reserve(std::min<std::size_t>(wanted, count));
   while (oldest.size() < wanted && !sessions_.empty()) {
     oldest.push_back(sessions_.begin()->second);
     sessions_.erase(sessions_.begin());

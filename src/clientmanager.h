@@ -82,10 +82,13 @@ class ClientManager : public Notify {
 
  private:
   using SessionPointer = boost::shared_ptr<OutgoingSession>;
+  using Sessions = std::map<int, SessionPointer>;
 
   ClientManager();
 
   SessionPointer __MakeSession();
+  int __BeginExchange(OutgoingSession& session, const std::string& ip, int port,
+                      const std::string& data, const boost::shared_ptr<ResponseListener>& listener);
   int __SendMulticastFrom(const std::string& interface_ip, const std::string& ip,
                           const std::string& data);
   int __NextSessionId();
@@ -94,8 +97,9 @@ class ClientManager : public Notify {
   SessionPointer __TakeSession(const int& id);
   std::vector<SessionPointer> __TakeOldestAboveLimit();
   void __DropOldestAboveLimit();
-  void __UnRegisterListener(const int& id);
-  std::vector<SessionPointer> __AllSessions();
+  static void __UnRegisterListener(const int& id);
+  Sessions __TakeAll();
+  static void __StopAll(const Sessions& sessions);
   bool __StartProbes(const std::map<std::string, boost::shared_ptr<valid_address_info>>& addresses,
                      std::vector<SessionPointer>& probes);
   static bool __AwaitProbes(int timeout, boost::unique_lock<boost::mutex>& lock,
@@ -116,7 +120,7 @@ class ClientManager : public Notify {
   // Outer to the sessions' mutexes; never held while CallBackHandler is called.
   boost::mutex mutex_;
   // By id, which is the order of their making: the oldest is the first.
-  std::map<int, SessionPointer> sessions_ VEX_GUARDED_BY(mutex_);
+  Sessions sessions_ VEX_GUARDED_BY(mutex_);
   // The last id.
   int session_counter_ VEX_GUARDED_BY(mutex_) = 0;
 };

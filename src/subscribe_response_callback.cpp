@@ -124,7 +124,7 @@ void SubscribeResponseCallback::__HandleAnswer(SubscribeInfoList& list, utils::H
       VEX_LOG(kLogMajor, kTagControl, "There is no subscribe info!!!");
       return;
     }
-    if (!__ParsePacket(list, response, *record, timeout)) {
+    if (!__Understands(list, response, *record, timeout)) {
       __HandleFailure(list, *record, response);
       return;
     }
@@ -146,6 +146,15 @@ SubscribeInfoList::Pointer SubscribeResponseCallback::__ClaimAnswer(SubscribeInf
   // That timer's callback never waits for a delivery, so this may be called inside one.
   if (answer_timer_id != 0) ResubscribeTimerCallback::Cancel(answer_timer_id);
   return record;
+}
+
+// An answer that there is no memory to read is a failed one: nobody watches over it any more.
+bool SubscribeResponseCallback::__Understands(SubscribeInfoList& list, utils::HTTPInfo& response,
+                                              SubscribeInfo& record, int& timeout) try {
+  return __ParsePacket(list, response, record, timeout);
+} catch (...) {
+  LogCurrentException(VEX_LOG_SITE, kLogMajor, kTagControl, "Exception: %s", "Unknown Exception");
+  return false;
 }
 
 bool SubscribeResponseCallback::__ParsePacket(SubscribeInfoList& list, utils::HTTPInfo& response,

@@ -44,6 +44,8 @@ class SubscribeResponseCallback : public network_layer::ResponseListener,
 
   static void __HandleAnswer(SubscribeInfoList& list, utils::HTTPInfo& response, int session_id);
   static SubscribeInfoList::Pointer __ClaimAnswer(SubscribeInfoList& list, int session_id);
+  static bool __Understands(SubscribeInfoList& list, utils::HTTPInfo& response,
+                            SubscribeInfo& record, int& timeout);
   static bool __ParsePacket(SubscribeInfoList& list, utils::HTTPInfo& response,
                             SubscribeInfo& record, int& timeout);
   static bool __NotifySuccess(SubscribeInfoList& list, const SubscribeInfo& record);

@@ -326,6 +326,33 @@ TEST_F(ClientManagerTest, ARequestAfterTheStopLeavesNothingBehind) {
   EXPECT_EQ(1, recorder_.use_count());
 }
 
+TEST(ClientManagerCycles, ARequestBegunWhileTheLayerStopsLeavesNothingBehind) {
+  HttpPeer silent(vex_test::StaySilent());
+  const auto recorder = AnswerRecorder::Make();
+  int descriptors = 0;
+  for (int cycle = 0; cycle < 30; ++cycle) {
+    {
+      vex_test::NetworkRun run;
+      std::atomic<int> sent{0};
+      std::atomic<bool> ended{false};
+      std::thread host([&] {
+        int id = 0;
+        while (!ended) {
+          sent += SendTCPHTTPPacket(silent.ip(), silent.port(), kRequest, 0, recorder, id) == 0;
+        }
+      });
+      EXPECT_TRUE(WaitUntil([&] { return sent > 20; }));
+      StopNetworkLayer();
+      ended = true;
+      host.join();
+    }
+    EXPECT_TRUE(WaitUntil([&] { return silent.finished() == silent.connections(); }));
+    EXPECT_EQ(1, recorder.use_count());
+    if (cycle == 0) descriptors = vex_test::DescriptorCount();
+    EXPECT_TRUE(WaitUntil([&] { return vex_test::DescriptorCount() <= descriptors; }));
+  }
+}
+
 TEST(ClientManagerCycles, StartAndStopUnderLoadLeavesNoThreadNoDescriptorAndNoListener) {
   HttpPeer answering(AnswerWith(OkAnswer("x")));
   HttpPeer silent(vex_test::StaySilent());

@@ -94,9 +94,19 @@ TEST_F(FaultMemoryNetwork, StartAndStop) {
                      OkOrFailure([](int) { EXPECT_EQ(result::kOk, StopNetworkLayer()); })),
             10);
   ASSERT_EQ(result::kOk, StartNetworkLayer());
-  FailEach("vex_upnp::network_layer::StopNetworkLayer", StopNetworkLayer, OkOrFailure([](int) {
+  const auto silent = vex_test::AnswerRecorder::Make();
+  ControlPeer mute(kFar, 0, [](const PeerRequest&) { return vex_test::Silence(); });
+  const auto begin = [&] {
+    int session = 0;
+    EXPECT_EQ(result::kOk, SendTCPHTTPPacket(kFar, mute.port(), kRequest, 0, silent, session));
+  };
+  begin();
+  FailEach("vex_upnp::network_layer::StopNetworkLayer", StopNetworkLayer, OkOrFailure([&](int) {
+             // The first one, without memory, has ended the exchange.
+             EXPECT_EQ(1, silent.use_count());
              StopNetworkLayer();
              StartNetworkLayer();
+             begin();
            }));
   StopNetworkLayer();
   FailEach("vex_upnp::network_layer::TerminateNetworkLayer", TerminateNetworkLayer,
@@ -267,6 +277,8 @@ TEST_F(FaultMemoryNetwork, Requests) {
                 [&](int code) {
                   sent += code == result::kOk ? 1 : 0;
                   EXPECT_TRUE(WaitUntil([&] { return recorder->count() == sent; }));
+                  // This function's own two.
+                  EXPECT_TRUE(WaitUntil([&] { return recorder.use_count() == 2; }));
                 },
                 false}),
       3);

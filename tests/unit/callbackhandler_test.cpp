@@ -20,6 +20,7 @@
 
 #include "base/limits.h"
 #include "src/incoming_tcp_session.h"
+#include "tests/support/fail_alloc.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/process_state.h"
 #include "tests/support/thread_count.h"
@@ -508,6 +509,43 @@ TEST_F(CallBackHandlerTest, AnswerQueuedForAnUnregisteredSessionIsLost) {
   ASSERT_TRUE(WaitUntil([&] { return kept->Answers().size() == 1; }));
   handler_->StopCallbackThreads();
   EXPECT_TRUE(lost->Answers().empty());
+}
+
+TEST_F(CallBackHandlerTest, AnAnswerThatIsThereOutlivesItsSession) {
+  const auto waiting = boost::make_shared<AnswerListener>();
+  const auto answered = boost::make_shared<AnswerListener>();
+  handler_->RegisterResponseListener(5, waiting);
+  handler_->RegisterResponseListener(6, answered);
+  boost::shared_ptr<HTTPInfo> answer = Message(kAnswer);
+  handler_->InvokeResponseHandler(6, answer);
+  vex_test::LogCapture log;
+  handler_->UnRegisterUnanswered(5);
+  handler_->UnRegisterUnanswered(6);
+  handler_->UnRegisterUnanswered(7);
+  EXPECT_EQ(1, log.Count(16, kTag, "list erased(5)"));
+  EXPECT_EQ(1, waiting.use_count());
+  handler_->StartCallbackThreads();
+  EXPECT_TRUE(WaitUntil([&] { return answered->Answers().size() == 1; }));
+}
+
+TEST_F(CallBackHandlerTest, AnAnswerThatHasBeenAnnouncedIsHandedOverWithoutMemoryToo) {
+  const auto listener = boost::make_shared<AnswerListener>();
+  handler_->StartCallbackThreads();
+  int id = 0;
+  boost::shared_ptr<HTTPInfo> answer;
+  const auto expect = [&] {
+    answer = Message(kAnswer);
+    handler_->RegisterResponseListener(++id, listener);
+  };
+  expect();
+  EXPECT_GT(vex_test::EachAllocationFails(
+                [&] { EXPECT_EQ(0, handler_->InvokeResponseHandler(id, answer)); },
+                [&](bool) {
+                  EXPECT_TRUE(WaitUntil(
+                      [&] { return listener->Answers().size() == static_cast<std::size_t>(id); }));
+                  expect();
+                }),
+            0);
 }
 
 TEST_F(CallBackHandlerTest, OfTwoRegistrationsOfOneSessionTheFirstIsServedFirst) {
