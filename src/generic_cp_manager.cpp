@@ -12,6 +12,7 @@
 #include "base/singleton.h"
 #include "src/device_type.h"
 #include "src/discovery_delivery.h"
+#include "src/event_delivery.h"
 #include "src/generic_cp_utils.h"
 #include "src/generic_host_callback.h"
 
@@ -193,8 +194,12 @@ int GenericCPManager::UnRegisterCP(int handle) {
     return CP_ERR_INVALID_PARAMS;
   }
   __TearDown(*info);
-  // A device event that was gathered before may be on its way to the host still.
-  if (!HostCallbackScope::Inside()) cp_discovery::WaitForDelivery();
+  // What was gathered before may be on its way to the host still: a device event, or the event in
+  // whose callback the host has ended the subscription.
+  if (!HostCallbackScope::Inside()) {
+    cp_discovery::WaitForDelivery();
+    cp_control::WaitForEvents();
+  }
   return CP_ERR_NONE;
 }
 

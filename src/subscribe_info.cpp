@@ -11,6 +11,7 @@
 
 #include "base/log.h"
 #include "base/timing.h"
+#include "src/event_delivery.h"
 #include "src/listener_hooks.h"
 
 namespace vex_upnp {
@@ -42,12 +43,14 @@ boost::shared_ptr<SubscribeInfoList> SubscribeInfoList::getInstance() {
   return instance_;
 }
 
-boost::shared_ptr<SubscribeInfoList> SubscribeInfoList::restart() {
-  {
-    boost::lock_guard<boost::mutex> lock(instance_mutex_);
-    ended_ = false;
-  }
-  return getInstance();
+boost::shared_ptr<SubscribeInfoList> SubscribeInfoList::existing() {
+  boost::lock_guard<boost::mutex> lock(instance_mutex_);
+  return instance_;
+}
+
+void SubscribeInfoList::restart() {
+  boost::lock_guard<boost::mutex> lock(instance_mutex_);
+  ended_ = false;
 }
 
 void SubscribeInfoList::terminate() {
@@ -182,6 +185,11 @@ bool SubscribeInfoList::AwaitSid(const std::string& sid) {
 
 void SubscribeInfoList::WaitForDelivery() {
   const boost::lock_guard<boost::recursive_mutex> wait(delivery_mutex);
+}
+
+void WaitForEvents() {
+  const boost::shared_ptr<SubscribeInfoList> list = SubscribeInfoList::existing();
+  if (list) list->WaitForDelivery();
 }
 
 }  // namespace cp_control

@@ -58,11 +58,12 @@ class SubscribeInfo : public VEXUncopyable {
   int quick_renewals = 0;
 };
 
-// The subscriptions of the process, with two locks. `mutex`, a leaf, guards the list and the fields
-// of its records; it is held across the sending of a request, which takes the locks of the network
-// layer, so that a fast answer finds its record. `delivery_mutex`, outer to it, is held while a
-// listener is told of an event or of an answer. Whoever must be sure that a listener is not called
-// any more takes its record out and then calls WaitForDelivery.
+// The subscriptions of the process, with two locks. `mutex` guards the list and the fields of its
+// records; it is held across the sending of a request, so that a fast answer finds its record, and
+// is therefore outer to the locks of the network layer and of the timers, and to no others.
+// `delivery_mutex`, outer to it, is held while a listener is told of an event or of an answer.
+// Whoever must be sure that a listener is not called any more takes its record out and then calls
+// WaitForDelivery.
 class SubscribeInfoList : public VEXUncopyable {
  public:
   using Pointer = boost::shared_ptr<SubscribeInfo>;
@@ -70,8 +71,10 @@ class SubscribeInfoList : public VEXUncopyable {
   // Makes the list on first use; null between the end of control and its next start, so that a
   // straggler cannot bring back what has been torn down.
   static boost::shared_ptr<SubscribeInfoList> getInstance();
-  // The same, and lets the next getInstance() work again after terminate().
-  static boost::shared_ptr<SubscribeInfoList> restart();
+  // The list if there is one.
+  static boost::shared_ptr<SubscribeInfoList> existing();
+  // Lets the next getInstance() work again after terminate().
+  static void restart();
   static void terminate();
 
   ~SubscribeInfoList() override;

@@ -198,9 +198,12 @@ TEST_F(GenericEvents, AnEventCallbackMayUnregisterItsControlPoint) {
 // One event held inside the host's callback, from here to Release or the end of the scope.
 class HeldEvent {
  public:
-  HeldEvent(ScriptedDevice& device, std::function<void()> on_release)
+  HeldEvent(
+      ScriptedDevice& device, std::function<void()> on_release,
+      const std::function<void()>& on_entry = [] {})
       : on_release_(std::move(on_release)) {
-    HostLog::OnEvent([this](const ToldEvent&) {
+    HostLog::OnEvent([this, on_entry](const ToldEvent&) {
+      on_entry();
       inside_ = true;
       WaitUntil([this] { return released_.load(); });
       on_release_();
@@ -322,6 +325,32 @@ TEST_F(GenericEvents, UnregisteringWaitsForAnEventThatAnotherThreadIsEnding) {
     second.join();
   }
   EXPECT_TRUE(left_before);
+}
+
+TEST_F(GenericEvents, UnregisteringWaitsForTheEventThatHasEndedItsOwnSubscription) {
+  ASSERT_EQ(0, Subscribe());
+  ExpectSubscribed();
+  std::atomic<bool> returned{false};
+  std::atomic<bool> returned_early{false};
+  std::thread host;
+  {
+    // The window in which nothing may happen.
+    HeldEvent event(
+        device_,
+        [&] {
+          returned_early =
+              WaitUntil([&] { return returned.load(); }, std::chrono::milliseconds(200));
+        },
+        [&] { EXPECT_EQ(0, Unsubscribe()); });
+    host = std::thread([&] {
+      EXPECT_EQ(0, UnRegisterCP(handle_));
+      returned = true;
+    });
+    EXPECT_TRUE(WaitUntil([&] { return RescanNetwork(handle_, nullptr) == 1; }));
+    event.Release();
+    host.join();
+  }
+  EXPECT_FALSE(returned_early);
 }
 
 TEST_F(GenericEvents, TheEndWaitsForARunningEventCallback) {

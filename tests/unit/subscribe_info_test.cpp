@@ -24,7 +24,10 @@ class SubscribeInfoListTest : public testing::Test {
  protected:
   using Pointer = SubscribeInfoList::Pointer;
 
-  void SetUp() override { list_ = SubscribeInfoList::restart(); }
+  void SetUp() override {
+    SubscribeInfoList::restart();
+    list_ = SubscribeInfoList::getInstance();
+  }
   void TearDown() override { SubscribeInfoList::terminate(); }
 
   Pointer Add() {
@@ -122,7 +125,8 @@ TEST_F(SubscribeInfoListTest, AnEndedListComesBackOnlyByRestart) {
   Add();
   SubscribeInfoList::terminate();
   EXPECT_FALSE(SubscribeInfoList::getInstance());
-  list_ = SubscribeInfoList::restart();
+  SubscribeInfoList::restart();
+  list_ = SubscribeInfoList::getInstance();
   ASSERT_TRUE(list_);
   EXPECT_EQ(1, Add()->handler_id);
 }
