@@ -71,6 +71,7 @@ class UseCountGuard {
 template <typename T, typename OnWait>
 void TerminateWhenIdle(boost::shared_ptr<T>& instance, boost::mutex& singleton_mutex,
                        UseCount T::*count, OnWait on_wait) {
+  const boost::this_thread::disable_interruption to_the_end;
   boost::shared_ptr<T> ended;
   boost::unique_lock<boost::mutex> lock(singleton_mutex);
   while (instance && !((*instance).*count).ShutDownWhenIdle()) {

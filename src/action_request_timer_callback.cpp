@@ -19,18 +19,13 @@ using log::kTagControl;
 
 constexpr int kTimeoutStatus = 500;
 
-// KEPT: its envelope's start tag lacks two blanks and so is misformed; hosts have always been given
-// it like this.
-const std::string& TimeoutFault() {
-  static const std::string fault = ActionTimeoutBody();
-  return fault;
-}
-
 }  // namespace
 
 boost::mutex& ActionRequestTimerCallback::instance_mutex_ = *new boost::mutex;
 boost::shared_ptr<ActionRequestTimerCallback>& ActionRequestTimerCallback::instance_ =
     *new boost::shared_ptr<ActionRequestTimerCallback>;
+
+ActionRequestTimerCallback::ActionRequestTimerCallback() : body_(ActionTimeoutBody()) {}
 
 boost::shared_ptr<ActionRequestTimerCallback> ActionRequestTimerCallback::GetInstance() {
   return GetOrCreateShared(instance_, instance_mutex_,
@@ -52,7 +47,7 @@ void ActionRequestTimerCallback::OnTimerExpired(int timer_id, void* arg) {
   const UseCountGuard inside(instance->use_count_);
   if (!inside.entered()) return;
   try {
-    __DeliverTimeout(action_id);
+    instance->__DeliverTimeout(action_id);
   } catch (...) {
     LogCurrentException(VEX_LOG_SITE, kLogMajor, kTagControl, "Exception: %s", "Unknown Exception");
   }
@@ -81,7 +76,7 @@ void ActionRequestTimerCallback::__DeliverTimeout(int action_id) {
     record->claimed = true;
   }
   // KEPT: as with the answer, a record that is claimed already gives a call with a null context.
-  DeliverResult(listener, action_id, kTimeoutStatus, TimeoutFault(), context);
+  DeliverResult(listener, action_id, kTimeoutStatus, body_, context);
   {
     boost::lock_guard<boost::mutex> lock(list->mutex);
     list->remove_by_action_id(action_id);

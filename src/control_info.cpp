@@ -1,8 +1,5 @@
 #include "src/control_info.h"
 
-#include <algorithm>
-#include <vector>
-
 #include <boost/thread/lock_guard.hpp>
 
 #include <vexupnpcp/network_layer.h>
@@ -61,12 +58,9 @@ boost::shared_ptr<ControlInfoList> ControlInfoList::getInstance() {
   return instance_;
 }
 
-boost::shared_ptr<ControlInfoList> ControlInfoList::restart() {
-  {
-    boost::lock_guard<boost::mutex> lock(instance_mutex_);
-    ended_ = false;
-  }
-  return getInstance();
+void ControlInfoList::restart() {
+  boost::lock_guard<boost::mutex> lock(instance_mutex_);
+  ended_ = false;
 }
 
 void ControlInfoList::terminate() {
@@ -108,14 +102,9 @@ ControlInfoList::Pointer ControlInfoList::remove_by_action_id(int action_id) {
 }
 
 void ControlInfoList::cancel_control_actions() {
-  std::vector<int> open;
-  {
-    boost::lock_guard<boost::mutex> lock(mutex);
-    closed_ = true;
-    open.reserve(actions_.size());
-    for (const Pointer& record : actions_) open.push_back(record->action_id);
-  }
-  for (const int action_id : open) network_layer::CancelTCPHTTPPacket(action_id);
+  boost::lock_guard<boost::mutex> lock(mutex);
+  closed_ = true;
+  for (const Pointer& record : actions_) network_layer::CancelTCPHTTPPacket(record->action_id);
 }
 
 }  // namespace cp_control

@@ -47,9 +47,9 @@ void GiveContextBack(ControlInfo& record);
 // Cancels a time-out and frees its argument. Waits if the time-out is running on another thread.
 void CancelActionTimer(int timer_id);
 
-// The open actions of the process. A leaf mutex guards the list; whoever calls the operations
-// marked so holds it. It is held across the sending of a POST, which takes the locks of the network
-// layer: a fast answer must find its record.
+// The open actions of the process. A mutex guards the list; whoever calls the operations marked so
+// holds it. It is held across the sending of a POST, so that a fast answer finds its record, and is
+// therefore outer to the locks of the network layer and of the timers, and to no others.
 class ControlInfoList : public VEXUncopyable {
  public:
   using Pointer = boost::shared_ptr<ControlInfo>;
@@ -57,8 +57,8 @@ class ControlInfoList : public VEXUncopyable {
   // Makes the list on first use; null between the end of control and its next start, so that a
   // straggler cannot bring back what has been torn down.
   static boost::shared_ptr<ControlInfoList> getInstance();
-  // The same, and lets the next getInstance() work again after terminate().
-  static boost::shared_ptr<ControlInfoList> restart();
+  // Lets the next getInstance() work again after terminate().
+  static void restart();
   // Drops all entries; neither a result nor DeleteContext follows for them.
   static void terminate();
 

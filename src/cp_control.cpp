@@ -28,17 +28,22 @@ void LogThrown(const LogSite& site) {
 
 }  // namespace
 
-void Initialize() try {
+void Initialize() {
   ControlInfoList::restart();
   SubscribeInfoList::restart();
-  SubscribeResponseCallback::GetInstance();
-  SubscribeRequestor::GetInstance();
-  UnsubscribeRequestor::GetInstance();
-  EventCallback::GetInstance();
-  ActionRequestTimerCallback::GetInstance();
-  ResubscribeTimerCallback::GetInstance();
-} catch (...) {
-  LogThrown(VEX_LOG_SITE);
+  try {
+    ControlInfoList::getInstance();
+    SubscribeInfoList::getInstance();
+    SubscribeResponseCallback::GetInstance();
+    SubscribeRequestor::GetInstance();
+    UnsubscribeRequestor::GetInstance();
+    EventCallback::GetInstance();
+    ActionRequestTimerCallback::GetInstance();
+    ResubscribeTimerCallback::GetInstance();
+  } catch (...) {
+    // What is left out is made where it is first needed.
+    LogThrown(VEX_LOG_SITE);
+  }
 }
 
 // KEPT: an action that is still open gets neither a result nor its context back; whoever wants that

@@ -18,6 +18,7 @@
 #include "src/control_response_callback.h"
 #include "tests/support/control_peer.h"
 #include "tests/support/control_stack.h"
+#include "tests/support/fail_alloc.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/timing_scaled.h"
 #include "tests/support/wait_until.h"
@@ -310,6 +311,22 @@ TEST_F(ControlActions, ALateAnswerToATimedOutActionIsSilence) {
   ASSERT_TRUE(WaitForResults(2));
   EXPECT_EQ(kTimeoutFault, log_.Results()[0].body);
   EXPECT_EQ(kTimeoutFault, log_.Results()[1].body);
+}
+
+TEST_F(ControlActions, ATimeOutEndsItsActionWithoutMemoryToo) {
+  constexpr std::size_t kActions = 20;
+  const FasterTime faster(100);
+  RunPeer([](const PeerRequest&) { return vex_test::Silence(); });
+  for (std::size_t i = 0; i < kActions; ++i) {
+    int id = 0;
+    ASSERT_EQ(0, Send(*peer_, log_, &context_, id));
+  }
+  {
+    const vex_test::FailOnLibraryThreads every_other(2, 1);
+    ASSERT_TRUE(WaitForResults(kActions));
+  }
+  EXPECT_EQ(kTimeoutFault, log_.Results()[0].body);
+  EXPECT_EQ(&context_, log_.Results()[0].context);
 }
 
 TEST_F(ControlActions, AnAnswerForAnUnknownSessionIsLoggedOnly) {

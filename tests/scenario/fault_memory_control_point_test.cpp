@@ -14,6 +14,7 @@
 #include <vexupnpcp/generic_cp.h>
 #include <vexupnpcp/result_codes.h>
 
+#include "tests/support/control_peer.h"
 #include "tests/support/control_stack.h"
 #include "tests/support/host_rig.h"
 #include "tests/support/memory_table.h"
@@ -445,6 +446,11 @@ TEST(FaultMemoryLife, Control) {
         "HTTP/1.1 200 OK\r\nSID: uuid:s1\r\nTIMEOUT: Second-1800\r\n"
         "CONTENT-LENGTH: 0\r\n\r\n");
   });
+  vex_test::ControlPeer quick(vex_test::kDeviceAddress, 0, [](const vex_test::PeerRequest&) {
+    return vex_test::Text(
+        "HTTP/1.1 200 OK\r\nSID: uuid:s2\r\nTIMEOUT: Second-0\r\n"
+        "CONTENT-LENGTH: 0\r\n\r\n");
+  });
   vex_test::ControlStack stack;
   stack.TerminateControl();
   FailEach(
@@ -453,18 +459,32 @@ TEST(FaultMemoryLife, Control) {
         control::Initialize();
         return 0;
       },
-      Row({}, [](int) { control::Terminate(); }));
-  control::Initialize();
+      Row({}, [&](int) {
+        // All the same it renews what is subscribed.
+        const int before = quick.Count();
+        int handler = 0;
+        EXPECT_EQ(0, control::Subscribe("uuid:1", quick.HostLine(), kAgent, stack.CallbackUrl(),
+                                        quick.Url("/event"), &events, handler));
+        EXPECT_TRUE(WaitUntil([&] { return quick.Count() > before + 1; }));
+        control::Terminate();
+      }));
+  vex_test::ControlPeer mute(vex_test::kDeviceAddress, 0,
+                             [](const vex_test::PeerRequest&) { return vex_test::Silence(); });
+  const auto begin = [&](int) {
+    control::Terminate();
+    control::Initialize();
+    int action = 0;
+    EXPECT_EQ(0, control::SendAction("uuid:1", mute.HostLine(), kAgent, mute.Url("/control"),
+                                     kAgent, kAgent, &actions, nullptr, action));
+  };
+  begin(0);
   FailEach(
       "vex_upnp::cp_control::Terminate",
       [] {
         control::Terminate();
         return 0;
       },
-      Row({}, [](int) {
-        control::Terminate();
-        control::Initialize();
-      }));
+      Row({}, begin));
   const std::string agent = kAgent;
   std::string text;
   FailEach("vex_upnp::cp_control::SetDefaultUserAgent",

@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 
+#include <atomic>
 #include <climits>
 #include <string>
 #include <vector>
@@ -14,6 +15,7 @@
 #include "base/port_search.h"
 #include "base/use_count.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/wait_until.h"
 
 namespace vex_upnp {
 namespace {
@@ -124,6 +126,29 @@ TEST(UseCount, RefusesAfterShutDown) {
     EXPECT_FALSE(late.entered());
   }
   EXPECT_EQ(-1, count.value());
+}
+
+struct Counted {
+  UseCount count;
+};
+
+TEST(UseCount, AnInterruptedThreadEndsTheListenerAllTheSame) {
+  boost::shared_ptr<Counted> instance(new Counted);
+  boost::mutex mutex;
+  std::atomic<bool> waited{false};
+  ASSERT_EQ(0, instance->count.Increment());
+  boost::thread host([&] {
+    TerminateWhenIdle(instance, mutex, &Counted::count, [&](Counted&) { waited = true; });
+  });
+  host.interrupt();
+  ASSERT_TRUE(vex_test::WaitUntil([&] { return waited.load(); }));
+  {
+    boost::lock_guard<boost::mutex> lock(mutex);
+    ASSERT_TRUE(instance);
+    instance->count.Decrement();
+  }
+  host.join();
+  EXPECT_FALSE(instance);
 }
 
 TEST(IoThreads, NamesAreSetWhenTheStarterReturns) {

@@ -28,7 +28,10 @@ constexpr int kFirstId = 1000000001;
 
 class ControlInfoListTest : public testing::Test {
  protected:
-  void SetUp() override { list_ = ControlInfoList::restart(); }
+  void SetUp() override {
+    ControlInfoList::restart();
+    list_ = ControlInfoList::getInstance();
+  }
   void TearDown() override { ControlInfoList::terminate(); }
 
   ControlInfoList::Pointer Add(int id) {
@@ -102,7 +105,8 @@ TEST_F(ControlInfoListTest, AnEndedListComesBackOnlyByRestart) {
   EXPECT_FALSE(Get(kFirstId));
   EXPECT_FALSE(Add(kFirstId));
   EXPECT_TRUE(listener_.given_back.empty());
-  EXPECT_TRUE(ControlInfoList::restart());
+  ControlInfoList::restart();
+  EXPECT_TRUE(ControlInfoList::getInstance());
   EXPECT_TRUE(ControlInfoList::getInstance());
 }
 
