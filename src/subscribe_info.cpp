@@ -147,15 +147,25 @@ void SubscribeInfoList::AnswerHandled(int session_id) {
 std::vector<int> SubscribeInfoList::__AnswersInHand() const {
   std::vector<int> sessions;
   for (const Pointer& record : subscriptions_) {
-    if (record->answered_session_id != 0) {
-      sessions.push_back(record->answered_session_id);
-    } else if (record->answer_timer_id != 0 &&
-               network_layer::HasAnswerBegun(record->nwsession_id)) {
-      // No answer can be announced while the list is locked, so none is missed.
-      sessions.push_back(record->nwsession_id);
+    const bool announced = record->answered_session_id != 0;
+    const int session_id = announced ? record->answered_session_id : record->nwsession_id;
+    if (session_id == record->awaited_session_id) continue;
+    // No answer can be announced while the list is locked, so none is missed.
+    if (announced || (record->answer_timer_id != 0 && network_layer::HasAnswerBegun(session_id))) {
+      sessions.push_back(session_id);
     }
   }
   return sessions;
+}
+
+void SubscribeInfoList::__NoteAwaited(const std::vector<int>& sessions) {
+  for (const Pointer& record : subscriptions_) {
+    for (const int session_id : sessions) {
+      if (session_id == record->answered_session_id || session_id == record->nwsession_id) {
+        record->awaited_session_id = session_id;
+      }
+    }
+  }
 }
 
 bool SubscribeInfoList::__AnyInHand(const std::vector<int>& sessions) const {
@@ -178,7 +188,10 @@ bool SubscribeInfoList::AwaitSid(const std::string& sid) {
   const auto end = boost::chrono::steady_clock::now() +
                    boost::chrono::milliseconds(timing::Scaled(timing::kSubscribeAnswerWaitMs));
   while (!closed_ && __AnyInHand(sessions)) {
-    if (answers_changed_.wait_until(lock, end) == boost::cv_status::timeout) break;
+    if (answers_changed_.wait_until(lock, end) == boost::cv_status::timeout) {
+      __NoteAwaited(sessions);
+      break;
+    }
   }
   return get_by_sid(sid) != nullptr;
 }

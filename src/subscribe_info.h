@@ -54,6 +54,8 @@ class SubscribeInfo : public VEXUncopyable {
   int answer_timer_id = 0;
   // The session whose answer waits for its turn or is being handled, else 0.
   int answered_session_id = 0;
+  // The session for whose answer an event has waited in vain; no other event waits for it.
+  int awaited_session_id = 0;
   // Renewals in a row that the device asked for at once.
   int quick_renewals = 0;
 };
@@ -106,7 +108,8 @@ class SubscribeInfoList : public VEXUncopyable {
   // Whether a record has this SID. When none has, the answer that brings it may have reached this
   // host a moment before the event that asks: waits until the answers that have come by now are
   // handled, for a second at most, and looks again. Both looks and the wait are one step, so that
-  // no answer can be handled between them unseen.
+  // no answer can be handled between them unseen. An answer that stays in hand for longer, such as
+  // one that comes byte by byte, is waited for only once: the threads for events are few.
   bool AwaitSid(const std::string& sid);
 
   // When it has returned, no delivery that had begun before runs on another thread.
@@ -123,6 +126,7 @@ class SubscribeInfoList : public VEXUncopyable {
   // The sessions whose answers have come and are not handled to their end.
   std::vector<int> __AnswersInHand() const VEX_REQUIRES(mutex);
   bool __AnyInHand(const std::vector<int>& sessions) const VEX_REQUIRES(mutex);
+  void __NoteAwaited(const std::vector<int>& sessions) VEX_REQUIRES(mutex);
 
   std::list<Pointer> subscriptions_ VEX_GUARDED_BY(mutex);
   int last_handler_id_ VEX_GUARDED_BY(mutex) = 0;

@@ -251,6 +251,32 @@ TEST_F(AwaitSidTest, TheWaitEndsAfterASecond) {
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(50));
 }
 
+TEST_F(AwaitSidTest, AnAnswerThatStaysInHandIsWaitedForOnce) {
+  const Pointer record = AddInFlight(kSession);
+  list_->AnswerArrived(kSession);
+  {
+    const vex_test::FasterTime faster(20);
+    EXPECT_FALSE(list_->AwaitSid(kSid));
+  }
+  {
+    const vex_test::SlowerTime slower(20);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(list_->AwaitSid(kSid));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+  }
+  // Another answer has a wait of its own.
+  list_->AnswerHandled(kSession);
+  {
+    boost::lock_guard<boost::mutex> lock(list_->mutex);
+    record->nwsession_id = kSession + 1;
+  }
+  list_->AnswerArrived(kSession + 1);
+  StartWait();
+  HandleAnswer(record, kSession + 1);
+  waiter_.join();
+  EXPECT_TRUE(found_);
+}
+
 // An answer whose handling ended between a look for the SID and a look at the answers in hand was
 // missed, and its first event refused. Each round meets the look-up a little later.
 TEST_F(AwaitSidTest, RegressionAnAnswerHandledAtAnyMomentIsSeen) {
