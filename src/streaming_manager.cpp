@@ -27,6 +27,8 @@ namespace streaming {
 using log::kTagStreaming;
 using network_layer::NetInfo;
 using ServerLock = boost::lock_guard<boost::recursive_mutex>;
+// Taken inside the other one for every change of what it guards.
+using ServerViewLock = boost::lock_guard<boost::mutex>;
 
 namespace {
 
@@ -41,9 +43,10 @@ boost::mutex& StreamingManager::m_singleton_mutex_ = *new boost::mutex;
 boost::shared_ptr<StreamingManager>& StreamingManager::m_instance_ =
     *new boost::shared_ptr<StreamingManager>;
 std::atomic<int> StreamingManager::ref_count_{0};
-boost::recursive_mutex StreamingManager::m_server_list_mutex_;
-boost::mutex StreamingManager::m_sync_client_list_mutex_;
-boost::mutex StreamingManager::m_client_list_mutex_;
+boost::recursive_mutex& StreamingManager::m_server_list_mutex_ = *new boost::recursive_mutex;
+boost::mutex& StreamingManager::m_server_view_mutex_ = *new boost::mutex;
+boost::mutex& StreamingManager::m_sync_client_list_mutex_ = *new boost::mutex;
+boost::mutex& StreamingManager::m_client_list_mutex_ = *new boost::mutex;
 
 configuration_server_info::~configuration_server_info() {
   for (const boost::shared_ptr<TCPServer>& server : servers) server->Stop();
@@ -117,6 +120,7 @@ void StreamingManager::__StopStreaming() {
   std::list<Configuration> configurations;
   {
     ServerLock lock(m_server_list_mutex_);
+    ServerViewLock view(m_server_view_mutex_);
     configurations.swap(m_configurations_);
   }
   configurations.clear();
@@ -241,7 +245,7 @@ int StreamingManager::__StartOnAll(const ServerAppCallbacks* callbacks, int port
   if (!copy) return result::kStreamingOutOfMemory;
   const Configuration configuration(
       new configuration_server_info(m_configuration_id_, kAllInterfaces, port, copy.release()));
-  m_configurations_.push_back(configuration);
+  __AddConfiguration(configuration);
   *configuration_id = m_configuration_id_++;
   _CreateServerOnAllNWInterfaces(configuration, servers);
   return result::kOk;
@@ -258,7 +262,7 @@ void StreamingManager::_CreateServerOnAllNWInterfaces(const Configuration& confi
     if (server->Start(port) != result::kOk) continue;
     AddServerInfo(m_server_id_, interface.ip_address, interface.name, port, servers);
     ++m_server_id_;
-    configuration->servers.push_back(server);
+    __AddServer(*configuration, server);
   }
 }
 
@@ -279,13 +283,24 @@ int StreamingManager::__StartOnInterface(const ServerAppCallbacks* callbacks, co
   const Configuration configuration(
       new configuration_server_info(m_configuration_id_, interface.name, port, copy.release()));
   configuration->servers.push_back(server);
-  m_configurations_.push_back(configuration);
+  __AddConfiguration(configuration);
   AddServerInfo(m_server_id_, ip, interface.name, bound, servers);
   VEX_LOG(kLogMajor, kTagStreaming, "Server started on interface %s @759", ip.c_str());
   *configuration_id = m_configuration_id_;
   ++m_configuration_id_;
   ++m_server_id_;
   return result::kOk;
+}
+
+void StreamingManager::__AddConfiguration(const Configuration& configuration) {
+  ServerViewLock view(m_server_view_mutex_);
+  m_configurations_.push_back(configuration);
+}
+
+void StreamingManager::__AddServer(configuration_server_info& configuration,
+                                   const boost::shared_ptr<TCPServer>& server) {
+  ServerViewLock view(m_server_view_mutex_);
+  configuration.servers.push_back(server);
 }
 
 boost::shared_ptr<TCPServer> StreamingManager::GetServer(int server_id) {
@@ -341,6 +356,7 @@ int StreamingManager::StopServers(int configuration_id) {
                                   });
   if (found == m_configurations_.end()) return result::kStreamingNoServer;
   stopped = *found;
+  ServerViewLock view(m_server_view_mutex_);
   m_configurations_.erase(found);
   return result::kOk;
 }
@@ -472,6 +488,26 @@ int StreamingManager::SendHTTPPayload(int id, int session_id, void* data, unsign
   return result::kStreamingNoServer;
 }
 
+// Looks through the leaf only: discovery asks in the middle of a search, which a host may be
+// waiting for in the on_status that the outer lock is held over.
+bool StreamingManager::__AppendServedPeers(stRunningSession*& head, stRunningSession*& tail) {
+  try {
+    std::vector<boost::shared_ptr<TCPServer>> servers;
+    {
+      ServerViewLock view(m_server_view_mutex_);
+      for (const Configuration& configuration : m_configurations_) {
+        servers.insert(servers.end(), configuration->servers.begin(), configuration->servers.end());
+      }
+    }
+    return std::all_of(servers.begin(), servers.end(),
+                       [&](const boost::shared_ptr<TCPServer>& server) {
+                         return server->GetAllConnectedDeviceInfo(head, tail) == result::kOk;
+                       });
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+}
+
 int StreamingManager::GetRunningSessionInfo(stRunningSession** sessions) {
   stRunningSession* head = nullptr;
   stRunningSession* tail = nullptr;
@@ -490,19 +526,7 @@ int StreamingManager::GetRunningSessionInfo(stRunningSession** sessions) {
     entry->type = 1;
     AppendNode(head, tail, entry.release());
   }
-  if (complete) {
-    ServerLock lock(m_server_list_mutex_);
-    try {
-      for (const Configuration& configuration : m_configurations_) {
-        for (const boost::shared_ptr<TCPServer>& server : configuration->servers) {
-          // NOLINTNEXTLINE(bugprone-redundant-branch-condition): an earlier server may have failed.
-          if (complete) complete = server->GetAllConnectedDeviceInfo(head, tail) == result::kOk;
-        }
-      }
-    } catch (const std::bad_alloc&) {
-      complete = false;
-    }
-  }
+  if (complete) complete = __AppendServedPeers(head, tail);
   if (!complete) {
     FreeRunningSession(head);
     return result::kFailure;
@@ -539,6 +563,7 @@ void StreamingManager::StopStreamingServers(const std::string& interface) {
       VEX_LOG(kLogMajor, kTagStreaming, "Sending Network Notification to profile");
       configuration->callbacks->on_status(server->GetServerId(), 0, STREAMING_SERVER_STOPPED);
       server->Stop();
+      ServerViewLock view(m_server_view_mutex_);
       configuration->servers.remove(server);
     }
   }
@@ -571,7 +596,7 @@ void StreamingManager::ConfigureStreamingServers(const std::string& interface,
       VEX_LOG(kLogMajor, kTagStreaming, "Not able to start TCP on interface %s", ip.c_str());
       continue;
     }
-    configuration->servers.push_back(server);
+    __AddServer(*configuration, server);
     configuration->callbacks->on_status(server_id, 0, STREAMING_SERVER_STARTED);
   }
 }

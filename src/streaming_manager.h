@@ -114,6 +114,10 @@ class StreamingManager : public network_layer::NetworkEventListener, public VEXU
                                             int port);
   static bool _IsServerRunning(const configuration_server_info& configuration,
                                const std::string& interface);
+  void __AddConfiguration(const Configuration& configuration);
+  static void __AddServer(configuration_server_info& configuration,
+                          const boost::shared_ptr<TCPServer>& server);
+  bool __AppendServedPeers(stRunningSession*& head, stRunningSession*& tail);
   void StopStreamingServers(const std::string& interface);
   void ConfigureStreamingServers(const std::string& interface, const std::string& ip);
   int __NextClientId() VEX_REQUIRES(m_client_list_mutex_);
@@ -128,10 +132,13 @@ class StreamingManager : public network_layer::NetworkEventListener, public VEXU
   static std::atomic<int> ref_count_;
   // Held over on_status of a server's start or stop only; recursive, so that the callback may call
   // server functions. Guards the configurations and both counters.
-  static boost::recursive_mutex m_server_list_mutex_;
+  static boost::recursive_mutex& m_server_list_mutex_;
+  // A leaf inside it, taken as well for every change of the configurations and their servers:
+  // enough for a look at them that must not wait for a host.
+  static boost::mutex& m_server_view_mutex_;
   // Leaves. Where both are taken, the sync clients' comes first.
-  static boost::mutex m_sync_client_list_mutex_;
-  static boost::mutex m_client_list_mutex_;
+  static boost::mutex& m_sync_client_list_mutex_;
+  static boost::mutex& m_client_list_mutex_;
 
   // Set before the instance is shown, taken by the one who takes the instance out.
   bool m_listener_registered_ = false;

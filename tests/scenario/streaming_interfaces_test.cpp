@@ -6,6 +6,7 @@
 #include <atomic>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <vexupnpcp/networkmonitor.h>
@@ -15,6 +16,7 @@
 #include <sys/socket.h>
 
 #include "src/streaming_manager.h"
+#include "tests/support/host_rig.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/media_host.h"
 #include "tests/support/network_run.h"
@@ -156,6 +158,34 @@ TEST_F(StreamingInterfaces, AnAddressStartsOneServerAndTheNextCallAnother) {
   EXPECT_EQ(result::kStreamingNoServer, StopServers(101));
   EXPECT_EQ("not connected", Ask(kLan1, kPort + 1));
   EXPECT_EQ(kOkHeader, Ask(kLan1, kPort));
+}
+
+// A search looks at what streams. A host that waited in its callback for discovery, whose thread
+// was in a search, waited for ever.
+TEST_F(StreamingInterfaces, RegressionWhatStreamsCanBeSeenWhileAHostIsToldOfAServer) {
+  const vex_test::Watchdog watchdog(60);
+  Monitor({"lan0", "lan1"});
+  ASSERT_EQ(result::kOk, Start(nullptr));
+  host_.DoOnRequest(nullptr);
+  TcpClient peer(kLan0, kPort);
+  ASSERT_TRUE(peer.Send(kGet));
+  const auto streams = [] {
+    stRunningSession* sessions = nullptr;
+    EXPECT_EQ(result::kOk, GetRunningSessionInfo(&sessions));
+    const bool any = sessions != nullptr;
+    FreeRunningSession(sessions);
+    return any;
+  };
+  ASSERT_TRUE(WaitUntil(streams));
+  std::atomic<int> seen{0};
+  host_.DoOnStatus([&](int, int, int code) {
+    if (code != STREAMING_SERVER_STOPPED) return;
+    std::thread search([&] { seen = streams() ? 1 : 0; });
+    search.join();
+  });
+  const vex_test::ScopedLinkDown down("lan1");
+  ASSERT_TRUE(host_.Await(Told(1001, STREAMING_SERVER_STOPPED)));
+  EXPECT_TRUE(WaitUntil([&] { return seen == 1; }));
 }
 
 TEST_F(StreamingInterfaces, OneHundredPortsAreTriedAndNoMore) {
