@@ -2,6 +2,7 @@
 #define VEXUPNPCP_SRC_NETWORKINTERFACE_H_
 
 #include <atomic>
+#include <list>
 #include <string>
 #include <vector>
 
@@ -110,6 +111,7 @@ class NetworkInterface : public VEXUncopyable,
   bool __IsSelected(const std::string& name);
   bool __IsAvailable(const std::string& name);
   void __CheckRemovedInterface(const std::vector<NetInfo>& found);
+  void __TellLosses();
   Known __CheckAvailableNetworkInterfaces(const std::vector<NetInfo>& found,
                                           const std::string& name, const std::string& ip);
   void __TakeOverNewInterface(const NetInfo& info);
@@ -142,6 +144,8 @@ class NetworkInterface : public VEXUncopyable,
   boost::mutex available_mutex_;
   // In order of discovery.
   std::vector<NetInfo> available_net_interfaces_ VEX_GUARDED_BY(available_mutex_);
+  // Selected ones that have left the record and whose end could not be told yet.
+  std::list<std::string> untold_losses_ VEX_GUARDED_BY(available_mutex_);
   boost::mutex selected_mutex_;
   // In order of selection.
   std::vector<std::string> selected_net_interfaces_ VEX_GUARDED_BY(selected_mutex_);

@@ -1,6 +1,7 @@
 // How differences between scans, and reports of the host, become events.
 
 #include <algorithm>
+#include <list>
 
 #include <boost/make_shared.hpp>
 #include <boost/thread/exceptions.hpp>
@@ -137,21 +138,45 @@ void NetworkInterface::ScanAvailableNetworkInterface(std::vector<NetInfo>& found
 
 void NetworkInterface::__CheckRemovedInterface(const std::vector<NetInfo>& found) {
   const std::vector<std::string> selected = GetSelectedNetworkInterfaces();
-  std::vector<std::string> lost;
+  const auto gone = [&](const NetInfo& known) {
+    return !known.name.empty() && !HasName(found, known.name);
+  };
   {
     boost::lock_guard<boost::mutex> lock(available_mutex_);
-    const auto gone = [&](const NetInfo& known) {
-      if (known.name.empty() || HasName(found, known.name)) return false;
+    // Noted before any of them leaves the record: without memory all stay for the next look.
+    std::list<std::string> lost;
+    for (const NetInfo& known : available_net_interfaces_) {
+      if (!gone(known)) continue;
       if (std::find(selected.begin(), selected.end(), known.name) != selected.end()) {
         lost.push_back(known.name);
       }
-      return true;
-    };
+    }
+    untold_losses_.splice(untold_losses_.end(), lost);
     available_net_interfaces_.erase(
         std::remove_if(available_net_interfaces_.begin(), available_net_interfaces_.end(), gone),
         available_net_interfaces_.end());
   }
-  for (const std::string& name : lost) NotifyNICIfEvent(NIC_REMOVED, name);
+  __TellLosses();
+}
+
+// One that could not be told waits for the next look, unless it is there again by then.
+void NetworkInterface::__TellLosses() {
+  std::list<std::string> losses;
+  {
+    boost::lock_guard<boost::mutex> lock(available_mutex_);
+    losses.swap(untold_losses_);
+  }
+  while (!losses.empty()) {
+    std::list<std::string> loss;
+    loss.splice(loss.end(), losses, losses.begin());
+    try {
+      if (!__IsAvailable(loss.front())) NotifyNICIfEvent(NIC_REMOVED, loss.front());
+    } catch (...) {
+      LogCurrentException(VEX_LOG_SITE, kLogMajor, kTag, "Exception: %s", "Unknown Exception");
+      boost::lock_guard<boost::mutex> lock(available_mutex_);
+      untold_losses_.splice(untold_losses_.end(), loss);
+    }
+  }
 }
 
 NetworkInterface::Known NetworkInterface::__CheckAvailableNetworkInterfaces(
@@ -322,6 +347,7 @@ int NetworkInterface::NotifyNICRemoved(const std::string& name) {
     VEX_LOG(kLogMajor, kTag, "Invalid Params!!!");
     return result::kFailure;
   }
+  std::list<std::string> loss(1, name);
   int erased = result::kOk;
   {
     boost::lock_guard<boost::mutex> lock(available_mutex_);
@@ -331,7 +357,14 @@ int NetworkInterface::NotifyNICRemoved(const std::string& name) {
     VEX_LOG(kLogStep, kTag, "Interface [%s] is already removed!!", name.c_str());
     return result::kOk;
   }
-  if (__IsSelected(name)) NotifyNICIfEvent(NIC_REMOVED, name);
+  if (!__IsSelected(name)) return result::kOk;
+  try {
+    NotifyNICIfEvent(NIC_REMOVED, name);
+  } catch (...) {
+    boost::lock_guard<boost::mutex> lock(available_mutex_);
+    untold_losses_.splice(untold_losses_.end(), loss);
+    throw;
+  }
   return result::kOk;
 }
 

@@ -4,10 +4,14 @@
 
 #include <atomic>
 #include <future>
+#include <new>
+#include <string>
+#include <vector>
 
 #include <vexupnpcp/networkmonitor.h>
 #include <vexupnpcp/result_codes.h>
 
+#include "tests/support/fail_alloc.h"
 #include "tests/support/interface_recorder.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/process_state.h"
@@ -255,6 +259,43 @@ TEST_F(NetworkInterfaceTest, RemovalsComeBeforeAdditions) {
   EXPECT_THAT(EventsOf(recorder),
               ElementsAre(Pair("a", NIC_ADDED), Pair("b", NIC_ADDED), Pair("a", NIC_REMOVED),
                           Pair("b", NIC_REMOVED), Pair("c", NIC_ADDED)));
+}
+
+// All left the record before the first was told, and what threw there left the others untold for
+// ever, with their servers running.
+TEST_F(NetworkInterfaceTest, RegressionWithoutMemoryALossIsToldAtTheNextLook) {
+  const std::vector<NetInfo> three = {Info("a", "10.0.0.1"), Info("b", "10.0.1.1"),
+                                      Info("c", "10.0.2.1")};
+  for (const NetInfo& info : three) registry_->SelectNetworkInterface(info.name);
+  for (const bool reported : {false, true}) {
+    SCOPED_TRACE(reported);
+    bool failed = true;
+    int nth = 0;
+    while (failed) {
+      Found(three);
+      InterfaceRecorder recorder;
+      {
+        const vex_test::FailAlloc fail(++nth);
+        try {
+          std::vector<NetInfo> none;
+          if (reported) {
+            NotifyNICRemoved("a");
+          } else {
+            registry_->ScanAvailableNetworkInterface(none);
+          }
+        } catch (const std::bad_alloc&) {
+        }
+        failed = fail.Failed();
+      }
+      Found({});
+      const auto events = EventsOf(recorder);
+      for (const NetInfo& info : three) {
+        EXPECT_THAT(events, testing::Contains(Pair(info.name, NIC_REMOVED))) << nth;
+      }
+      EXPECT_THAT(Available(), IsEmpty());
+    }
+    EXPECT_GT(nth, 2);
+  }
 }
 
 TEST_F(NetworkInterfaceTest, EntriesWithoutNameOrAddressAreNotTakenOver) {
