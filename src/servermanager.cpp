@@ -1,5 +1,6 @@
 #include "src/servermanager.h"
 
+#include <algorithm>
 #include <iterator>
 
 #include <boost/pointer_cast.hpp>
@@ -546,8 +547,15 @@ bool ServerManager::SendFromUdpServer(const std::string& local_ip, const udp::en
       if (server && server->GetIP() == local_ip) servers.push_back(server);
     }
   }
+  // Of several the last one counts.
+  std::reverse(servers.begin(), servers.end());
   for (const boost::shared_ptr<UDPServer>& server : servers) {
     if (server->SendTo(to, data, error)) return true;
+    if (error == boost::asio::error::would_block) {
+      // Its socket has no room. One of the caller's own, on the same port, may wait for some.
+      error.clear();
+      return false;
+    }
   }
   return false;
 }

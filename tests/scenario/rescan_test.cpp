@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 
+#include <cerrno>
 #include <chrono>
 #include <string>
 #include <vector>
@@ -11,12 +12,14 @@
 
 #include <vexupnpcp/cp_discovery.h>
 #include <vexupnpcp/network_layer.h>
+#include <vexupnpcp/timer.h>
 
 #include "src/cp_discovery_manager.h"
 #include "src/cp_network_state_listener.h"
 #include "src/device_list.h"
 #include "tests/support/discovery_rig.h"
 #include "tests/support/fail_alloc.h"
+#include "tests/support/fail_calls.h"
 #include "tests/support/fake_device.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/ssdp_peer.h"
@@ -122,6 +125,31 @@ TEST_F(Search, AnswersComeBackToThePortOfTheUdpServer) {
       search.sender_ip, search.sender_port);
   ASSERT_TRUE(HasEvents(1));
   EXPECT_THAT(DiscoveryRig::EventLog(), ElementsAre("+uuid:a+lan0"));
+}
+
+// The server's socket never waits, and a search that found it full failed.
+TEST_F(Search, RegressionASearchThatFindsTheServersSocketFullGoesOutAllTheSame) {
+  const int port = DescriptionServer("10.77.0.1").port();
+  ASSERT_EQ(0, network_layer::ConfigureUDPServer(port, true));
+  const vex_test::FailCalls full(vex_test::SystemCall::kSend, EAGAIN, 1, 1);
+  EXPECT_EQ(0, CPDiscoveryManager::GetInstance()->Rescan(kMediaServer));
+  EXPECT_EQ(1, full.Failed());
+  ASSERT_TRUE(WaitUntil([&] { return watcher_.Count(SearchFor(kMediaServer)) == 2; }));
+  for (const auto& search : watcher_.Received()) EXPECT_EQ(port, search.sender_port);
+}
+
+// Without the timer of its check it stood in the way of the next one for ever.
+TEST_F(Search, RegressionASearchThatFindsNoTimerStandsInNobodysWay) {
+  const int port = DescriptionServer("10.77.0.1").port();
+  ASSERT_EQ(0, network_layer::ConfigureUDPServer(port, true));
+  utils::Timer::TerminateManager();
+  const auto manager = CPDiscoveryManager::GetInstance();
+  {
+    const vex_test::NoDescriptors none;
+    EXPECT_EQ(1, manager->Rescan(kMediaServer));
+  }
+  EXPECT_EQ(0, manager->Rescan(kMediaServer));
+  EXPECT_TRUE(WaitUntil([&] { return watcher_.Count(SearchFor(kMediaServer)) == 4; }));
 }
 
 TEST_F(Search, AnnouncementsToTheGroupAreHeard) {

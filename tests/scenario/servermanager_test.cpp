@@ -254,6 +254,18 @@ TEST_F(ServerManagerTest, TcpServerThatFailsOnTheSecondInterfaceKeepsTheFirst) {
   EXPECT_THAT(TcpPorts(), ElementsAre("10.78.0.1:5600/5600@sv0"));
 }
 
+TEST_F(ServerManagerTest, TcpServerThatFailsOnANewInterfaceDoesNotEndTheWalk) {
+  EXPECT_EQ(0, manager_->ConfigureTcpServer(5700, true));
+  EXPECT_EQ(0, manager_->ConfigureTcpServer(5900, true));
+  const vex_test::HeldPorts held(SOCK_STREAM, "10.78.0.1", 5700, 100);
+  ASSERT_TRUE(held.all());
+  vex_test::LogCapture log;
+  Select("sv0");
+  EXPECT_EQ(1, log.Count(16, kTag, "Not able to start TCP on interface."));
+  EXPECT_EQ(1, log.Count(2, kTag, "Not able to start TCP on interface 10.78.0.1"));
+  EXPECT_THAT(TcpPorts(), ElementsAre("10.78.0.1:5900/5900@sv0"));
+}
+
 TEST_F(ServerManagerTest, DatagramServersThatFailOnOneInterfaceRunOnTheOthers) {
   SelectBoth();
   vex_test::LogCapture log;
@@ -481,6 +493,23 @@ TEST_F(ServerManagerTest, SendsFromTheSocketOfTheServerOnThatAddress) {
   manager_->ConfigureMulticastSupport(false);
   EXPECT_FALSE(manager_->SendFromUdpServer("10.78.0.1", to, "M-SEARCH", error));
   EXPECT_FALSE(error);
+}
+
+TEST_F(ServerManagerTest, RegressionOfTwoServersOnOneAddressTheLastOneSends) {
+  Select("sv0");
+  manager_->ConfigureUdpServer(5001, true);
+  manager_->ConfigureUdpServer(5003, true);
+  std::unique_ptr<vex_test::UdpSocket> peer;
+  first_.Run([&] { peer.reset(new vex_test::UdpSocket("10.78.0.2")); });
+  const udp::endpoint to(boost::asio::ip::make_address("10.78.0.2"),
+                         static_cast<unsigned short>(peer->port()));
+  error_code error;
+  EXPECT_TRUE(manager_->SendFromUdpServer("10.78.0.1", to, "M-SEARCH", error));
+  std::string data;
+  std::string from;
+  int port = 0;
+  ASSERT_TRUE(peer->Receive(data, from, port));
+  EXPECT_EQ(5003, port);
 }
 
 TEST_F(ServerManagerTest, MulticastSentFromAServerGoesOutOnItsInterface) {
