@@ -532,7 +532,11 @@ int ServerManager::SendSyncResponsePacket(const std::string& data, const int& le
 int ServerManager::SendBinaryResponsePacket(char* data, const int& length, void* session_context) {
   const boost::shared_ptr<ServerManager> manager = ExistingInstance();
   const boost::shared_ptr<IncomingTCPSession> session = SessionOf(session_context);
-  if (!session || data == nullptr) return result::kFailure;
+  if (!session) return result::kFailure;
+  if (data == nullptr) {
+    session->CloseAndNotify();
+    return result::kFailure;
+  }
   return session->RegisterWrite(data, length);
 }
 

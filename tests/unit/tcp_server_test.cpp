@@ -209,6 +209,17 @@ TEST_F(TcpServerTest, BinaryAnswerTakesOverAMallocBlock) {
   EXPECT_EQ(std::string("a\0b\r\n", 5), Exchange("NOTIFY / HTTP/1.1\r\nCONTENT-LENGTH: 0\r\n\r\n"));
 }
 
+// The peer of the binary one waited until the server stopped.
+TEST_F(TcpServerTest, RegressionAnAnswerThatIsNullEndsTheConnection) {
+  for (const bool binary : {false, true}) {
+    callbacks_.Listen("NOTIFY", [binary](const MessagePointer&, void* context) {
+      EXPECT_EQ(1, binary ? ServerManager::SendBinaryResponsePacket(nullptr, 5, context)
+                          : ServerManager::SendResponsePacket(nullptr, 5, context));
+    });
+    EXPECT_EQ("", Exchange("NOTIFY / HTTP/1.1\r\nCONTENT-LENGTH: 0\r\n\r\n")) << binary;
+  }
+}
+
 TEST_F(TcpServerTest, NullContextIsAFailureAndLeavesTheText) {
   vex_test::LogCapture log;
   std::string text = "x";
@@ -495,6 +506,7 @@ TEST_F(TcpServerTest, UnusableAddressFailsAfterAllTries) {
   const boost::shared_ptr<TCPServer> server(new TCPServer("nonsense", "lo", loop_.io()));
   int port = 5000;
   EXPECT_EQ(2005, server->Start(port));
+  EXPECT_EQ(100, log.Count(16, kTag, "Accept Error : Host not found (authoritative)!"));
   EXPECT_EQ(1, log.Count(2, kTag, "IP : nonsense and Port: 5000"));
   EXPECT_EQ(1, log.Count(2, kTag, "IP : nonsense and Port: 5099"));
   EXPECT_EQ(1, log.Count(16, kTag, "Accept Failed!!!"));
