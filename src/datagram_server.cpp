@@ -73,6 +73,7 @@ void DatagramServer::read_handler(const error_code& error, unsigned int generati
     read_pending_ = false;
     if (closed_) {
       VEX_LOG_AT(site, kLogMajor, log::kTagNetwork, "stop state");
+      ShutDownSocket();
       Close();
       return;
     }
@@ -85,6 +86,15 @@ void DatagramServer::read_handler(const error_code& error, unsigned int generati
     }
     async_receive();
   });
+}
+
+void DatagramServer::ShutDownSocket() {
+  error_code error;
+  socket_.shutdown(udp::socket::shutdown_both, error);
+  if (!error) return;
+  VEX_LOG(kLogMajor, log::kTagNetwork,
+          "TCP Socket shutdown error, possibly shutdown already!, error [%s]",
+          error.message().c_str());
 }
 
 bool DatagramServer::ReadDatagram() {

@@ -43,6 +43,9 @@ class DatagramServer : public ServerNotify, public boost::enable_shared_from_thi
   void BeginToRead() VEX_REQUIRES(mutex_);
   void async_receive() VEX_REQUIRES(mutex_);
 
+  // Ends traffic both ways. The socket stays open.
+  void ShutDownSocket() VEX_REQUIRES(mutex_);
+
   // Puts a message before the upper layers.
   virtual void HandOver(boost::shared_ptr<utils::HTTPInfo>& message) VEX_REQUIRES(mutex_) = 0;
   virtual void Close() VEX_REQUIRES(mutex_) = 0;

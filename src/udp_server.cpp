@@ -68,6 +68,7 @@ int UDPServer::Stop() {
     if (error) VEX_LOG(kLogMajor, kTag, "cancel!, error [%s]", error.message().c_str());
   } else {
     VEX_LOG(kLogStep, kTag, "close udp server");
+    ShutDownSocket();
     Close();
   }
   return result::kOk;
@@ -75,11 +76,6 @@ int UDPServer::Stop() {
 
 void UDPServer::Close() {
   error_code error;
-  socket_.shutdown(udp::socket::shutdown_both, error);
-  if (error) {
-    VEX_LOG(kLogMajor, kTag, "TCP Socket shutdown error, possibly shutdown already!, error [%s]",
-            error.message().c_str());
-  }
   socket_.close(error);
   if (error) VEX_LOG(kLogMajor, kTag, "Failed to close  udp socket!");
 }

@@ -177,6 +177,10 @@ TEST_F(MulticastServerTest, StopLeavesTheGroupAndClosesTheSocket) {
   EXPECT_EQ(1, log.Count("Leaving multicast group at interface [10.78.0.1]"));
   EXPECT_EQ(1, log.Count("close multicast server"));
   EXPECT_TRUE(WaitUntil([&] { return vex_test::DescriptorCount() == open; }));
+  EXPECT_EQ(1, log.Count(16, kTag, "stop state"));
+  EXPECT_EQ(1, log.Count(16, kTag,
+                         "TCP Socket shutdown error, possibly shutdown already!, error [Transport "
+                         "endpoint is not connected]"));
 }
 
 TEST_F(MulticastServerTest, StopOfAServerThatNeverRanIsLoggedAndGoesOn) {

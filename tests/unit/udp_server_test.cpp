@@ -206,6 +206,9 @@ TEST_F(UdpServerTest, StopEndsReadingAndClosesTheSocket) {
   EXPECT_EQ(1, log.Count(16, kTag, "Stop Called [Scope locked in Stop]"));
   ASSERT_TRUE(WaitUntil([&] { return log.Count(16, kTag, "stop state") == 1; }));
   EXPECT_TRUE(WaitUntil([&] { return vex_test::DescriptorCount() == open - 1; }));
+  EXPECT_EQ(1, log.Count(16, kTag,
+                         "TCP Socket shutdown error, possibly shutdown already!, error [Transport "
+                         "endpoint is not connected]"));
   Send(Answer("uuid:late"));
   ASSERT_EQ(0, server_->Start(port_));
   EXPECT_TRUE(StillServes());
@@ -229,6 +232,7 @@ TEST_F(UdpServerTest, StopWithoutAReadOutClosesAtOnce) {
   vex_test::LogCapture log;
   EXPECT_EQ(0, server->Stop());
   EXPECT_EQ(1, log.Count("close udp server"));
+  EXPECT_TRUE(log.Holds("TCP Socket shutdown error, possibly shutdown already!, error ["));
   EXPECT_FALSE(log.Holds("stop state"));
 }
 
