@@ -185,8 +185,11 @@ int GetOutgoingIPaddress(const std::string& peer_ip, std::string& local_ip) try 
   return result::kFailure;
 }
 
-int GetMacAddress(const std::string& ip, std::string& mac) {
+int GetMacAddress(const std::string& ip, std::string& mac) try {
   return ip.empty() ? result::kEmptyAddress : MacAddressFromArpCache(ip, mac);
+} catch (...) {
+  LogCurrentException(VEX_LOG_SITE, kLogMajor, kTag, "Exception: %s", "Unknown Exception");
+  return result::kFailure;
 }
 
 int IsReachable(std::map<std::string, boost::shared_ptr<valid_address_info>>& addresses,

@@ -243,7 +243,7 @@ VEX_EXPORT int GetOutgoingIPaddress(const std::string& peer_ip, std::string& loc
 ///
 /// @param mac  Written on success only: "00-1A-2B-3C-4D-5E".
 /// @return result::kOk; result::kEmptyAddress; result::kSocketFailed, also for a bad address;
-///         result::kNotInArpCache.
+///         result::kNotInArpCache; result::kFailure without memory.
 VEX_EXPORT int GetMacAddress(const std::string& ip, std::string& mac);
 
 /// Tries a TCP connection to each of several addresses at once. Takes the whole time, whatever the

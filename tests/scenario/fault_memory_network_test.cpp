@@ -21,6 +21,7 @@
 #include "tests/support/answer_recorder.h"
 #include "tests/support/control_peer.h"
 #include "tests/support/memory_table.h"
+#include "tests/support/private_network.h"
 #include "tests/support/server_fixture.h"
 #include "tests/support/timing_scaled.h"
 #include "tests/support/wait_until.h"
@@ -262,6 +263,18 @@ TEST_F(FaultMemoryNetwork, Datagrams) {
 TEST_F(FaultMemoryNetwork, Requests) {
   Up();
   Watch();
+  vex_test::Ip("neigh add 10.77.0.50 lladdr 00:1a:2b:3c:4d:5e dev lan0 nud permanent");
+  const std::string neighbour = "10.77.0.50";
+  std::string unused;
+  // An emulator does not find it.
+  const int found = GetMacAddress(neighbour, unused);
+  FailEach("vex_upnp::network_layer::GetMacAddress",
+           [&] {
+             std::string mac;
+             return GetMacAddress(neighbour, mac);
+           },
+           {found, {result::kFailure}, {}, false});
+  vex_test::Ip("neigh del 10.77.0.50 dev lan0");
   ControlPeer peer(kFar, 0, [](const PeerRequest&) { return vex_test::Text(kAnswer); });
   const std::string far = kFar;
   const std::string request = "GET /a/path HTTP/1.1\r\nHOST: 10.77.0.2\r\n\r\n";
