@@ -2,6 +2,8 @@
 
 #include <cctype>
 #include <cstring>
+#include <ios>
+#include <limits>
 #include <memory>
 #include <new>
 #include <utility>
@@ -203,8 +205,11 @@ int ReadFileUTF8(const std::string& path, char** content) {
     const std::streamoff end = stream.tellg();
     if (end < 0 || boost::filesystem::is_directory(path)) throw std::ios_base::failure("no size");
     stream.seekg(0, std::ios::beg);
-    size = static_cast<std::size_t>(end);
-    text = ReadAll(stream, size);
+    // A block is as large as a pointer can count; what is longer must not be cut to it.
+    if (end < std::numeric_limits<std::streamsize>::max()) {
+      size = static_cast<std::size_t>(end);
+      text = ReadAll(stream, size);
+    }
     if (!text) {
       VEX_LOG(kLogMajor, kTag, "Memory allocation Failed");
       return result::kNoMemory;

@@ -205,6 +205,17 @@ TEST_F(FileUtils, ReadFileOfWhatIsNoFileFails) {
   EXPECT_EQ(1, log.Count(16, "VEX_CORE_CDDISCOVERY", "Unable to read from file stream!!"));
 }
 
+TEST_F(FileUtils, RegressionAFileThatNoBlockCanHoldIsNotCutToOne) {
+  if (sizeof(std::size_t) > 4) GTEST_SKIP() << "a block can hold it here";
+  const std::string path = Make("a", "x");
+  boost::filesystem::resize_file(path, (1ULL << 32) + 3);
+  vex_test::LogCapture log;
+  int code = -1;
+  EXPECT_EQ("(null)", ReadText(path, code));
+  EXPECT_EQ(result::kNoMemory, code);
+  EXPECT_EQ(1, log.Count("Memory allocation Failed"));
+}
+
 TEST_F(FileUtils, FindsTheFileInUpperCase) {
   Make("A.TXT", "x");
   std::string name = "before";
