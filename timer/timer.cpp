@@ -63,6 +63,7 @@ class TimerService {
 
  private:
   void OnTimerExpiry(const error_code& error);
+  bool IsWaitMissing();
   void TimerExpired(const TimerHandler& handler);
   bool TakeExpired(TimerHandler& handler);
   void CallbackReturned();
@@ -197,11 +198,17 @@ void TimerService::StartTimer() {
 }
 
 void TimerService::OnTimerExpiry(const error_code& error) {
-  if (error == boost::asio::error::operation_aborted) return;
+  // One that gave way to an earlier wake-up; but that one may have found no memory.
+  if (error == boost::asio::error::operation_aborted && !IsWaitMissing()) return;
   RetryWithoutMemory([this] {
     TimerHandler expired;
     while (TakeExpired(expired)) TimerExpired(expired);
   });
+}
+
+bool TimerService::IsWaitMissing() {
+  boost::lock_guard<boost::mutex> lock(mutex_);
+  return !armed_ && !stopped_;
 }
 
 void TimerService::TimerExpired(const TimerHandler& handler) {
@@ -267,8 +274,15 @@ void Timer::InitializeManager() try { GetInstance(); } catch (...) {
   LogCurrentException(VEX_LOG_SITE, kLogMajor, kTag, "Exception: %s", "Unknown Exception");
 }
 
+VEX_NO_THREAD_SAFETY_ANALYSIS
 void Timer::TerminateManager() {
-  boost::lock_guard<boost::mutex> lock(timer_mutex_);
+  boost::unique_lock<boost::mutex> lock(timer_mutex_, boost::defer_lock);
+  if (served == nullptr) {
+    lock.lock();
+  } else if (!lock.try_lock()) {
+    // Whoever ends the service on another thread waits for this very callback.
+    return;
+  }
   Timer* const ended = instance_.load(std::memory_order_acquire);
   if (ended == nullptr) return;
   // The instance stays in place until its thread is gone, so that no callback makes a new one.

@@ -7,6 +7,7 @@
 #include <condition_variable>
 #include <ctime>
 #include <mutex>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -15,6 +16,8 @@
 
 #include <vexupnpcp/timer.h>
 
+#include "tests/support/fail_alloc.h"
+#include "tests/support/host_rig.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/process_state.h"
 #include "tests/support/sanitizers.h"
@@ -481,6 +484,56 @@ TEST_F(TimerTest, CallbackMayEndTheService) {
       nullptr);
   ASSERT_TRUE(WaitUntil([] { return done.load(); }));
   EXPECT_EQ(1, Timer::Start(kNever, &FailTheTest, nullptr));
+}
+
+// It waited for who waited for it.
+TEST_F(TimerTest, RegressionCallbackMayEndAServiceThatIsEndingAlready) {
+  const vex_test::Watchdog watchdog(60);
+  struct Ending {
+    Gate gate;
+    std::atomic<bool> terminating{false};
+    bool returned = false;
+  };
+  Ending ending;
+  const TimerCallback callback = [](int id, void* arg) {
+    Ending* const shared = static_cast<Ending*>(arg);
+    Gate::Pass(id, &shared->gate);
+    Timer::TerminateManager();
+    shared->returned = true;
+  };
+  Timer::Start(0, callback, &ending);
+  ending.gate.WaitInside();
+  std::thread terminator([&] {
+    ending.terminating = true;
+    Timer::TerminateManager();
+  });
+  ASSERT_TRUE(WaitUntil([&] { return ending.terminating.load(); }));
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  ending.gate.Open();
+  terminator.join();
+  EXPECT_TRUE(ending.returned);
+}
+
+// The wait gave way to an earlier one that found no memory, and nobody waited any more.
+TEST_F(TimerTest, RegressionAStartWithoutMemoryHoldsUpNoOther) {
+  std::atomic<bool> fired{false};
+  const TimerCallback fire = [](int, void* arg) { *static_cast<std::atomic<bool>*>(arg) = true; };
+  int nth = 0;
+  for (bool failed = true; failed;) {
+    fired = false;
+    Timer::Start(100, fire, &fired);
+    {
+      const vex_test::FailAlloc fail(++nth);
+      try {
+        Timer::Start(
+            10, [](int, void*) {}, nullptr);
+      } catch (const std::bad_alloc&) {
+      }
+      failed = fail.Failed();
+    }
+    EXPECT_TRUE(WaitUntil([&] { return fired.load(); })) << nth;
+  }
+  EXPECT_GT(nth, 2);
 }
 
 TEST_F(TimerTest, CyclesLeaveNoThread) {
