@@ -15,6 +15,8 @@
 #include "src/cp_discovery_manager.h"
 #include "src/device_list.h"
 #include "src/discovery_delivery.h"
+#include "src/networkinterface.h"
+#include "src/rescan.h"
 #include "tests/support/fail_alloc.h"
 #include "tests/support/log_capture.h"
 
@@ -432,6 +434,33 @@ TEST_F(Discovery, InitializeWithoutANetworkLayerFailsAndLeavesNothing) {
   EXPECT_EQ(1, Initialize());
   EXPECT_EQ(1, log.Count(16, kTag, "CP Discovery Initialization Failure"));
   EXPECT_EQ(1, log.Count(4, kTag, "RegisterNetworkEventListener failed"));
+}
+
+TEST_F(Discovery, InitializeWithoutACallbackHandlerFailsAndLeavesNothing) {
+  LogCapture log;
+  const auto interfaces = network_layer::NetworkInterface::GetInstance();
+  EXPECT_EQ(1, Initialize());
+  EXPECT_EQ(1, log.Count(4, kTag, "RegisterUDPRequestListener failed"));
+  interfaces->NotifyNICIfEvent(network_layer::NIC_ADDED, "lan9");
+  EXPECT_EQ(1, log.Count("event listener vector is empty!!"));
+  network_layer::NetworkInterface::DestroyInstance();
+}
+
+TEST_F(Discovery, ACheckOfNoSearchIsLogged) {
+  LogCapture log;
+  CPDiscoveryManager::GetInstance()->RescanTimerExpired(4711, nullptr);
+  EXPECT_EQ(1, log.Count(16, kTag, "Invalid timer id..!!"));
+}
+
+TEST_F(Discovery, NoCheckBeginsOnceChecksHaveBeenStopped) {
+  Rescans rescans;
+  rescans.StopChecks();
+  LogCapture log;
+  boost::recursive_mutex mutex;
+  boost::unique_lock<boost::recursive_mutex> delivery(mutex, boost::defer_lock);
+  EXPECT_EQ(nullptr, rescans.TakeUnreachable("urn:x-y:device:Foo:1", delivery));
+  EXPECT_FALSE(delivery.owns_lock());
+  EXPECT_EQ(1, log.Count(4, kTag, "Rescan connect check has been stopped."));
 }
 
 }  // namespace
