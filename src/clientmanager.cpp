@@ -49,8 +49,8 @@ std::uint32_t SessionLimit() {
 
 }  // namespace
 
-boost::shared_ptr<ClientManager> ClientManager::instance_;
-boost::mutex ClientManager::singleton_mutex_;
+boost::shared_ptr<ClientManager>& ClientManager::instance_ = *new boost::shared_ptr<ClientManager>;
+boost::mutex& ClientManager::singleton_mutex_ = *new boost::mutex;
 
 boost::shared_ptr<ClientManager> ClientManager::GetInstance() {
   return GetOrCreateShared(instance_, singleton_mutex_, [] { return new ClientManager; });

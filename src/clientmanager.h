@@ -105,8 +105,9 @@ class ClientManager : public Notify {
   static bool __AwaitProbes(int timeout, boost::unique_lock<boost::mutex>& lock,
                             boost::condition_variable& condition, const bool& stop);
 
-  static boost::shared_ptr<ClientManager> instance_;
-  static boost::mutex singleton_mutex_;
+  // Never destroyed: a thread of the library may still look while the process exits.
+  static boost::shared_ptr<ClientManager>& instance_;
+  static boost::mutex& singleton_mutex_;
 
   // Declared before all that works on them.
   OutgoingLoops loops_;

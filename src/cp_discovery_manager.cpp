@@ -45,8 +45,9 @@ bool IsWanted(const std::string& wanted_type, const std::string& device_type, in
 
 }  // namespace
 
-boost::shared_ptr<CPDiscoveryManager> CPDiscoveryManager::instance_;
-boost::mutex CPDiscoveryManager::singleton_mutex_;
+boost::shared_ptr<CPDiscoveryManager>& CPDiscoveryManager::instance_ =
+    *new boost::shared_ptr<CPDiscoveryManager>;
+boost::mutex& CPDiscoveryManager::singleton_mutex_ = *new boost::mutex;
 int CPDiscoveryManager::udp_handle_ = kNotRegistered;
 int CPDiscoveryManager::network_handle_ = kNotRegistered;
 bool CPDiscoveryManager::streaming_held_ = false;

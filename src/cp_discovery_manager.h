@@ -133,8 +133,9 @@ class CPDiscoveryManager : public Observable {
   // Last, so that its threads end before what they work on goes.
   DiscoveryWorkers discovery_threads_;
 
-  static boost::shared_ptr<CPDiscoveryManager> instance_;
-  static boost::mutex singleton_mutex_;
+  // Never destroyed: a thread of the library may still look while the process exits.
+  static boost::shared_ptr<CPDiscoveryManager>& instance_;
+  static boost::mutex& singleton_mutex_;
   // What the network layer gave at Init; -1 when not registered.
   static int udp_handle_;
   static int network_handle_;

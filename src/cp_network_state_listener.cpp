@@ -55,7 +55,7 @@ void Guarded(Step step) {
 }  // namespace
 
 std::atomic<CPNetworkStateListener*> CPNetworkStateListener::instance_{nullptr};
-boost::mutex CPNetworkStateListener::singleton_mutex_;
+boost::mutex& CPNetworkStateListener::singleton_mutex_ = *new boost::mutex;
 
 CPNetworkStateListener* CPNetworkStateListener::GetInstance() {
   return GetOrCreate(instance_, singleton_mutex_, [] { return new CPNetworkStateListener; });

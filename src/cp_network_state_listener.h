@@ -22,8 +22,9 @@ class CPNetworkStateListener : public network_layer::NetworkEventListener {
   void OnNetworkChanged(std::string& interface_name, network_layer::NicEvent event) override;
 
  private:
+  // Never destroyed: a thread of the library may still look while the process exits.
   static std::atomic<CPNetworkStateListener*> instance_;
-  static boost::mutex singleton_mutex_;
+  static boost::mutex& singleton_mutex_;
 };
 
 }  // namespace cp_discovery

@@ -236,8 +236,9 @@ void LogNoRoom(const NowRequesting& request) {
 
 }  // namespace
 
-boost::shared_ptr<DescriptionListener> DescriptionListener::m_instance_;
-boost::mutex DescriptionListener::singleton_mutex_;
+boost::shared_ptr<DescriptionListener>& DescriptionListener::m_instance_ =
+    *new boost::shared_ptr<DescriptionListener>;
+boost::mutex& DescriptionListener::singleton_mutex_ = *new boost::mutex;
 
 boost::shared_ptr<DescriptionListener> DescriptionListener::GetInstance() {
   boost::lock_guard<boost::mutex> lock(singleton_mutex_);

@@ -67,8 +67,9 @@ class DescriptionListener : public network_layer::ResponseListener {
 
   UseCount use_count_;
 
-  static boost::shared_ptr<DescriptionListener> m_instance_;
-  static boost::mutex singleton_mutex_;
+  // Never destroyed: a thread of the library may still look while the process exits.
+  static boost::shared_ptr<DescriptionListener>& m_instance_;
+  static boost::mutex& singleton_mutex_;
 };
 
 // The name of the active interface with this address; `name` stays as it is without one.

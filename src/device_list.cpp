@@ -124,8 +124,8 @@ int ProbeInBatches(DeviceList::Addresses& addresses, int timeout,
 
 }  // namespace
 
-boost::shared_ptr<DeviceList> DeviceList::instance_;
-boost::mutex DeviceList::singleton_mutex_;
+boost::shared_ptr<DeviceList>& DeviceList::instance_ = *new boost::shared_ptr<DeviceList>;
+boost::mutex& DeviceList::singleton_mutex_ = *new boost::mutex;
 
 boost::shared_ptr<DeviceList> DeviceList::GetInstance() {
   return GetOrCreateShared(instance_, singleton_mutex_, [] { return new DeviceList; });

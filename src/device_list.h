@@ -114,8 +114,9 @@ class DeviceList : private VEXUncopyable {
   std::size_t held_ = 0;
   std::list<std::string> accepted_devices_;
 
-  static boost::shared_ptr<DeviceList> instance_;
-  static boost::mutex singleton_mutex_;
+  // Never destroyed: a thread of the library may still look while the process exits.
+  static boost::shared_ptr<DeviceList>& instance_;
+  static boost::mutex& singleton_mutex_;
 };
 
 }  // namespace cp_discovery

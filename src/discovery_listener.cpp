@@ -68,8 +68,9 @@ DeviceList::Devices HierarchyOf(const boost::shared_ptr<Device>& root) {
 
 }  // namespace
 
-boost::shared_ptr<DiscoveryListener> DiscoveryListener::instance_;
-boost::mutex DiscoveryListener::singleton_mutex_;
+boost::shared_ptr<DiscoveryListener>& DiscoveryListener::instance_ =
+    *new boost::shared_ptr<DiscoveryListener>;
+boost::mutex& DiscoveryListener::singleton_mutex_ = *new boost::mutex;
 
 boost::shared_ptr<DiscoveryListener> DiscoveryListener::GetInstance() {
   return GetOrCreateShared(instance_, singleton_mutex_, [] { return new DiscoveryListener; });

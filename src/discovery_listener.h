@@ -68,8 +68,9 @@ class DiscoveryListener : public network_layer::UDPRequestListener {
 
   UseCount use_count_;
 
-  static boost::shared_ptr<DiscoveryListener> instance_;
-  static boost::mutex singleton_mutex_;
+  // Never destroyed: a thread of the library may still look while the process exits.
+  static boost::shared_ptr<DiscoveryListener>& instance_;
+  static boost::mutex& singleton_mutex_;
 };
 
 }  // namespace cp_discovery

@@ -50,8 +50,9 @@ bool HasName(const std::vector<NetInfo>& interfaces, const std::string& name) {
 
 }  // namespace
 
-boost::shared_ptr<NetworkInterface> NetworkInterface::instance_;
-boost::mutex NetworkInterface::singleton_mutex_;
+boost::shared_ptr<NetworkInterface>& NetworkInterface::instance_ =
+    *new boost::shared_ptr<NetworkInterface>;
+boost::mutex& NetworkInterface::singleton_mutex_ = *new boost::mutex;
 
 boost::shared_ptr<NetworkInterface> NetworkInterface::GetInstance() {
   return GetOrCreateShared(instance_, singleton_mutex_, [] { return new NetworkInterface; });

@@ -124,8 +124,9 @@ class NetworkInterface : public VEXUncopyable,
   void __UpdateIPAddrOfAvailableNetworkInterface(const std::string& name, const std::string& ip);
   void __PauseOfAddressChange();
 
-  static boost::shared_ptr<NetworkInterface> instance_;
-  static boost::mutex singleton_mutex_;
+  // Never destroyed: a thread of the library may still look while the process exits.
+  static boost::shared_ptr<NetworkInterface>& instance_;
+  static boost::mutex& singleton_mutex_;
 
   // One scan at a time, through comparison and events: outer to every other lock of this class.
   boost::mutex scan_mutex_;

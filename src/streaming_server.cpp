@@ -29,7 +29,7 @@ constexpr int kBacklog = 128;
 
 }  // namespace
 
-boost::mutex TCPServer::m_session_list_mutex_;
+boost::mutex& TCPServer::m_session_list_mutex_ = *new boost::mutex;
 
 TCPServer::TCPServer(io_service& io, ServerAppCallbacks* callbacks, const std::string& ip,
                      const std::string& interface_name, int server_id, int port)

@@ -74,7 +74,7 @@ class TCPServer : public VEXUncopyable, public boost::enable_shared_from_this<TC
 
   // Leaf, one for all servers. The list holds one more than there are connections: its last entry
   // waits for the next accept.
-  static boost::mutex m_session_list_mutex_;
+  static boost::mutex& m_session_list_mutex_;
   std::list<boost::shared_ptr<IncomingSession>> incoming_session_list_
       VEX_GUARDED_BY(m_session_list_mutex_);
 };

@@ -252,13 +252,13 @@ void TimerService::CallbackReturned() {
 }
 
 std::atomic<Timer*> Timer::instance_{nullptr};
-boost::mutex Timer::timer_mutex_;
+boost::mutex& Timer::timer_mutex_ = *new boost::mutex;
 
 namespace {
 
 // Held only to look at the instance and take a reference to its service, so that TerminateManager
 // can wait for a callback that itself calls Start.
-boost::mutex instance_leaf;
+boost::mutex& instance_leaf = *new boost::mutex;
 
 }  // namespace
 

@@ -74,7 +74,8 @@ class VEX_EXPORT Timer : public VEXUncopyable {
 
   static std::atomic<Timer*> instance_;
   // Serialises the making and the ending of the instance. Outer to all other locks of the timer.
-  static boost::mutex timer_mutex_;
+  // Never destroyed: timers may still be started while the process exits.
+  static boost::mutex& timer_mutex_;
 };
 
 }  // namespace utils
