@@ -7,6 +7,7 @@
 
 #include <vexupnpcp/result_codes.h>
 
+#include "base/limits.h"
 #include "base/log.h"
 #include "base/timing.h"
 #include "src/http_feed.h"
@@ -27,6 +28,9 @@ constexpr char kInternalError[] = "HTTP/1.1 500 Internal Server Error\r\n\r\n";
 // The two places from which a response's header is written, as the log has them.
 constexpr int kAfterRequest = 3;
 constexpr int kAfterData = 4;
+
+// Reads of a refused peer before the others of the pool have their turn.
+constexpr int kDiscardsAtOnce = 16;
 
 }  // namespace
 
@@ -116,7 +120,40 @@ bool IncomingSession::__Parse(std::size_t bytes) {
   // KEPT: the answer formed here is never written. Peers that send nonsense get no reply, and their
   // connection waits for the session's stop.
   RegisterWriteWithErrorCode(HTTP_BAD_REQUEST);
+  __ForgetRequest();
   return false;
+}
+
+// A refused peer may stay as long as it likes, but not cost more than its connection, and that only
+// until it goes.
+void IncomingSession::__ForgetRequest() {
+  buffer_.reset();
+  http_info_.reset();
+  __AwaitPeersEnd();
+}
+
+void IncomingSession::__AwaitPeersEnd() {
+  const boost::shared_ptr<IncomingSession> self = shared_from_this();
+  socket_.socket().async_wait(tcp::socket::wait_read, [self](const error_code& error) {
+    self->socket_.queue().Run(
+        self->__IfListed([error](IncomingSession& session) { session.__DiscardWhatCame(error); }));
+  });
+}
+
+// The host has been told nothing of the failure, so it is told nothing of the end.
+void IncomingSession::__DiscardWhatCame(const error_code& error) {
+  if (!alive_) return;
+  error_code failure = error;
+  char data[limits::kReceiveBuffer];
+  for (int reads = 0; !failure && reads < kDiscardsAtOnce; ++reads) {
+    socket_.socket().read_some(boost::asio::buffer(data), failure);
+  }
+  if (!failure || failure == boost::asio::error::would_block) {
+    __AwaitPeersEnd();
+    return;
+  }
+  ShutDown();
+  CompleteSession();
 }
 
 void IncomingSession::CallbackRead(const error_code& error, std::size_t bytes) {

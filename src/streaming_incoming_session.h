@@ -60,6 +60,9 @@ class IncomingSession : public VEXUncopyable,
   void CallbackRead(const error_code& error, std::size_t bytes);
   void DataRecvdCallback(const error_code& error, std::size_t bytes);
   bool __Parse(std::size_t bytes);
+  void __ForgetRequest();
+  void __AwaitPeersEnd();
+  void __DiscardWhatCame(const error_code& error);
   void __HandleRequest();
   void __RememberPeer();
   void __WriteResponse(int place);

@@ -18,6 +18,7 @@
 #include "tests/support/media_client.h"
 #include "tests/support/process_state.h"
 #include "tests/support/serving_fixture.h"
+#include "tests/support/thread_count.h"
 #include "tests/support/wait_until.h"
 
 namespace vex_upnp {
@@ -186,6 +187,45 @@ TEST_F(StreamingServer, KeptABadRequestGetsNoAnswerAndStaysOpen) {
   }
 }
 
+TEST_F(StreamingServer, RegressionRefusedPeersLeaveNothingBehindWhenTheyGo) {
+  Serve();
+  // A bad header; one that goes on; a body whose framing is broken.
+  const std::string bad[] = {"nonsense\r\n\r\n",
+                             "nonsense\r\n\r\n" + std::string(8 * 1024 * 1024, 'x'),
+                             "POST /up HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n"};
+  const LogCapture log;
+  const int before = vex_test::DescriptorCount();
+  for (int n = 1; n <= 50; ++n) {
+    TcpClient peer(ip_, port_);
+    ASSERT_TRUE(peer.Send(bad[n % 3]));
+    if (n % 3 == 2) {
+      ASSERT_TRUE(Await("request", "/up 0", n));
+      ASSERT_TRUE(peer.Send("\r\n"));
+    }
+    ASSERT_TRUE(WaitUntil([&] { return log.Count("Parsing Failure!") == n; }));
+    EXPECT_TRUE(peer.OpenAndSilent());
+    if (n % 2 == 0) peer.Reset();
+  }
+  EXPECT_TRUE(WaitUntil([&] { return vex_test::DescriptorCount() == before; }));
+  const char byte = 0;
+  for (int n = 1; n <= 50; ++n) {
+    EXPECT_EQ(result::kStreamingNoSession,
+              SendHTTPPayload(server_, server_ + n, const_cast<char*>(&byte), 1, false));
+    EXPECT_EQ(0, Count("status", "4", n));
+  }
+}
+
+TEST_F(StreamingServer, ARefusedPeerIsStoppedLikeAnyOther) {
+  Serve();
+  const LogCapture log;
+  TcpClient peer(ip_, port_);
+  ASSERT_TRUE(peer.Send("nonsense\r\n\r\n"));
+  ASSERT_TRUE(WaitUntil([&] { return log.Count("Parsing Failure!") == 1; }));
+  EXPECT_EQ(result::kOk, StopServerTransfer(server_, server_ + 1));
+  EXPECT_TRUE(peer.PeerCloses());
+  EXPECT_EQ(1U, host_.Events().size());
+}
+
 TEST_F(StreamingServer, AHeaderMayBeLongButNotWithoutEnd) {
   AnswerWith(Response(200), true);
   Serve();
@@ -196,7 +236,7 @@ TEST_F(StreamingServer, AHeaderMayBeLongButNotWithoutEnd) {
   EXPECT_EQ("HTTP/1.1 200 OK\r\n\r\n", Ask("GET / HTTP/1.1\r\n" + lines + "\r\n"));
   const LogCapture log;
   TcpClient peer(ip_, port_);
-  // What the peer goes on sending is not read any more.
+  // What the peer goes on sending is forgotten.
   peer.Send("GET / HTTP/1.1\r\nX: " + most + most);
   ASSERT_TRUE(WaitUntil([&] { return log.Count("Parsing Failure!") == 1; }));
   TcpClient many(ip_, port_);
