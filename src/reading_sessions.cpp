@@ -1,10 +1,7 @@
 #include "src/reading_sessions.h"
 
-#include <sys/resource.h>
-
 #include <boost/thread/lock_guard.hpp>
 
-#include "base/limits.h"
 #include "src/incoming_tcp_session.h"
 
 namespace vex_upnp {
@@ -40,14 +37,6 @@ bool ReadingSessions::CloseMostSilent() {
 std::size_t ReadingSessions::size() const {
   boost::lock_guard<boost::mutex> lock(mutex_);
   return sessions_.size();
-}
-
-bool DescriptorsScarce(int newest) {
-  rlimit limit = {};
-  if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) return false;
-  const std::uint64_t in_use = static_cast<std::uint64_t>(newest) + 1;
-  return in_use * 100 >=
-         static_cast<std::uint64_t>(limit.rlim_cur) * limits::kDescriptorSharePercent;
 }
 
 }  // namespace network_layer

@@ -40,10 +40,6 @@ class ReadingSessions {
   std::map<Place, boost::weak_ptr<IncomingTCPSession>> sessions_ VEX_GUARDED_BY(mutex_);
 };
 
-// Whether so many descriptors are in use that the event server must make room. `newest` is the one
-// opened last: the kernel gives out the lowest number that is free, so all below it are in use.
-bool DescriptorsScarce(int newest);
-
 }  // namespace network_layer
 }  // namespace vex_upnp
 

@@ -10,7 +10,9 @@
 
 #include "base/accept.h"
 #include "base/current_exception.h"
+#include "base/descriptors.h"
 #include "base/log.h"
+#include "base/log_limit.h"
 #include "base/port_search.h"
 #include "base/retry.h"
 #include "src/streaming_incoming_session.h"
@@ -148,6 +150,15 @@ boost::shared_ptr<tcp::socket> TCPServer::__Take(const error_code& error, int& s
   }
   // KEPT: no further accept after an error; the server stays open and deaf.
   if (failed) return boost::shared_ptr<tcp::socket>();
+  if (DescriptorsScarce(accepted->native_handle())) {
+    // With the last descriptor gone the server would be deaf for good.
+    static LogLimit once_a_second;
+    if (once_a_second.Due()) {
+      VEX_LOG(kLogMajor, kTagStreaming, "Descriptors are scarce, a connection is closed");
+    }
+    __Wait();
+    return boost::shared_ptr<tcp::socket>();
+  }
   session_id = next_session_id_++;
   return accepted;
 }

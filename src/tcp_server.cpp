@@ -11,6 +11,7 @@
 
 #include "base/accept.h"
 #include "base/current_exception.h"
+#include "base/descriptors.h"
 #include "base/log.h"
 #include "base/port_search.h"
 #include "base/retry.h"

@@ -1,10 +1,12 @@
 // What a streaming server makes of requests, and what peers see of its host's answers.
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -12,6 +14,7 @@
 #include <vexupnpcp/streaming.h>
 
 #include "base/limits.h"
+#include "base/scoped_fd.h"
 #include "tests/support/fail_calls.h"
 #include "tests/support/http_peer.h"
 #include "tests/support/log_capture.h"
@@ -575,6 +578,33 @@ TEST_F(StreamingServer, KeptAFailedAcceptLeavesTheServerDeaf) {
   EXPECT_TRUE(unheard.OpenAndSilent());
   EXPECT_EQ(0,
             host_.Count("connect " + std::to_string(deaf) + " " + std::to_string(deaf + 1) + " 0"));
+}
+
+TEST_F(StreamingServer, ConnectionsAreClosedWhenDescriptorsRunShortAndTheServerStaysOpen) {
+  AnswerWith(Response(200), true);
+  Serve();
+  EXPECT_EQ("HTTP/1.1 200 OK\r\n\r\n", Ask(kGet));
+  const LogCapture log;
+  {
+    const vex_test::ScopedDescriptorLimit few(100);
+    std::vector<std::unique_ptr<ScopedFd>> used;
+    // The peer's end takes number 83, which is not scarce, and the server's 84.
+    do {
+      used.push_back(std::make_unique<ScopedFd>(::dup(0)));
+    } while (used.back()->get() < 82);
+    for (int i = 0; i < 3; ++i) {
+      TcpClient peer(ip_, port_);
+      ASSERT_TRUE(peer.connected());
+      EXPECT_TRUE(peer.PeerCloses());
+    }
+    used.pop_back();
+    EXPECT_EQ("HTTP/1.1 200 OK\r\n\r\n", Ask(kGet));
+  }
+  EXPECT_TRUE(log.Holds("Descriptors are scarce, a connection is closed"));
+  // The host has heard of those that were let in.
+  EXPECT_EQ(1, Count("connect", "0", 1));
+  EXPECT_EQ(1, Count("connect", "0", 2));
+  EXPECT_EQ(4U, host_.Events().size());
 }
 
 // Look-ups.

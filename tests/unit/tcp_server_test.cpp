@@ -17,6 +17,7 @@
 
 #include <vexupnpcp/result_codes.h>
 
+#include "base/descriptors.h"
 #include "src/incoming_tcp_session.h"
 #include "src/servermanager.h"
 #include "tests/support/log_capture.h"
