@@ -1,11 +1,11 @@
 #ifndef VEXUPNPCP_HTTPPARSER_HEADER_VIEW_H_
 #define VEXUPNPCP_HTTPPARSER_HEADER_VIEW_H_
 
-#include <strings.h>
-
 #include <string_view>
 
 #include <vexupnpcp/httpinfo.h>
+
+#include "base/ascii_text.h"
 
 namespace vex_upnp {
 namespace utils {
@@ -51,7 +51,7 @@ struct HTTPInfo::HeaderView {
     return AnyHeader(info, [&](std::string_view name, std::string_view candidate) {
       if (name.size() < wanted.size()) return false;
       if (name.size() > wanted.size() && name[wanted.size()] != '\0') return false;
-      if (strncasecmp(name.data(), wanted.data(), wanted.size()) != 0) return false;
+      if (!EqualsIgnoringCase(name.substr(0, wanted.size()), wanted)) return false;
       value = candidate;
       return true;
     });

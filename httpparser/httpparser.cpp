@@ -1,7 +1,5 @@
 #include <vexupnpcp/httpparser.h>
 
-#include <strings.h>
-
 #include <algorithm>
 #include <climits>
 #include <cstring>
@@ -11,6 +9,7 @@
 #include <vexupnpcp/result_codes.h>
 #include <vexupnpcp/string_utils.h>
 
+#include "base/ascii_text.h"
 #include "base/limits.h"
 #include "base/log.h"
 #include "base/number_text.h"
@@ -40,11 +39,6 @@ constexpr std::string_view kResponseStart = "HTTP/";
 constexpr unsigned int kLoggedBytes = 1024;
 // Room for the headers of a usual message, so that their list is allocated once.
 constexpr std::size_t kUsualHeaders = 16;
-
-bool EqualsIgnoringCase(std::string_view text, std::string_view wanted) {
-  return text.size() == wanted.size() &&
-         strncasecmp(text.data(), wanted.data(), wanted.size()) == 0;
-}
 
 bool HasNeverABody(HTTPRequest method) {
   return method == HTTP_GET || method == HTTP_HEAD || method == HTTP_SUBSCRIBE ||

@@ -2,6 +2,8 @@
 
 #include <cstddef>
 
+#include "base/ascii_text.h"
+
 namespace vex_upnp {
 namespace network_layer {
 
@@ -20,11 +22,7 @@ PatternTokens SplitPattern(const std::string& pattern) {
 }
 
 void ToLowerAscii(std::string& text) {
-  for (char& character : text) {
-    if (character >= 'A' && character <= 'Z') {
-      character = static_cast<char>(character - 'A' + 'a');
-    }
-  }
+  for (char& character : text) character = vex_upnp::ToLowerAscii(character);
 }
 
 bool HoldsAllTokens(const PatternTokens& tokens, const std::string& text) {

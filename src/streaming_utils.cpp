@@ -1,7 +1,5 @@
 #include "src/streaming_utils.h"
 
-#include <strings.h>
-
 #include <algorithm>
 #include <cstddef>
 #include <cstdio>
@@ -15,6 +13,7 @@
 #include <vexupnpcp/streaming.h>
 #include <vexupnpcp/string_utils.h>
 
+#include "base/ascii_text.h"
 #include "base/host_memory.h"
 #include "base/limits.h"
 #include "base/log.h"
@@ -91,7 +90,7 @@ constexpr StatusRow kStatusTable[] = {
 };
 
 bool SameName(const std::string& name, const char* other) {
-  return strcasecmp(name.c_str(), other) == 0;
+  return EqualsIgnoringCase(name.c_str(), other);
 }
 
 // One known header: its name, and the field of the record that takes its text.
@@ -204,7 +203,7 @@ const char* GetStatusString(const unsigned int& status) {
 }
 
 bool IsChunked(const char* transfer_encoding) {
-  return transfer_encoding != nullptr && strcasecmp(transfer_encoding, kChunked) == 0;
+  return transfer_encoding != nullptr && EqualsIgnoringCase(transfer_encoding, kChunked);
 }
 
 void AppendHeader(const char* name, const char* value, std::string& out) {

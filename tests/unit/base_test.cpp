@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "base/address_text.h"
+#include "base/ascii_text.h"
 #include "base/current_exception.h"
 #include "base/delivery_list.h"
 #include "base/host_memory.h"
@@ -21,6 +22,28 @@ namespace vex_upnp {
 namespace {
 
 using testing::ElementsAre;
+
+TEST(AsciiText, LettersAreEqualInEitherCaseAndNothingElseIs) {
+  EXPECT_TRUE(EqualsIgnoringCase("", ""));
+  EXPECT_TRUE(EqualsIgnoringCase("CONTENT-LENGTH", "Content-Length"));
+  EXPECT_TRUE(EqualsIgnoringCase("ABCDEFGHIJKLMNOPQRSTUVWXYZ", "abcdefghijklmnopqrstuvwxyz"));
+  EXPECT_FALSE(EqualsIgnoringCase("a", "ab"));
+  EXPECT_FALSE(EqualsIgnoringCase("ab", "a"));
+  // What stands beside the letters, 32 apart.
+  EXPECT_FALSE(EqualsIgnoringCase("@", "`"));
+  EXPECT_FALSE(EqualsIgnoringCase("[", "{"));
+  // Letters of other alphabets are bytes.
+  EXPECT_FALSE(EqualsIgnoringCase("\xC0", "\xE0"));
+  EXPECT_FALSE(EqualsIgnoringCase("\xC4\xB0", "\x69"));
+  EXPECT_FALSE(EqualsIgnoringCase(std::string("a\0b", 3), std::string("a\0c", 3)));
+}
+
+TEST(AsciiText, OnlyCapitalLettersChange) {
+  for (int code = 0; code < 256; ++code) {
+    const bool capital = code >= 'A' && code <= 'Z';
+    EXPECT_EQ(static_cast<char>(capital ? code + 32 : code), ToLowerAscii(static_cast<char>(code)));
+  }
+}
 
 TEST(NumberText, WholeTextWithAnOptionalSign) {
   int value = -5;
