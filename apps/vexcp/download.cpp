@@ -1,5 +1,8 @@
 #include "download.h"
 
+#include <vexupnpcp/result_codes.h>
+
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -53,8 +56,12 @@ void Download::Start(const HttpUrl& url, long long offset, bool may_restart) {
     may_restart_ = may_restart;
   }
   const st::ClientAppCallbacks callbacks{OnStatus, OnResponse, OnData, OnWritten};
-  if (st::StartClient(&callbacks, url.host.c_str(), url.port, &client_) != 0)
+  const int code = st::StartClient(&callbacks, url.host.c_str(), url.port, &client_);
+  if (code == vex_upnp::result::kStreamingConnectFailed)
     throw Failure(kRefused, url.host + " cannot be reached: there is no such host");
+  if (code != 0)
+    throw Failure(kRefused,
+                  url.host + " cannot be reached (StartClient gave " + std::to_string(code) + ")");
   const std::string authority = url.Authority(), range = "bytes=" + std::to_string(offset) + "-",
                     close = "close", any = "*/*", agent = "vexcp/1.0", range_name = "Range";
   st::stArgument range_header{Lend(range_name), Lend(range), nullptr};
@@ -134,13 +141,11 @@ void Download::TakeResponse(const ResHeaderInfo& response) {
     End(State::kRefused);
     return;
   }
-  if (offset_ > 0) {
-    if (!may_restart_ || ftruncate(file_, 0) != 0 || lseek(file_, 0, SEEK_SET) != 0) {
-      End(State::kOtherRange);
-      return;
-    }
-    progress_.done = 0;
+  if (may_restart_ ? !CutFile(0) : offset_ > 0) {
+    End(State::kOtherRange);
+    return;
   }
+  progress_.done = 0;
   if (response.content_length > 0) progress_.total = response.content_length;
 }
 
@@ -148,12 +153,20 @@ void Download::TakePartial(const ResHeaderInfo& response) {
   const std::string range = Header(response, "Content-Range");
   long long first = -1, last = -1, size = -1;
   const int read = std::sscanf(range.c_str(), "bytes %lld-%lld/%lld", &first, &last, &size);
-  if (read < 2 || first != offset_ || last < first) {
+  if (read < 2 || first != offset_ || last < first || (may_restart_ && !CutFile(offset_))) {
     End(State::kOtherRange);
     return;
   }
   // Only a range that reaches to the end was asked for.
   progress_.total = last + 1;
+}
+
+// What a file held before goes only when there is something to put in its place. A device or a pipe
+// cannot be cut.
+bool Download::CutFile(long long size) {
+  struct stat info {};
+  if (fstat(file_, &info) == 0 && !S_ISREG(info.st_mode)) return size == progress_.done;
+  return ftruncate(file_, size) == 0 && lseek(file_, size, SEEK_SET) == size;
 }
 
 void Download::TakeBytes(const void* bytes, unsigned int length, bool final) {

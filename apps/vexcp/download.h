@@ -69,6 +69,7 @@ class Download {
 
   void TakeResponse(const ResHeaderInfo& response);
   void TakePartial(const ResHeaderInfo& response);
+  bool CutFile(long long size);
   void TakeBytes(const void* bytes, unsigned int length, bool final);
   void End(State state);
   bool StoreAll(const char* bytes, std::size_t length);

@@ -39,10 +39,11 @@ class Target {
       descriptor_ = STDOUT_FILENO;
       return;
     }
-    descriptor_ = open(name.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | (resume ? 0 : O_TRUNC), 0666);
+    // Not emptied: the server may have nothing to put in place of what it holds.
+    descriptor_ = open(name.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
     if (descriptor_ < 0)
       throw Failure(kWrongArguments, name + " cannot be written: " + std::strerror(errno));
-    offset_ = lseek(descriptor_, 0, SEEK_END);
+    if (resume) offset_ = lseek(descriptor_, 0, SEEK_END);
     if (offset_ < 0) offset_ = 0;
   }
   ~Target() {
@@ -52,7 +53,7 @@ class Target {
   Target& operator=(const Target&) = delete;
 
   int descriptor() const { return descriptor_; }
-  // What is there already.
+  // Where the fetching begins: behind what is there already, if that is to be continued.
   long long offset() const { return offset_; }
   bool may_restart() const { return name_ != kStandardOutput; }
   std::string Title() const {
