@@ -5,6 +5,7 @@
 #include <list>
 
 #include "exit_status.h"
+#include "output.h"
 #include "xml_text.h"
 
 namespace vexcp {
@@ -34,20 +35,21 @@ ActionResult ActionCaller::Call(const DeviceRecord& device, const std::string& s
                                 const std::vector<NamedValue>& arguments) {
   std::string type = service_type, host, url;
   if (utils::GetHostAndControlUri(device.key, type, host, url) != 0)
-    throw Failure(kNotFound, device.name + " has left the network");
+    throw Failure(kNotFound, Printable(device.name) +
+                                 " has left the network, or gives no control URL for that service");
   int id = 0;
   const int code =
       control::SendAction(device.key, host, "SOAPACTION: \"" + type + "#" + action + "\"", url,
                           MakeBody(type, action, arguments), std::string(), this, this, id);
   if (code != 0)
-    throw Failure(kRefused,
-                  "the action could not be sent to " + url + " (" + std::to_string(code) + ")");
+    throw Failure(kRefused, "the action could not be sent to " + Printable(url) +
+                                " (SendAction gave " + std::to_string(code) + ")");
   const TimePoint deadline = std::chrono::steady_clock::now() + kLongest;
   while (const std::optional<DeviceEvent> event = events_.Next(deadline))
     if (event->kind == DeviceEvent::Kind::kActionEnded && event->id == id)
       return ReadAnswer(event->status, event->body);
   control::CancelAction(id);
-  throw Failure(kRefused, "ended before " + device.name + " answered");
+  throw Failure(kRefused, "ended before " + Printable(device.name) + " answered");
 }
 
 void ActionCaller::OnResponseReceived(const int& action_id, const int& status,

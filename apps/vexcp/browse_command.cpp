@@ -85,7 +85,8 @@ class Browser {
     }
     if (options_.json) std::printf("%s\n", Dump(list).c_str());
     if (cut_)
-      std::fprintf(stderr, "vexcp: there is more; --limit shows more than %u objects\n",
+      std::fprintf(stderr,
+                   "vexcp: only the first %u objects are shown; a larger --limit shows more\n",
                    options_.limit);
   }
 

@@ -129,8 +129,10 @@ int Call(const CallOptions& options) {
     std::printf("%s", ResultText(result).c_str());
   }
   if (result.succeeded()) return kDone;
-  throw Failure(kRefused, Printable(device.name + " did not carry out " + options.action + ": " +
-                                    ExplainFailure(result, service.type)));
+  throw Failure(kRefused,
+                Printable(device.name + " did not carry out " + options.action + ": " +
+                          ExplainFailure(result, service.type)) +
+                    (result.unreadable() && !options.xml ? "; --xml shows it as it is" : ""));
 }
 
 }  // namespace

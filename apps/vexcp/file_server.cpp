@@ -185,8 +185,12 @@ std::vector<std::string> FileServer::Start(const std::string& ip, int port) {
   const int code = st::StartServers(&callbacks, ip.empty() ? nullptr : ip.c_str(), port, &servers,
                                     &configuration_);
   if (code != 0)
-    throw Failure(kNotStarted, "no server could be started (StartServers gave " +
-                                   std::to_string(code) + "); try another --port");
+    throw Failure(kNotStarted,
+                  "no server could be opened (StartServers gave " + std::to_string(code) + ")");
+  // For all interfaces the call works also when no server did.
+  if (servers == nullptr)
+    throw Failure(kNotStarted, "no server could be opened on port " + std::to_string(port) +
+                                   " or on one of the hundred from there on");
   std::vector<std::string> addresses;
   for (const st::stServer* server = servers; server != nullptr; server = server->next)
     addresses.push_back(Address(server->server_id));

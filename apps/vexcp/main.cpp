@@ -3,6 +3,7 @@
 
 #include "commands.h"
 #include "exit_status.h"
+#include "output.h"
 
 namespace {
 
@@ -50,10 +51,10 @@ int main(int argc, char** argv) {
   try {
     return run();
   } catch (const vexcp::Failure& failure) {
-    std::fprintf(stderr, "vexcp: %s\n", failure.what());
+    std::fprintf(stderr, "vexcp: %s\n", vexcp::Printable(failure.what()).c_str());
     return failure.status();
   } catch (const std::exception& error) {
-    std::fprintf(stderr, "vexcp: %s\n", error.what());
+    std::fprintf(stderr, "vexcp: %s\n", vexcp::Printable(error.what()).c_str());
     return vexcp::kNotStarted;
   }
 }

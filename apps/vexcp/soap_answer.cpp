@@ -39,6 +39,8 @@ void ReadContent(const DomNode* content, ActionResult& result) {
 
 }  // namespace
 
+bool ActionResult::unreadable() const { return status == kHttpOk && !outputs && !error; }
+
 std::string ActionResult::Output(const std::string& name) const {
   if (outputs)
     for (const NamedValue& output : *outputs)
@@ -64,7 +66,7 @@ ActionResult ReadAnswer(int status, const std::string& body) {
 
 std::string ExplainFailure(const ActionResult& result, const std::string& service_type) {
   if (!result.error) {
-    if (result.status == kHttpOk) return "its answer cannot be read; --xml shows it as it is";
+    if (result.unreadable()) return "its answer cannot be read";
     return "HTTP status " + std::to_string(result.status) + " without a UPnP error";
   }
   const UpnpError& error = *result.error;

@@ -27,6 +27,8 @@ struct ActionResult {
   std::optional<UpnpError> error;
 
   bool succeeded() const { return outputs.has_value() && !error; }
+  // The device says that it worked, in words that cannot be read.
+  bool unreadable() const;
   // The value of one output; empty without it.
   std::string Output(const std::string& name) const;
 };

@@ -141,7 +141,7 @@ class CallTest(SimulatorTest):
         self.start("lamp")
         for fault, text in (("status=404", "HTTP status 404 without a UPnP error"),
                             ("cut=0 reset", "or the connection to the device broke"),
-                            ("status=200", "its answer cannot be read"),
+                            ("status=200", "its answer cannot be read; --xml shows it as it is"),
                             ("garbage=500", "Lamp did not carry out GetStatus")):
             self.simulator.do("fault /1/control/* " + fault)
             result = self.call("SwitchPower", "GetStatus", status=5)
@@ -436,7 +436,7 @@ class BrowseTest(SimulatorTest):
     def test_a_limit_ends_the_list_and_says_so(self):
         result = self.browse("many", "--limit", "10", "--page", "4")
         self.assertEqual(10, len(result.stdout.splitlines()))
-        self.assertIn("there is more; --limit shows more than 10", result.stderr)
+        self.assertIn("only the first 10 objects are shown; a larger --limit shows more", result.stderr)
 
     def test_an_item_is_shown_with_its_resources(self):
         location = self.simulator.device()["locations"][0]

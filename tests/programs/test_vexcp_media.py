@@ -14,7 +14,8 @@ import tempfile
 import threading
 import unittest
 
-from support import BINARY_DIR, LIMIT_S, ROOT, SimulatorTest, on_devices, wait_until
+from support import (BINARY_DIR, LIMIT_S, OWN_ADDRESS, ROOT, SimulatorTest, on_devices,
+                     wait_until)
 
 PROGRAM = os.path.join(BINARY_DIR, "vexcp")
 TONE = os.path.join(ROOT, "apps", "vexsim", "devices", "mediaserver", "media", "tone.wav")
@@ -209,6 +210,21 @@ class GetTest(MediaTest):
         self.assertEqual(5, result.returncode)
         self.assertIn("no HTTP", result.stderr)
 
+    def test_a_file_keeps_what_it_holds_until_there_is_something_to_put_in_its_place(self):
+        answers = {"/gone": b"HTTP/1.1 404 Not Found\r\nContent-Length: 4\r\n\r\nnone",
+                   "/short": b"HTTP/1.1 200 OK\r\nContent-Length: 3\r\n\r\nnew",
+                   "/part": b"HTTP/1.1 206 Partial Content\r\nContent-Range: bytes 0-1/2\r\n"
+                            b"Content-Length: 2\r\n\r\nit"}
+        server = self.script(lambda request: answers[request.split()[1]])
+        name = self.write("file", b"from before")
+        self.assertEqual(5, run("get", server.url("/gone"), "-o", name).returncode)
+        self.assertEqual(5, run("get", "http://127.0.0.1:9/", "-o", name).returncode)
+        self.assertEqual(b"from before", read_file(name))
+        self.assertEqual(0, run("get", server.url("/short"), "-o", name).returncode)
+        self.assertEqual(b"new", read_file(name))
+        self.assertEqual(0, run("get", server.url("/part"), "-o", name).returncode)
+        self.assertEqual(b"it", read_file(name))
+
     def test_what_cannot_work_says_why(self):
         for url, why in (("ftp://host/", "http://"), ("http:///x", "no host"),
                          ("http://a:70000/", "1 to 65535"), ("http://[::1]/", "IPv4")):
@@ -218,6 +234,9 @@ class GetTest(MediaTest):
         result = run("get", "http://127.0.0.1:9/", "-o", self.path("file"))
         self.assertEqual(5, result.returncode)
         self.assertIn("cannot be reached", result.stderr)
+        result = run("get", "http://no-such-host.invalid/", "-o", self.path("file"))
+        self.assertEqual((5, "vexcp: no-such-host.invalid cannot be reached: there is no such host\n"),
+                         (result.returncode, result.stderr))
         result = run("get", "http://127.0.0.1:9/", "-o", self.path("no/such/folder"))
         self.assertEqual(2, result.returncode)
         server = self.script(lambda _: b"HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhello")
@@ -375,6 +394,11 @@ class ServeTest(MediaTest):
         self.assertEqual(2, result.returncode)
         self.assertIn("No such file", result.stderr)
         self.assertEqual(3, run("serve", self.folder, "--interface", "eth7").returncode)
+        with socket.create_server((OWN_ADDRESS, 65535)):
+            result = run("serve", self.folder, "--interface", "eth0", "--port", "65535")
+        self.assertEqual((4, "", "vexcp: no server could be opened on port 65535 or on one of the "
+                                 "hundred from there on\n"),
+                         (result.returncode, result.stdout, result.stderr))
 
     def test_what_is_served_is_fetched(self):
         body = some_bytes(3333333)
