@@ -43,8 +43,11 @@ constexpr std::size_t kSmallMessage = 64 * 1024;
 // and a streaming server lets nobody in.
 constexpr unsigned kDescriptorSharePercent = 85;
 constexpr std::size_t kDescriptionRequests = 16384;
+// What they may hold together. Each names its device and its address more than once.
+constexpr std::size_t kDescriptionRequestBytes = 32 * 1024 * 1024;
 constexpr std::size_t kListedDevices = 16384;
-// What all listed devices may hold together: descriptions, service descriptions and records.
+// What all devices that are or were listed may hold together as long as anybody holds them:
+// descriptions, service descriptions and records.
 constexpr std::size_t kHeldDeviceBytes = 256 * 1024 * 1024;
 // Addresses probed at a time when devices that did not answer a search are checked: each takes a
 // descriptor.

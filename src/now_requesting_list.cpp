@@ -34,9 +34,18 @@ class NowRequestingList::Sending {
   Ticket ticket_;
 };
 
+// The names stand in its key, too.
+std::size_t NowRequestingList::CostOf(const NowRequesting& request) {
+  return sizeof(NowRequesting) + 2 * (request.udn.size() + request.service_id.size()) +
+         request.request_target.size() + request.base_url.size() + request.ip.size() +
+         request.user_agent.size();
+}
+
 int NowRequestingList::Add(const Pointer& request) {
+  const std::size_t cost = CostOf(*request);
   boost::lock_guard<boost::mutex> lock(mutex_);
   if (closed_ || entries_.size() >= limits::kDescriptionRequests) return result::kFailure;
+  if (cost > limits::kDescriptionRequestBytes - held_) return result::kFailure;
   const KeyView key = KeyOf(*request);
   // The first request of a device, if any, stands here: no service sorts before the empty one.
   const auto found = entries_.lower_bound(key);
@@ -46,6 +55,7 @@ int NowRequestingList::Add(const Pointer& request) {
     if (same_device && (!request->IsForService() || same_service)) return result::kFailure;
   }
   entries_.emplace_hint(found, Key(key), Entry{request, 0, 0});
+  held_ += cost;
   return result::kOk;
 }
 
@@ -117,6 +127,7 @@ void NowRequestingList::RemoveByUdn(const std::string& udn) {
     const auto next = std::next(entry);
     by_session_.erase(entry->second.session_id);
     by_timer_.erase(entry->second.timer_id);
+    held_ -= CostOf(*entry->second.request);
     removed.insert(entries_.extract(entry));
     entry = next;
   }
@@ -139,6 +150,7 @@ void NowRequestingList::RemoveAll() {
   removed.swap(entries_);
   filed_by_session.swap(by_session_);
   filed_by_timer.swap(by_timer_);
+  held_ = 0;
 }
 
 void NowRequestingList::Close() {
@@ -157,6 +169,7 @@ NowRequestingList::Pointer NowRequestingList::Unlink(Entries::iterator entry) {
   by_session_.erase(entry->second.session_id);
   by_timer_.erase(entry->second.timer_id);
   Pointer request = entry->second.request;
+  held_ -= CostOf(*request);
   entries_.erase(entry);
   return request;
 }

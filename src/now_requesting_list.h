@@ -1,6 +1,7 @@
 #ifndef VEXUPNPCP_SRC_NOW_REQUESTING_LIST_H_
 #define VEXUPNPCP_SRC_NOW_REQUESTING_LIST_H_
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <set>
@@ -27,7 +28,7 @@ class NowRequestingList {
  public:
   using Pointer = boost::shared_ptr<NowRequesting>;
 
-  // kFailure for a duplicate, and when no further request is taken.
+  // kFailure for a duplicate, and when no further request is taken or there is no room for it.
   int Add(const Pointer& request);
 
   // Starts the request's timer, unless it has been removed meanwhile.
@@ -72,6 +73,7 @@ class NowRequestingList {
   static KeyView KeyOf(const NowRequesting& request) {
     return KeyView(request.udn, request.service_id);
   }
+  static std::size_t CostOf(const NowRequesting& request);
   Entry* Find(const Pointer& request) VEX_REQUIRES(mutex_);
   Pointer Unlink(Entries::iterator entry) VEX_REQUIRES(mutex_);
   void FileSession(const Pointer& request, int session_id);
@@ -80,6 +82,8 @@ class NowRequestingList {
   boost::mutex mutex_;
   boost::condition_variable send_done_;
   Entries entries_ VEX_GUARDED_BY(mutex_);
+  // What the entries cost together.
+  std::size_t held_ VEX_GUARDED_BY(mutex_) = 0;
   std::unordered_map<int, Pointer> by_session_ VEX_GUARDED_BY(mutex_);
   std::map<int, Pointer> by_timer_ VEX_GUARDED_BY(mutex_);
   std::set<Ticket> sending_ VEX_GUARDED_BY(mutex_);

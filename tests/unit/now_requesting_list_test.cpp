@@ -102,6 +102,38 @@ TEST(NowRequestingList, TakesAsManyAsTheBound) {
   EXPECT_EQ(0, list.Add(ForDevice("uuid:b")));
 }
 
+// Requests of `bytes` in all but their records.
+Request Large(const std::string& udn, std::size_t bytes) {
+  const std::string location(bytes / 2, 'l');
+  return Request(new NowRequesting(udn, location, "127.0.0.1", 1, location, "agent"));
+}
+
+// Fills the list until not another byte has room. Returns what the requests were given.
+std::size_t Fill(NowRequestingList& list) {
+  std::size_t given = 0;
+  int number = 0;
+  for (std::size_t step = limits::kDescriptionRequestBytes; step > 1; step /= 2) {
+    while (list.Add(Large("uuid:" + std::to_string(number), step)) == 0) {
+      given += step;
+      ++number;
+    }
+  }
+  return given;
+}
+
+TEST(NowRequestingList, RequestsHoldAsMuchAsTheBoundTogetherAndNoMore) {
+  NowRequestingList list;
+  const std::size_t given = Fill(list);
+  EXPECT_LE(given, limits::kDescriptionRequestBytes);
+  EXPECT_GT(given, limits::kDescriptionRequestBytes - 64 * 1024);
+  EXPECT_EQ(1, list.Add(Large("uuid:more", 0)));
+  // Whatever takes a request out gives back what it held.
+  list.RemoveByUdn("uuid:1");
+  EXPECT_EQ(0, list.Add(Large("uuid:more", 0)));
+  list.RemoveAll();
+  EXPECT_EQ(given, Fill(list));
+}
+
 TEST(NowRequestingList, TakesNothingOnceClosed) {
   NowRequestingList list;
   list.Close();
@@ -218,6 +250,18 @@ TEST_F(SentRequests, OnlyTheNewestSessionFindsItsRequest) {
   EXPECT_EQ(2, request.use_count() - 1);
   list_.RemoveBySession(request->session_id);
   EXPECT_EQ(1, request.use_count());
+}
+
+TEST_F(SentRequests, RemovedByTheirSessionsGiveBackWhatTheyHeld) {
+  server_.Hold("/");
+  const std::string location(limits::kDescriptionRequestBytes / 3, 'l');
+  for (int i = 0; i < 2; ++i) {
+    const Request request(
+        new NowRequesting("uuid:a", location, "127.0.0.1", server_.port(), location, "agent"));
+    ASSERT_EQ(0, list_.Add(request));
+    ASSERT_EQ(0, list_.Send(request, "GET / HTTP/1.1\r\n\r\n", listener_));
+    list_.RemoveBySession(request->session_id);
+  }
 }
 
 TEST_F(SentRequests, DroppingTheLastReferenceCancelsTheSession) {
