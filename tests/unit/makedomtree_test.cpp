@@ -464,6 +464,31 @@ TEST_F(DomSearch, RootWhoseFirstChildIsNotItsOwnGivesNull) {
   other->firstChild = nullptr;
 }
 
+// The search went down to what the entry refers to, and from there round and round or out of the
+// tree.
+TEST_F(DomSearch, RegressionAnEntryOfAListInTheTreeLeadsNowhere) {
+  DomNode* const a = root_->firstChild->nextSibling;
+  for (DomNode* const below : {a, root_}) {
+    DomNode* const head = Dom::GetElementsByTagNameDomDocument(root_, "b");
+    ASSERT_NE(nullptr, head);
+    // One refers to what stands in front of it in the same element, the other to what is elsewhere.
+    std::vector<DomNode*> entries;
+    while (head->firstChild != nullptr) {
+      entries.push_back(Dom::RemoveChildDomNode(head->firstChild, head));
+      Add(below, entries.back());
+    }
+    EXPECT_EQ(2U, entries.size());
+    EXPECT_THAT(Names(Find(document_, "b")), ElementsAre("b", "b"));
+    EXPECT_THAT(Names(Find(a, "b")), ElementsAre("b"));
+    EXPECT_THAT(Names(Find(document_, "a")), ElementsAre("a", "a"));
+    for (DomNode* const entry : entries) {
+      Dom::RemoveChildDomNode(entry, below);
+      Dom::ClearDomNode(entry);
+    }
+    Dom::ClearDomNode(head);
+  }
+}
+
 TEST_F(DomSearch, ListOutlivesTheDocument) {
   DomNode* const head = Dom::GetElementsByTagNameDomDocument(root_, "b");
   ASSERT_NE(nullptr, head);

@@ -80,7 +80,9 @@ void PutInFront(DomNode& parent, DomNode& child, DomNode& reference) {
 
 // The next node of a pre-order walk below `root`, null at its end.
 DomNode* NextInDocumentOrder(DomNode* node, const DomNode* root) {
-  if (node->firstChild != nullptr) return node->firstChild;
+  DomNode* const child = node->firstChild;
+  // An entry of a list refers to a node that is not its child, and may have been inserted anywhere.
+  if (child != nullptr && child->parentNode == node) return child;
   while (node != root && node->nextSibling == nullptr) node = node->parentNode;
   return node == root ? nullptr : node->nextSibling;
 }
