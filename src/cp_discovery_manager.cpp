@@ -385,12 +385,13 @@ void CPDiscoveryManager::CheckNowRequesting(int timer_id) {
   }
 }
 
+// What has become ready meanwhile stays: an answer may come while its request is given up.
 void CPDiscoveryManager::LoseDevice(const std::string& udn) {
   boost::shared_ptr<Device> removed;
   {
     const boost::shared_ptr<DeviceList> list = DeviceList::GetInstance();
     boost::lock_guard<boost::recursive_mutex> lock(list->device_list_mutex);
-    removed = list->RemoveByUdn(udn);
+    removed = list->RemoveUnreadyByUdn(udn);
   }
   // Behind the device: whoever is still asking for its services lists no request without it.
   RemoveNowRequestingByUdn(udn);

@@ -6,8 +6,11 @@
 #include <string>
 
 #include <boost/shared_ptr.hpp>
+#include <boost/weak_ptr.hpp>
 
 #include <vexupnpcp/vexuncopyable.h>
+
+#include "src/held_bytes.h"
 
 namespace vex_upnp {
 namespace cp_discovery {
@@ -91,6 +94,13 @@ class Device : private VEXUncopyable {
   // The whole description. Shared by all devices of one description, since there may be thousands
   // of them in one of several megabytes; null before it is known.
   boost::shared_ptr<const std::string> description_xml;
+  // What the description counts for, shared like it; null until a device that has it is listed.
+  boost::shared_ptr<HeldBytes> description_held;
+  // What all else of this record counts for.
+  HeldBytes held;
+  // Whether it was listed as part of another device, and that one as long as it lives.
+  bool is_embedded = false;
+  boost::weak_ptr<Device> parent;
 };
 
 }  // namespace cp_discovery

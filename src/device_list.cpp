@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <string_view>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -45,17 +46,71 @@ std::string DisplayNamePrefix(const std::string& model_description) {
   return "[" + rest.substr(0, blank) + "]";
 }
 
-// What a device costs in memory, give or take its short texts. The description is shared and is
-// counted with the device that brings it.
-std::size_t Footprint(const Device& device) {
-  std::size_t bytes = sizeof(Device);
-  bytes += device.icons.size() * (sizeof(DeviceIcon) + kNodeCost);
-  bytes += device.services.size() * (sizeof(ServiceInfo) + kNodeCost);
-  bytes += device.additional_fields.size() * (sizeof(AdditionalFieldInfo) + kNodeCost);
-  if (device.description_xml && device.description_xml.use_count() == 1) {
-    bytes += device.description_xml->size();
-  }
+constexpr std::string Device::*kDeviceTexts[] = {
+    &Device::description_url,
+    &Device::spec_minor,
+    &Device::spec_major,
+    &Device::dlna_cap,
+    &Device::device_type,
+    &Device::friendly_name,
+    &Device::manufacturer,
+    &Device::manufacturer_url,
+    &Device::model_description,
+    &Device::model_name,
+    &Device::model_number,
+    &Device::model_url,
+    &Device::udn,
+    &Device::base_url,
+    &Device::url_base,
+    &Device::upc,
+    &Device::serial_number,
+    &Device::presentation_url,
+    &Device::ip,
+    &Device::display_name,
+    &Device::interface_ip,
+    &Device::interface_name,
+};
+
+std::size_t SizeOfTexts(const DeviceIcon& icon) {
+  return icon.mimetype.size() + icon.width.size() + icon.height.size() + icon.depth.size() +
+         icon.url.size() + icon.reserved.size();
+}
+
+std::size_t SizeOfTexts(const ServiceInfo& service) {
+  return service.service_key.size() + service.service_owner.size() + service.service_type.size() +
+         service.service_id.size() + service.scpd_url.size() + service.control_url.size() +
+         service.event_sub_url.size() + service.scpd_xml.size();
+}
+
+std::size_t SizeOfTexts(const AdditionalFieldInfo& field) {
+  return field.name.size() + field.value.size();
+}
+
+template <typename Record>
+std::size_t SizeOfAll(const std::list<std::unique_ptr<Record>>& records) {
+  std::size_t bytes = records.size() * (sizeof(Record) + kNodeCost);
+  for (const auto& record : records) bytes += SizeOfTexts(*record);
   return bytes;
+}
+
+// What a device costs in memory, but for the description, which it may share.
+std::size_t Footprint(const Device& device) {
+  // The key stands in the index, too.
+  std::size_t bytes = sizeof(Device) + device.udn.size();
+  for (std::string Device::*const text : kDeviceTexts) bytes += (device.*text).size();
+  return bytes + SizeOfAll(device.icons) + SizeOfAll(device.services) +
+         SizeOfAll(device.additional_fields);
+}
+
+// Makes the device count in the bound on what all devices hold together; false without room. The
+// description counts with the device that brings it, on behalf of all that share it.
+bool TakesItsPlace(Device& device) {
+  if (!device.held.GrowTo(Footprint(device))) return false;
+  if (!device.description_xml || device.description_held) return true;
+  const boost::shared_ptr<HeldBytes> held(new HeldBytes);
+  if (!held->GrowTo(device.description_xml->size())) return false;
+  device.description_held = held;
+  return true;
 }
 
 bool IsLetter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
@@ -89,17 +144,32 @@ bool IsVendorType(std::string_view type) {
 // The addresses with a running streaming session, and the kind of session.
 std::map<std::string, int> StreamingAddresses() {
   std::map<std::string, int> addresses;
-  streaming::stRunningSession* sessions = nullptr;
-  if (streaming::GetRunningSessionInfo(&sessions) != result::kOk) {
+  streaming::stRunningSession* found = nullptr;
+  if (streaming::GetRunningSessionInfo(&found) != result::kOk) {
     VEX_LOG(kLogMajor, kTag, "GetRunningSession failed.");
     return addresses;
   }
-  for (const streaming::stRunningSession* session = sessions; session != nullptr;
+  const std::unique_ptr<streaming::stRunningSession, decltype(&streaming::FreeRunningSession)>
+      sessions(found, &streaming::FreeRunningSession);
+  for (const streaming::stRunningSession* session = sessions.get(); session != nullptr;
        session = session->next) {
     if (session->ip != nullptr) addresses[session->ip] = session->type;
   }
-  streaming::FreeRunningSession(sessions);
   return addresses;
+}
+
+// The devices and all that are embedded in them, to any depth, each once.
+std::vector<boost::shared_ptr<Device>> WithEmbedded(const DeviceList::Devices& devices) {
+  std::vector<boost::shared_ptr<Device>> all;
+  std::unordered_set<const Device*> known;
+  const auto add = [&](const DeviceList::Devices& found) {
+    for (const boost::shared_ptr<Device>& device : found) {
+      if (known.insert(device.get()).second) all.push_back(device);
+    }
+  };
+  add(devices);
+  for (std::size_t i = 0; i < all.size(); ++i) add(all[i]->embedded_devices);
+  return all;
 }
 
 // Probes `addresses` a batch at a time; each batch takes the whole time-out.
@@ -144,7 +214,6 @@ void DeviceList::ClearDeviceList() {
   cleared.swap(devices_);
   by_udn_.clear();
   by_device_.clear();
-  held_ = 0;
 }
 
 bool DeviceList::Add(boost::shared_ptr<Device>& device) {
@@ -152,17 +221,16 @@ bool DeviceList::Add(boost::shared_ptr<Device>& device) {
     VEX_LOG(kLogMajor, kTag, "Error, invalid device in DeviceList::Add");
     return false;
   }
-  const std::size_t bytes = Footprint(*device);
-  if (devices_.size() >= limits::kListedDevices || bytes > limits::kHeldDeviceBytes - held_) {
+  const std::string name = DisplayNamePrefix(device->model_description) + device->friendly_name;
+  // A device that comes back has its name already, and others may be reading it.
+  if (device->display_name != name) device->display_name = name;
+  if (devices_.size() >= limits::kListedDevices || !TakesItsPlace(*device)) {
     static LogLimit once_a_second;
     if (once_a_second.Due()) {
       VEX_LOG(kLogMajor, kTag, "Device list is full, device not listed [%s]", device->udn.c_str());
     }
     return false;
   }
-  const std::string name = DisplayNamePrefix(device->model_description) + device->friendly_name;
-  // A device that comes back has its name already, and others may be reading it.
-  if (device->display_name != name) device->display_name = name;
   if (!device->friendly_name.empty()) {
     VEX_LOG(kLogStep, kTag, "DEVICE_ADDED [%s][%s]", device->friendly_name.c_str(),
             device->device_type.c_str());
@@ -171,7 +239,7 @@ bool DeviceList::Add(boost::shared_ptr<Device>& device) {
   device->services_ready = false;
 
   // In all three or in none: an index without its entry would be followed into freed memory.
-  Entries added(1, Entry{device, by_udn_.end(), bytes});
+  Entries added(1, Entry{device, by_udn_.end()});
   const Entries::iterator entry = added.begin();
   entry->place = by_udn_.emplace(device->udn, entry);
   try {
@@ -181,17 +249,12 @@ bool DeviceList::Add(boost::shared_ptr<Device>& device) {
     throw;
   }
   devices_.splice(devices_.end(), added);
-  held_ += bytes;
   VEX_LOG(kLogStep, kTag, " the size of device list : %d", static_cast<int>(devices_.size()));
   return true;
 }
 
 bool DeviceList::Reserve(const boost::shared_ptr<Device>& device, std::size_t bytes) {
-  const auto found = by_device_.find(device.get());
-  if (found == by_device_.end() || bytes > limits::kHeldDeviceBytes - held_) return false;
-  found->second->held += bytes;
-  held_ += bytes;
-  return true;
+  return IsListed(device) && device->held.Grow(bytes);
 }
 
 boost::shared_ptr<Device> DeviceList::Erase(Entries::iterator entry) {
@@ -200,7 +263,6 @@ boost::shared_ptr<Device> DeviceList::Erase(Entries::iterator entry) {
   by_device_.erase(std::find_if(same.first, same.second,
                                 [&](const auto& indexed) { return indexed.second == entry; }));
   by_udn_.erase(entry->place);
-  held_ -= entry->held;
   devices_.erase(entry);
   return device;
 }
@@ -219,14 +281,17 @@ boost::shared_ptr<Device> DeviceList::RemoveByUdn(const std::string& udn) {
   return Erase(found->second);
 }
 
-void DeviceList::RemoveDeviceHierarchy(const boost::shared_ptr<Device>& device) {
-  std::vector<boost::shared_ptr<Device>> waiting(1, device);
-  while (!waiting.empty()) {
-    const boost::shared_ptr<Device> next = waiting.back();
-    waiting.pop_back();
-    Remove(next);
-    waiting.insert(waiting.end(), next->embedded_devices.begin(), next->embedded_devices.end());
+boost::shared_ptr<Device> DeviceList::RemoveUnreadyByUdn(const std::string& udn) {
+  for (auto found = by_udn_.lower_bound(udn); found != by_udn_.end() && found->first == udn;
+       ++found) {
+    if (!found->second->device->services_ready) return Erase(found->second);
   }
+  return boost::shared_ptr<Device>();
+}
+
+void DeviceList::RemoveDeviceHierarchy(const boost::shared_ptr<Device>& device) {
+  // Found before the first of them goes: with memory short, all of them stay.
+  for (const boost::shared_ptr<Device>& leaving : WithEmbedded({device})) Remove(leaving);
 }
 
 std::unique_ptr<DeviceList::Devices> DeviceList::RemoveAndGetDevicesByInterface(
@@ -236,10 +301,7 @@ std::unique_ptr<DeviceList::Devices> DeviceList::RemoveAndGetDevicesByInterface(
     const std::string& interface_name = entry.device->interface_name;
     if (interface_name.empty() || interface_name == name) removed->push_back(entry.device);
   }
-  for (const boost::shared_ptr<Device>& device : *removed) {
-    // What has gone with its parent took its own embedded devices along.
-    if (IsListed(device)) RemoveDeviceHierarchy(device);
-  }
+  for (const boost::shared_ptr<Device>& leaving : WithEmbedded(*removed)) Remove(leaving);
   return removed;
 }
 
@@ -375,22 +437,23 @@ std::unique_ptr<DeviceList::Devices> DeviceList::RemoveUnreachable(const std::st
                                                                    const Addresses& addresses) {
   std::unique_ptr<Devices> removed(new Devices);
   boost::lock_guard<boost::recursive_mutex> lock(device_list_mutex);
-  for (auto entry = devices_.begin(); entry != devices_.end();) {
-    const auto current = entry++;
-    Device& device = *current->device;
+  for (const Entry& entry : devices_) {
+    const boost::shared_ptr<Device>& device = entry.device;
     // Whatever announced itself in the meantime is valid again.
-    if (device.is_valid || !BelongsToSearch(device, type)) continue;
-    const auto probed = addresses.find(device.udn);
+    if (device->is_valid || !BelongsToSearch(*device, type)) continue;
+    const auto probed = addresses.find(device->udn);
     if (probed == addresses.end()) {
       VEX_LOG(kLogMajor, kTag, "invalid device info not found!!");
     } else if (probed->second->valid) {
-      device.is_valid = true;
+      device->is_valid = true;
       VEX_LOG(kLogStep, kTag, "Device is valid and busy in performing other activity!!");
     } else {
       VEX_LOG(kLogStep, kTag, "Invalid device found. adding to list!!");
-      removed->push_back(Erase(current));
+      removed->push_back(device);
     }
   }
+  // With memory short none has gone by now, so that none goes untold.
+  for (const boost::shared_ptr<Device>& device : *removed) Remove(device);
   return removed;
 }
 

@@ -46,12 +46,14 @@ class DeviceList : private VEXUncopyable {
   // False when there is no room for one more device. Whether the key is listed already is the
   // caller's to look up.
   bool Add(boost::shared_ptr<Device>& device);
-  // Room for `bytes` more that a listed device is to hold, given back when it leaves the list.
+  // Room for `bytes` more that a listed device is to hold, given back when the device is gone.
   bool Reserve(const boost::shared_ptr<Device>& device, std::size_t bytes);
   void Remove(const boost::shared_ptr<Device>& device);
   // Removes the first entry with this key and gives it, or null, to be dropped without the mutex.
   boost::shared_ptr<Device> RemoveByUdn(const std::string& udn);
-  // The device and all that are embedded in it, to any depth.
+  // The same for the first one that is not ready.
+  boost::shared_ptr<Device> RemoveUnreadyByUdn(const std::string& udn);
+  // The device and all that are embedded in it, to any depth. When it throws, all of them stay.
   void RemoveDeviceHierarchy(const boost::shared_ptr<Device>& device);
   // Takes out what was met on the interface, and whatever was met on none. Never null.
   std::unique_ptr<Devices> RemoveAndGetDevicesByInterface(const std::string& name);
@@ -94,8 +96,6 @@ class DeviceList : private VEXUncopyable {
   struct Entry {
     boost::shared_ptr<Device> device;
     ByUdn::iterator place;
-    // What it holds of the common bound.
-    std::size_t held;
   };
 
   DeviceList() = default;
@@ -111,7 +111,6 @@ class DeviceList : private VEXUncopyable {
   // their order of insertion.
   ByUdn by_udn_;
   std::unordered_multimap<const Device*, Entries::iterator> by_device_;
-  std::size_t held_ = 0;
   std::list<std::string> accepted_devices_;
 
   // Never destroyed: a thread of the library may still look while the process exits.

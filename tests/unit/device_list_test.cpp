@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 
 #include <ctime>
+#include <functional>
+#include <new>
 #include <regex>
 #include <string>
 #include <vector>
@@ -365,7 +367,7 @@ TEST_F(DeviceListTest, AsManyAsTheBoundAreListedAndNoMore) {
 }
 
 TEST_F(DeviceListTest, WhatDevicesHoldIsBounded) {
-  const DevicePtr device = Add("uuid:a");
+  DevicePtr device = Add("uuid:a");
   // The record itself takes its share.
   EXPECT_FALSE(list_->Reserve(device, limits::kHeldDeviceBytes));
   const std::size_t most = limits::kHeldDeviceBytes - 64 * 1024;
@@ -374,15 +376,179 @@ TEST_F(DeviceListTest, WhatDevicesHoldIsBounded) {
   DevicePtr large = MakeDevice("uuid:large");
   large->description_xml.reset(new std::string(128 * 1024, 'x'));
   EXPECT_FALSE(list_->Add(large));
-  // It is given back when the device goes.
+  // It is given back when the device goes, wherever it was.
   list_->Remove(device);
-  EXPECT_TRUE(list_->Add(large));
   EXPECT_FALSE(list_->Reserve(device, 1));
+  EXPECT_FALSE(list_->Add(large));
+  device.reset();
+  EXPECT_TRUE(list_->Add(large));
   // A description that two devices share is counted once.
   DevicePtr embedded = MakeDevice("uuid:embedded");
   embedded->description_xml = large->description_xml;
+  embedded->description_held = large->description_held;
   ASSERT_TRUE(list_->Add(embedded));
   EXPECT_TRUE(list_->Reserve(embedded, limits::kHeldDeviceBytes - 192 * 1024));
+}
+
+// Fills all room but this much.
+DevicePtr LeaveRoom(DeviceList& list, std::size_t bytes) {
+  DevicePtr full = MakeDevice("uuid:full");
+  EXPECT_TRUE(list.Add(full));
+  for (std::size_t step = limits::kHeldDeviceBytes; step > 0; step /= 2) {
+    while (list.Reserve(full, step)) {
+    }
+  }
+  DevicePtr room = MakeDevice("uuid:room");
+  list.Remove(full);
+  full.reset();
+  EXPECT_TRUE(list.Add(room));
+  EXPECT_TRUE(list.Reserve(room, limits::kHeldDeviceBytes - bytes - 4096));
+  return room;
+}
+
+TEST_F(DeviceListTest, RegressionEveryTextOfADeviceCounts) {
+  constexpr std::size_t kText = 1024 * 1024;
+  const DevicePtr room = LeaveRoom(*list_, kText);
+  const std::string text(kText + 4096, 't');
+  const auto has_room = [&](const std::function<void(Device&)>& fill) {
+    DevicePtr device = MakeDevice("uuid:a");
+    fill(*device);
+    const bool added = list_->Add(device);
+    list_->Remove(device);
+    return added;
+  };
+  EXPECT_TRUE(has_room([](Device&) {}));
+  for (std::string Device::*const field :
+       {&Device::description_url,  &Device::spec_minor,        &Device::spec_major,
+        &Device::dlna_cap,         &Device::device_type,       &Device::manufacturer,
+        &Device::manufacturer_url, &Device::model_description, &Device::model_name,
+        &Device::model_number,     &Device::model_url,         &Device::udn,
+        &Device::base_url,         &Device::url_base,          &Device::upc,
+        &Device::serial_number,    &Device::presentation_url,  &Device::ip,
+        &Device::interface_ip,     &Device::interface_name}) {
+    EXPECT_FALSE(has_room([&](Device& device) { device.*field = text; }));
+  }
+  // It is there twice, and so is a key.
+  const std::string half(kText / 2 + 4096, 't');
+  EXPECT_FALSE(has_room([&](Device& device) { device.friendly_name = half; }));
+  EXPECT_FALSE(has_room([&](Device& device) { device.udn = half; }));
+  EXPECT_TRUE(has_room([&](Device& device) { device.model_name = half; }));
+  for (std::string ServiceInfo::*const field :
+       {&ServiceInfo::service_key, &ServiceInfo::service_owner, &ServiceInfo::service_type,
+        &ServiceInfo::service_id, &ServiceInfo::scpd_url, &ServiceInfo::control_url,
+        &ServiceInfo::event_sub_url, &ServiceInfo::scpd_xml}) {
+    EXPECT_FALSE(has_room([&](Device& device) {
+      device.services.emplace_back(new ServiceInfo);
+      (*device.services.back()).*field = text;
+    }));
+  }
+  for (std::string DeviceIcon::*const field :
+       {&DeviceIcon::mimetype, &DeviceIcon::width, &DeviceIcon::height, &DeviceIcon::depth,
+        &DeviceIcon::url, &DeviceIcon::reserved}) {
+    EXPECT_FALSE(has_room([&](Device& device) {
+      device.icons.emplace_back(new DeviceIcon);
+      (*device.icons.back()).*field = text;
+    }));
+  }
+  for (std::string AdditionalFieldInfo::*const field :
+       {&AdditionalFieldInfo::name, &AdditionalFieldInfo::value}) {
+    EXPECT_FALSE(has_room([&](Device& device) {
+      device.additional_fields.emplace_back(new AdditionalFieldInfo);
+      (*device.additional_fields.back()).*field = text;
+    }));
+  }
+}
+
+TEST_F(DeviceListTest, ADeviceThatComesBackCountsOnce) {
+  const DevicePtr room = LeaveRoom(*list_, 1024 * 1024);
+  DevicePtr device = MakeDevice("uuid:a");
+  device->services.emplace_back(new ServiceInfo);
+  ASSERT_TRUE(list_->Add(device));
+  ASSERT_TRUE(list_->Reserve(device, 700 * 1024));
+  device->services.back()->scpd_xml.assign(700 * 1024, 's');
+  for (int i = 0; i < 3; ++i) {
+    list_->Remove(device);
+    EXPECT_TRUE(list_->Add(device));
+  }
+}
+
+TEST_F(DeviceListTest, RegressionWhatAListedDeviceKeepsAliveGoesOnCounting) {
+  constexpr std::size_t kText = 200 * 1024 * 1024;
+  DevicePtr root = Add("root");
+  DevicePtr embedded = MakeDevice("embedded");
+  root->embedded_devices = {embedded};
+  ASSERT_TRUE(list_->Add(embedded));
+  ASSERT_TRUE(list_->Reserve(embedded, kText));
+  // Its record stays in the tree of its root, with all that it holds.
+  list_->Remove(embedded);
+  embedded.reset();
+  const DevicePtr other = Add("other");
+  EXPECT_FALSE(list_->Reserve(other, kText));
+  list_->Remove(root);
+  root.reset();
+  EXPECT_TRUE(list_->Reserve(other, kText));
+}
+
+TEST_F(DeviceListTest, RegressionADescriptionCountsAsLongAsOneOfItsDevices) {
+  constexpr std::size_t kText = 1024 * 1024;
+  const DevicePtr room = LeaveRoom(*list_, kText);
+  DevicePtr root = MakeDevice("root");
+  root->description_xml.reset(new std::string(kText - 64 * 1024, 'x'));
+  ASSERT_TRUE(list_->Add(root));
+  DevicePtr embedded = MakeDevice("embedded");
+  embedded->description_xml = root->description_xml;
+  embedded->description_held = root->description_held;
+  ASSERT_TRUE(list_->Add(embedded));
+  list_->Remove(root);
+  root.reset();
+  const DevicePtr other = Add("other");
+  EXPECT_FALSE(list_->Reserve(other, kText / 2));
+  list_->Remove(embedded);
+  embedded.reset();
+  EXPECT_TRUE(list_->Reserve(other, kText / 2));
+}
+
+// Devices that had left the list and were not told as removed were lost to everybody.
+TEST_F(DeviceListTest, RegressionWithoutMemoryAHierarchyStaysAsAWhole) {
+  DevicePtr root = MakeDevice("root");
+  root->embedded_devices = {MakeDevice("one"), MakeDevice("two")};
+  const auto list_all = [&] {
+    for (DevicePtr device : {root, root->embedded_devices.front(), root->embedded_devices.back()}) {
+      if (!list_->IsListed(device)) list_->Add(device);
+    }
+  };
+  for (const bool by_interface : {false, true}) {
+    list_all();
+    const int failures = vex_test::EachAllocationFails(
+        [&] {
+          try {
+            if (by_interface) {
+              list_->RemoveAndGetDevicesByInterface("eth0");
+            } else {
+              list_->RemoveDeviceHierarchy(root);
+            }
+          } catch (const std::bad_alloc&) {
+          }
+        },
+        [&](bool failed) {
+          const auto all = list_->GetAllDevices();
+          EXPECT_EQ(failed ? 3U : 0U, all ? all->size() : 0U);
+        });
+    EXPECT_GT(failures, 2);
+  }
+}
+
+TEST_F(DeviceListTest, RegressionADeviceThatIsReadyIsNotTakenForALostOne) {
+  const DevicePtr ready = AddReady("uuid:a");
+  EXPECT_FALSE(list_->RemoveUnreadyByUdn("uuid:a"));
+  const DevicePtr unready = Add("uuid:a");
+  const DevicePtr later = Add("uuid:a");
+  Add("uuid:b");
+  EXPECT_EQ(unready, list_->RemoveUnreadyByUdn("uuid:a"));
+  EXPECT_EQ(later, list_->RemoveUnreadyByUdn("uuid:a"));
+  EXPECT_FALSE(list_->RemoveUnreadyByUdn("uuid:a"));
+  EXPECT_EQ(ready, list_->IsDeviceAdded("uuid:a"));
+  EXPECT_TRUE(list_->IsDeviceAdded("uuid:b"));
 }
 
 TEST_F(DeviceListTest, LookUpsDoNotDependOnTheNumberOfDevices) {
@@ -448,6 +614,16 @@ TEST_F(DeviceListTest, ADeviceThatIsStreamingIsNeverUnconfirmed) {
       EXPECT_TRUE(streaming_device->is_valid) << type;
       EXPECT_FALSE(idle_device->is_valid) << type;
     }
+    // What was found of the sessions goes with every failure.
+    vex_test::EachAllocationFails(
+        [&] {
+          try {
+            list_->ResetDeviceListValidity("ssdp:all");
+          } catch (const std::bad_alloc&) {
+          }
+        },
+        [](bool) {});
+    streaming_device->is_valid = true;
     EXPECT_EQ(0, streaming::StopClientTransfer(transfer));
     list_->ResetDeviceListValidity("ssdp:all");
     EXPECT_FALSE(streaming_device->is_valid);

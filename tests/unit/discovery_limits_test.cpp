@@ -40,6 +40,8 @@ TEST(HeldByDevices, IsGivenOutToTheLastByteAndNoFurther) {
   boost::shared_ptr<Device> more(new Device);
   EXPECT_FALSE(list->Add(more));
   list->Remove(device);
+  EXPECT_FALSE(list->Add(more));
+  device.reset();
   EXPECT_TRUE(list->Add(more));
   DeviceList::Terminate();
 }
