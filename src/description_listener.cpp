@@ -494,7 +494,8 @@ void DescriptionListener::CheckEmbeddedDeviceExistance(CPDiscoveryManager& manag
   {
     const boost::shared_ptr<DeviceList> list = DeviceList::GetInstance();
     boost::lock_guard<boost::recursive_mutex> lock(list->device_list_mutex);
-    if (list->IsDeviceAdded(udn) || !list->Add(device)) return;
+    // With the root it went as one of its parts, and has been told.
+    if (!list->IsListed(root) || list->IsDeviceAdded(udn) || !list->Add(device)) return;
   }
   int requests = 0;
   if (!DescribeServices(manager, device, requests) || requests > 0) return;

@@ -14,17 +14,18 @@ constexpr const char* kTag = log::kTagDiscovery;
 
 using DevicePtr = boost::shared_ptr<Device>;
 
-// An embedded device and the one it is embedded in, which outlives the walk.
-struct Embedded {
-  DevicePtr device;
-  const Device* parent;
+// Where an embedded device stands in the one it is embedded in.
+struct Place {
+  DevicePtr parent;
+  std::list<DevicePtr>::iterator child;
 };
 
 // Last child first, so that the stack gives the first one back first.
-void PushChildren(const Device& parent, std::vector<Embedded>& waiting) {
-  const auto& children = parent.embedded_devices;
-  for (auto child = children.rbegin(); child != children.rend(); ++child) {
-    waiting.push_back({*child, &parent});
+void PushChildren(const DevicePtr& parent, std::vector<Place>& waiting) {
+  auto& children = parent->embedded_devices;
+  for (auto child = children.end(); child != children.begin();) {
+    --child;
+    waiting.push_back({parent, child});
   }
 }
 
@@ -40,6 +41,12 @@ void CompleteFromParent(Device& device, const Device& parent) {
   device.base_url = parent.base_url;
   device.description_url = parent.description_url;
   device.description_xml = parent.description_xml;
+  device.description_held = parent.description_held;
+}
+
+// What one description makes shares its text.
+bool AreOfOneDescription(const Device& a, const Device& b) {
+  return a.description_xml == b.description_xml;
 }
 
 void DropUnlisted(const DeviceList& list, const DevicePtr& root, std::list<DevicePtr>& dropped) {
@@ -50,7 +57,7 @@ void DropUnlisted(const DeviceList& list, const DevicePtr& root, std::list<Devic
     for (auto child = children.begin(); child != children.end();) {
       const auto current = child++;
       if (list.IsListed(*current)) {
-        waiting.push_back(*current);
+        if (AreOfOneDescription(**current, *root)) waiting.push_back(*current);
       } else {
         dropped.splice(dropped.end(), children, current);
       }
@@ -66,22 +73,48 @@ bool AddAndNote(DeviceList& list, DevicePtr& device, std::list<DevicePtr>& liste
   return false;
 }
 
+// The record of an earlier description that is listed under the device's key, if there is one.
+DevicePtr ListedBefore(const DeviceList& list, const Device& device) {
+  DevicePtr listed = list.IsDeviceAdded(device.udn);
+  if (listed && AreOfOneDescription(*listed, device)) listed.reset();
+  return listed;
+}
+
+// A device is listed and told once. One that has outlived the device it was embedded in takes its
+// old place in the new tree; no record stands in two trees, so that a walk over one has an end.
+void GiveWay(const Place& place, const DevicePtr& listed, std::list<DevicePtr>& dropped) {
+  if (!listed->is_embedded || !listed->parent.expired()) {
+    dropped.splice(dropped.end(), place.parent->embedded_devices, place.child);
+    return;
+  }
+  dropped.push_back(*place.child);
+  *place.child = listed;
+  listed->parent = place.parent;
+}
+
 void ListEmbedded(DeviceList& list, const DevicePtr& root, std::list<DevicePtr>& dropped,
                   std::list<DevicePtr>& listed) {
-  std::vector<Embedded> waiting;
-  PushChildren(*root, waiting);
+  std::vector<Place> waiting;
+  PushChildren(root, waiting);
   while (!waiting.empty()) {
-    Embedded next = waiting.back();
+    const Place next = waiting.back();
     waiting.pop_back();
-    if (next.parent != root.get() && next.parent->interface_name.empty()) {
+    if (next.parent != root && next.parent->interface_name.empty()) {
       VEX_LOG(kLogStep, kTag, "interface name not avaliable..NULL");
     }
-    CompleteFromParent(*next.device, *next.parent);
-    if (!AddAndNote(list, next.device, listed)) {
+    DevicePtr device = *next.child;
+    CompleteFromParent(*device, *next.parent);
+    if (const DevicePtr before = ListedBefore(list, *device)) {
+      GiveWay(next, before, dropped);
+      continue;
+    }
+    if (!AddAndNote(list, device, listed)) {
       DropUnlisted(list, root, dropped);
       break;
     }
-    PushChildren(*next.device, waiting);
+    device->is_embedded = true;
+    device->parent = next.parent;
+    PushChildren(device, waiting);
   }
 }
 
@@ -100,13 +133,13 @@ bool ListDeviceHierarchy(DeviceList& list, DevicePtr& root, std::list<DevicePtr>
 }
 
 DevicePtr FindEmbeddedDevice(const DevicePtr& root, const std::string& udn) {
-  std::vector<Embedded> waiting;
-  PushChildren(*root, waiting);
+  std::vector<Place> waiting;
+  PushChildren(root, waiting);
   while (!waiting.empty()) {
-    const Embedded next = waiting.back();
+    const DevicePtr device = *waiting.back().child;
     waiting.pop_back();
-    if (next.device->udn == udn) return next.device;
-    PushChildren(*next.device, waiting);
+    if (device->udn == udn) return device;
+    PushChildren(device, waiting);
   }
   return DevicePtr();
 }

@@ -18,7 +18,8 @@ namespace cp_discovery {
 // Lists a root device and every device embedded in it, parents first, after completing the embedded
 // ones from their parents. With the device list's mutex held. False when there is no room for the
 // root; embedded devices without room leave the tree and go to `dropped`, to be destroyed when the
-// mutex has been released. `listed` receives what was listed. When it throws, nothing is listed.
+// mutex has been released, and so do those whose key another description's device has already.
+// `listed` receives what was listed. When it throws, nothing is listed.
 bool ListDeviceHierarchy(DeviceList& list, boost::shared_ptr<Device>& root,
                          std::list<boost::shared_ptr<Device>>& dropped,
                          std::list<boost::shared_ptr<Device>>& listed);

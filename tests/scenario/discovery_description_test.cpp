@@ -523,6 +523,43 @@ TEST_F(DiscoveryDescription, AFailingRootLeavesItsEmbeddedDevices) {
   EXPECT_FALSE(Listed("uuid:root+localhost"));
 }
 
+TEST_F(DiscoveryDescription, RegressionARootThatFailsAgainAndAgainDoesNotDoubleItsDevices) {
+  DiscoveryRig::Register("upnp:rootdevice");
+  for (const int services : {0, 1}) {
+    DiscoveryRig::ClearEvents();
+    FakeDevice root = Plain("uuid:root", 1);
+    root.services[0].scpd_url = "http://127.0.0.1/no-port.xml";
+    root.embedded = {Plain("uuid:one", services)};
+    const std::string url = ServeDevice(server_, "/d.xml", root);
+    LogCapture log;
+    for (int round = 1; round <= 3; ++round) {
+      DiscoveryRig::Receive(Alive("uuid:root", url));
+      EXPECT_TRUE(WaitUntil(
+          [&] { return log.Count("Unable to form service  URI from abs_uri ") == round; }));
+      EXPECT_TRUE(WaitUntil([] { return NothingIsRequestedOf("uuid:root+localhost"); }));
+      EXPECT_TRUE(WaitUntil([] { return NothingIsRequestedOf("uuid:one+localhost"); }));
+      EXPECT_EQ(1U, ListSize());
+      ASSERT_TRUE(HasEvents(1));
+    }
+    EXPECT_THAT(DiscoveryRig::EventLog(), ElementsAre("+uuid:one+localhost"));
+    DiscoveryRig::Receive(ByebyeDatagram("uuid:one", "uuid:one"));
+    EXPECT_THAT(DiscoveryRig::EventLog(),
+                ElementsAre("+uuid:one+localhost", "-uuid:one+localhost"));
+    EXPECT_EQ(0U, ListSize());
+  }
+}
+
+// Its last missing answer may come while the request is being given up.
+TEST_F(DiscoveryDescription, RegressionADeviceThatIsReadyIsNotLost) {
+  DiscoveryRig::Register("upnp:rootdevice");
+  DiscoveryRig::Receive(Alive("uuid:a", ServeDevice(server_, "/d.xml", Plain("uuid:a", 1))));
+  ASSERT_TRUE(HasEvents(1));
+  CPDiscoveryManager::GetInstance()->LoseDevice("uuid:a+localhost");
+  EXPECT_TRUE(CanBeFound("uuid:a+localhost"));
+  DiscoveryRig::Receive(ByebyeDatagram("uuid:a", "uuid:a"));
+  EXPECT_THAT(DiscoveryRig::EventLog(), ElementsAre("+uuid:a+localhost", "-uuid:a+localhost"));
+}
+
 TEST_F(DiscoveryDescription, URLBaseLeadsTheRootsRequestsOnly) {
   DiscoveryRig::Register("upnp:rootdevice");
   DescriptionServer other("127.0.0.1");

@@ -100,6 +100,58 @@ TEST_F(Hierarchy, WhatHasNoRoomLeavesTheTree) {
   EXPECT_FALSE(ListDeviceHierarchy(*list_, late, dropped_, listed_));
 }
 
+// A description's devices, all with its text.
+DevicePtr Described(const std::string& udn, const std::list<DevicePtr>& embedded) {
+  DevicePtr root = MakeDevice(udn, embedded);
+  root->description_xml.reset(new std::string("<root/>"));
+  return root;
+}
+
+TEST_F(Hierarchy, RegressionADeviceThatOutlivedItsRootIsListedOnce) {
+  const DevicePtr one = MakeDevice("one", {MakeDevice("deep")});
+  DevicePtr root = Described("root", {one});
+  ASSERT_TRUE(ListDeviceHierarchy(*list_, root, dropped_, listed_));
+  for (int i = 0; i < 3; ++i) {
+    list_->Remove(root);
+    listed_.clear();
+    root = Described("root", {MakeDevice("zero"), MakeDevice("one"), MakeDevice("two")});
+    ASSERT_TRUE(ListDeviceHierarchy(*list_, root, dropped_, listed_));
+    EXPECT_EQ(one, FindEmbeddedDevice(root, "one"));
+    EXPECT_EQ(one->embedded_devices.front(), FindEmbeddedDevice(root, "deep"));
+    EXPECT_EQ(3U, root->embedded_devices.size());
+    EXPECT_EQ(i == 0 ? 3U : 1U, listed_.size());
+    EXPECT_EQ(5U, Keys().size());
+  }
+  list_->RemoveDeviceHierarchy(root);
+  EXPECT_THAT(Keys(), ElementsAre());
+}
+
+// A record in two trees, or twice in one, would be told twice; and a walk over trees that share
+// their parts may have no end in time.
+TEST_F(Hierarchy, RegressionADeviceOfAnotherTreeStaysThere) {
+  DevicePtr first = Described("first", {MakeDevice("one")});
+  ASSERT_TRUE(ListDeviceHierarchy(*list_, first, dropped_, listed_));
+  DevicePtr second = Described("second", {MakeDevice("first"), MakeDevice("one"), MakeDevice("a")});
+  ASSERT_TRUE(ListDeviceHierarchy(*list_, second, dropped_, listed_));
+  EXPECT_EQ(2U, dropped_.size());
+  EXPECT_EQ(1U, second->embedded_devices.size());
+  EXPECT_THAT(Keys(), ElementsAre("first", "one", "second", "a"));
+  // Twice in one description, it is there once when it had been there before.
+  list_->Remove(first);
+  listed_.clear();
+  first = Described("first", {MakeDevice("one"), MakeDevice("one")});
+  ASSERT_TRUE(ListDeviceHierarchy(*list_, first, dropped_, listed_));
+  EXPECT_EQ(1U, first->embedded_devices.size());
+  EXPECT_THAT(Keys(), ElementsAre("one", "second", "a", "first"));
+}
+
+TEST_F(Hierarchy, EqualKeysOfOneDescriptionAreAllListed) {
+  DevicePtr root =
+      Described("same", {MakeDevice("same", {MakeDevice("same")}), MakeDevice("same")});
+  ASSERT_TRUE(ListDeviceHierarchy(*list_, root, dropped_, listed_));
+  EXPECT_THAT(Keys(), ElementsAre("same", "same", "same", "same"));
+}
+
 // A device with half of its places could never be removed, and none like it ever be listed.
 TEST_F(Hierarchy, RegressionWithoutMemoryNothingIsListed) {
   const int failures = vex_test::EachAllocationFails(
