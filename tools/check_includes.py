@@ -24,7 +24,7 @@ LAYERS = {
                'packet_queue pattern_table reading_sessions network_listeners network_types',
     'streaming': 'streaming*',
     'discovery': 'cp_discovery cp_discovery_manager discovery_* now_requesting* '
-                 'description_listener device device_description_parser device_list observer '
+                 'description_listener device device_description_parser device_list held_bytes observer '
                  'cp_network_state_listener rescan* auto_rescan* location_check',
     'control': 'cp_control control_* action_* subscribe_* unsubscribe_* resubscribe_* '
                'event_callback',
