@@ -4,16 +4,25 @@ import json
 import os
 import re
 import select
+import shutil
 import signal
 import socket
 import struct
 import subprocess
+import tempfile
 import unittest
 
-from support import BINARY_DIR, LIMIT_S, SimulatorTest, wait_until
+from support import BINARY_DIR, LIMIT_S, ROOT, SimulatorTest, wait_until
 
 PROGRAM = os.path.join(BINARY_DIR, "vexcp")
 SWITCH = "urn:schemas-upnp-org:service:SwitchPower:1"
+WITHOUT_CONTROL = """<?xml version="1.0"?>
+<root xmlns="urn:schemas-upnp-org:device-1-0"><device>
+<deviceType>urn:example-org:device:Odd:1</deviceType><friendlyName>Odd\x1b[2J</friendlyName>
+<UDN>uuid:{{udn}}</UDN><serviceList><service><serviceType>%s</serviceType>
+<serviceId>urn:upnp-org:serviceId:SwitchPower.0</serviceId><SCPDURL>SwitchPower.xml</SCPDURL>
+<controlURL></controlURL><eventSubURL></eventSubURL></service></serviceList></device></root>
+""" % SWITCH
 
 
 def run(*arguments):
@@ -108,6 +117,17 @@ class CallTest(SimulatorTest):
         result = self.call("Heating", "GetStatus", status=1)
         self.assertIn("Lamp has no service Heating; it has", result.stderr)
         self.assertEqual(0, self.simulator.do("stats")["actions"])
+
+    def test_a_service_without_a_control_url_is_told_and_a_name_cannot_command_the_terminal(self):
+        lamp = os.path.join(ROOT, "apps", "vexsim", "devices", "lamp")
+        with tempfile.TemporaryDirectory() as folder:
+            shutil.copy(os.path.join(lamp, "SwitchPower.xml"), folder)
+            with open(os.path.join(folder, "description.xml"), "w", encoding="utf-8") as file:
+                file.write(WITHOUT_CONTROL)
+            self.start(folder)
+        result = self.call("SwitchPower", "GetStatus", status=1)
+        self.assertEqual("vexcp: Odd?[2J has left the network, or gives no control URL for that "
+                         "service\n", result.stderr)
 
     def test_an_error_is_told_in_words(self):
         self.start("renderer")
