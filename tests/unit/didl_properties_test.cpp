@@ -190,6 +190,12 @@ TEST(XmlValue, NumbersGiveOneByte) {
   EXPECT_EQ("+\xFF", Decoded("&#xFFF;"));
 }
 
+TEST(XmlValue, KeptWhatIsNoNumberGivesANul) {
+  EXPECT_EQ(std::string("+\0", 2), Decoded("&#;"));
+  // The number that stands behind is found, and read where the first one would have its digits.
+  EXPECT_EQ(std::string("+\0", 2), Decoded("&b&#65;"));
+}
+
 TEST(XmlValue, EmptyTextIsAFailure) {
   std::string out = "+";
   EXPECT_EQ(1, UnescapeXmlValue("", out));
@@ -216,6 +222,8 @@ TEST(XmlValue, KeptEntityIsLookedForAnywhereBehind) {
 TEST(XmlValue, KeptSearchBeginsBehindWhatWasWritten) {
   // Two characters have been written, and from there on there is another whole entity.
   EXPECT_EQ("+\"\"\"", Decoded("&quot;&quot;&q"));
+  // Five have been written, and the only entity begins before that.
+  EXPECT_EQ("+<aaaa&lx", Decoded("&lt;aaaa&lx"));
 }
 
 struct Info {

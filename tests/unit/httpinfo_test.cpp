@@ -329,6 +329,35 @@ TEST(HttpInfo, CleanInfoKeepsTheAddressesOnly) {
   EXPECT_EQ(1U, info->GetHeaderCount());
 }
 
+TEST(HttpInfo, CleanInfoLeavesNothingToTheNextMessage) {
+  const std::string chunked = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
+  const std::string left_at[] = {
+      chunked + "5\r\nhe",
+      chunked + "5\r\nhello",
+      chunked + "5\r\nhello\r",
+      chunked + "5;ex",
+      "HTTP/1.1 404 Nope\r\nContent-Length: 9\r\n\r\nhello",
+      "POST /a HTTP/1.0\r\n\r\nuntil close",
+      "GET /a HTTP/1.0\r\nA: b",
+      std::string("GET \0", 5),
+  };
+  const std::string next[] = {chunked + "3\r\nabc\r\n0\r\n\r\n",
+                              "HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nabcdefgh"};
+  for (const std::string& begun : left_at) {
+    for (const std::string& message : next) {
+      for (const bool formatted : {false, true}) {
+        SCOPED_TRACE(begun + " | " + message);
+        InfoPtr info = Parsed(begun);
+        if (formatted) info->FormatStartLine();
+        info->CleanInfo();
+        EXPECT_EQ(vex_test::Look(*boost::make_shared<HTTPInfo>(), 0), vex_test::Look(*info, 0));
+        const int outcome = Feed(info, message);
+        EXPECT_EQ(vex_test::Look(*Parsed(message), result::kOk), vex_test::Look(*info, outcome));
+      }
+    }
+  }
+}
+
 TEST(HttpInfo, CleanInfoGivesBackWhatALargeHeaderTook) {
   InfoPtr info = Parsed("GET / HTTP/1.1\r\n" + std::string(100000, 'a'));
   info->CleanInfo();

@@ -9,6 +9,7 @@
 
 #include "base/limits.h"
 #include "tests/support/any_cut.h"
+#include "tests/support/cpu_seconds.h"
 #include "tests/support/log_capture.h"
 
 namespace vex_upnp {
@@ -90,6 +91,19 @@ TEST(HttpBody, SearchAnswerHasNone) {
 
 TEST(HttpBody, UsnOfARequestIsNoSearchAnswer) {
   EXPECT_EQ("complete, body 'tail'", Ending("POST / HTTP/1.1\r\nUSN: x\r\nContent-Length: 4"));
+}
+
+TEST(HttpBody, EachPieceOfABodyUntilCloseGoesBackToTheCaller) {
+  InfoPtr info = Begun("HTTP/1.0 200 OK\r\n\r\n");
+  for (int i = 0; i < 2; ++i) {
+    info->SetParsingStatus(PARSING_CONTINUE);
+    EXPECT_EQ(result::kOk, info->StoreData("ab", 2));
+    EXPECT_EQ(PARSING_RETURN, info->GetParsingStatus());
+    EXPECT_EQ(result::kOk, Feed(info, "cd"));
+    EXPECT_EQ(PARSING_RETURN, info->GetParsingStatus());
+    EXPECT_EQ(MESSAGE_INCOMPLETE, info->GetState());
+  }
+  EXPECT_EQ("abcdabcd", TakeBody(*info));
 }
 
 TEST(HttpBody, WithoutEitherHeaderItRunsUntilClose) {
@@ -413,6 +427,50 @@ TEST(HttpHostile, ManyStrayLines) {
   EXPECT_EQ(result::kOk, info->GetHeaderValue("A", value));
   EXPECT_EQ("1stray", value);
   EXPECT_EQ(200000U, info->GetHeaderCount());
+}
+
+// What the quickest of three runs costs: others may have disturbed the rest.
+template <typename Work>
+double Cost(Work work) {
+  double least = 0;
+  for (int run = 0; run < 3; ++run) {
+    const vex_test::CpuSeconds cpu;
+    work();
+    const double cost = cpu.Elapsed();
+    if (run == 0 || cost < least) least = cost;
+  }
+  return least;
+}
+
+// Four times as much may cost four times as much; a search that starts anew costs sixteen times.
+constexpr double kWellBelowSquare = 9;
+
+TEST(HttpHostile, AHeaderByteByByteCostsWhatItIsLong) {
+  const auto feed = [](std::size_t size) {
+    InfoPtr info = boost::make_shared<HTTPInfo>();
+    Feed(info, "GET / HTTP/1.1\r\nA: ");
+    const std::string value(size, 'a');
+    for (const char& byte : value) {
+      info->SetParsingStatus(PARSING_CONTINUE);
+      ASSERT_EQ(result::kOk, HTTPParser::Parse(&byte, 1, info));
+    }
+    EXPECT_EQ(19U + size, info->GetRawHeaderSize());
+  };
+  const double quarter = Cost([&] { feed(64 * 1024); });
+  EXPECT_LT(Cost([&] { feed(256 * 1024); }), kWellBelowSquare * quarter);
+}
+
+TEST(HttpHostile, StrayLinesCostWhatTheyAreLong) {
+  const auto parse = [](int lines) {
+    std::string message = "GET / HTTP/1.1\r\n";
+    for (int i = 0; i < lines; ++i) message += "a:1\r\nstray\r\n";
+    message += "\r\n";
+    InfoPtr info = boost::make_shared<HTTPInfo>();
+    EXPECT_EQ(result::kOk, Feed(info, message));
+    EXPECT_EQ(static_cast<unsigned int>(lines), info->GetHeaderCount());
+  };
+  const double quarter = Cost([&] { parse(10000); });
+  EXPECT_LT(Cost([&] { parse(40000); }), kWellBelowSquare * quarter);
 }
 
 TEST(HttpHostile, DatagramsThatAreNoMessages) {
