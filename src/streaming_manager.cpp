@@ -37,6 +37,11 @@ constexpr int kPoolThreads = 20;
 constexpr int kFirstClientId = 101;
 constexpr int kClientIdEnd = 1000;
 
+stServer** EndOfChain(stServer** chain) {
+  while (*chain != nullptr) chain = &(*chain)->next;
+  return chain;
+}
+
 }  // namespace
 
 boost::mutex& StreamingManager::m_singleton_mutex_ = *new boost::mutex;
@@ -243,11 +248,20 @@ int StreamingManager::__StartOnAll(const ServerAppCallbacks* callbacks, int port
   ServerLock lock(m_server_list_mutex_);
   FreePtr<ServerAppCallbacks> copy(DupServerCallbacks(callbacks));
   if (!copy) return result::kStreamingOutOfMemory;
-  const Configuration configuration(
-      new configuration_server_info(m_configuration_id_, kAllInterfaces, port, copy.release()));
-  __AddConfiguration(configuration);
+  // Listed when all is done: one that finds no memory on the way takes its servers with it.
+  std::list<Configuration> place(
+      1, Configuration(new configuration_server_info(m_configuration_id_, kAllInterfaces, port,
+                                                     copy.release())));
+  stServer** const end = EndOfChain(servers);
+  try {
+    _CreateServerOnAllNWInterfaces(place.front(), end);
+  } catch (...) {
+    FreeServerInfoList(*end);
+    *end = nullptr;
+    throw;
+  }
+  __AddConfiguration(place);
   *configuration_id = m_configuration_id_++;
-  _CreateServerOnAllNWInterfaces(configuration, servers);
   return result::kOk;
 }
 
@@ -259,11 +273,27 @@ void StreamingManager::_CreateServerOnAllNWInterfaces(const Configuration& confi
     int port = configuration->port;
     const boost::shared_ptr<TCPServer> server =
         __MakeServer(configuration->callbacks.get(), interface.ip_address, interface.name, port);
-    if (server->Start(port) != result::kOk) continue;
-    AddServerInfo(m_server_id_, interface.ip_address, interface.name, port, servers);
-    ++m_server_id_;
-    __AddServer(*configuration, server);
+    if (!__StartServer(*configuration, server, port)) continue;
+    const int server_id = m_server_id_++;
+    if (!AddServerInfo(server_id, interface.ip_address, interface.name, port, servers)) {
+      throw std::bad_alloc();
+    }
   }
+}
+
+bool StreamingManager::__StartServer(configuration_server_info& configuration,
+                                     const boost::shared_ptr<TCPServer>& server, int& port) {
+  // Its place first: a server that listens must be known to whoever stops it.
+  __AddServer(configuration, server);
+  try {
+    if (server->Start(port) == result::kOk) return true;
+  } catch (...) {
+    server->Stop();
+    __DropServer(configuration, server);
+    throw;
+  }
+  __DropServer(configuration, server);
+  return false;
 }
 
 int StreamingManager::__StartOnInterface(const ServerAppCallbacks* callbacks, const std::string& ip,
@@ -279,12 +309,15 @@ int StreamingManager::__StartOnInterface(const ServerAppCallbacks* callbacks, co
   if (!copy) return result::kStreamingOutOfMemory;
   int bound = port;
   const boost::shared_ptr<TCPServer> server = __MakeServer(callbacks, ip, interface.name, port);
-  if (server->Start(bound) != result::kOk) return result::kStreamingBindFailed;
-  const Configuration configuration(
-      new configuration_server_info(m_configuration_id_, interface.name, port, copy.release()));
-  configuration->servers.push_back(server);
-  __AddConfiguration(configuration);
-  AddServerInfo(m_server_id_, ip, interface.name, bound, servers);
+  // Listed when all is done: one that finds no memory on the way takes its server with it.
+  std::list<Configuration> place(
+      1, Configuration(new configuration_server_info(m_configuration_id_, interface.name, port,
+                                                     copy.release())));
+  if (!__StartServer(*place.front(), server, bound)) return result::kStreamingBindFailed;
+  if (!AddServerInfo(m_server_id_, ip, interface.name, bound, servers)) {
+    return result::kStreamingOutOfMemory;
+  }
+  __AddConfiguration(place);
   VEX_LOG(kLogMajor, kTagStreaming, "Server started on interface %s @759", ip.c_str());
   *configuration_id = m_configuration_id_;
   ++m_configuration_id_;
@@ -292,15 +325,21 @@ int StreamingManager::__StartOnInterface(const ServerAppCallbacks* callbacks, co
   return result::kOk;
 }
 
-void StreamingManager::__AddConfiguration(const Configuration& configuration) {
+void StreamingManager::__AddConfiguration(std::list<Configuration>& place) {
   ServerViewLock view(m_server_view_mutex_);
-  m_configurations_.push_back(configuration);
+  m_configurations_.splice(m_configurations_.end(), place);
 }
 
 void StreamingManager::__AddServer(configuration_server_info& configuration,
                                    const boost::shared_ptr<TCPServer>& server) {
   ServerViewLock view(m_server_view_mutex_);
   configuration.servers.push_back(server);
+}
+
+void StreamingManager::__DropServer(configuration_server_info& configuration,
+                                    const boost::shared_ptr<TCPServer>& server) {
+  ServerViewLock view(m_server_view_mutex_);
+  configuration.servers.remove(server);
 }
 
 boost::shared_ptr<TCPServer> StreamingManager::GetServer(int server_id) {
@@ -563,8 +602,7 @@ void StreamingManager::StopStreamingServers(const std::string& interface) {
       VEX_LOG(kLogMajor, kTagStreaming, "Sending Network Notification to profile");
       configuration->callbacks->on_status(server->GetServerId(), 0, STREAMING_SERVER_STOPPED);
       server->Stop();
-      ServerViewLock view(m_server_view_mutex_);
-      configuration->servers.remove(server);
+      __DropServer(*configuration, server);
     }
   }
 }
@@ -591,12 +629,11 @@ void StreamingManager::ConfigureStreamingServers(const std::string& interface,
     const boost::shared_ptr<TCPServer> server =
         __MakeServer(configuration->callbacks.get(), ip, interface, port);
     ++m_server_id_;
-    if (server->Start(port) != result::kOk) {
+    if (!__StartServer(*configuration, server, port)) {
       VEX_LOG(kLogMajor, kTagStreaming, "Not able to start TCP server!");
       VEX_LOG(kLogMajor, kTagStreaming, "Not able to start TCP on interface %s", ip.c_str());
       continue;
     }
-    __AddServer(*configuration, server);
     configuration->callbacks->on_status(server_id, 0, STREAMING_SERVER_STARTED);
   }
 }

@@ -109,14 +109,19 @@ class StreamingManager : public network_layer::NetworkEventListener, public VEXU
   int __StartOnAll(const ServerAppCallbacks* callbacks, int port, stServer** servers,
                    int* configuration_id);
   void _CreateServerOnAllNWInterfaces(const Configuration& configuration, stServer** servers);
+  // Starts a server of a configuration; one that cannot be started leaves nothing behind.
+  static bool __StartServer(configuration_server_info& configuration,
+                            const boost::shared_ptr<TCPServer>& server, int& port);
   boost::shared_ptr<TCPServer> __MakeServer(const ServerAppCallbacks* callbacks,
                                             const std::string& ip, const std::string& interface,
                                             int port);
   static bool _IsServerRunning(const configuration_server_info& configuration,
                                const std::string& interface);
-  void __AddConfiguration(const Configuration& configuration);
+  void __AddConfiguration(std::list<Configuration>& place);
   static void __AddServer(configuration_server_info& configuration,
                           const boost::shared_ptr<TCPServer>& server);
+  static void __DropServer(configuration_server_info& configuration,
+                           const boost::shared_ptr<TCPServer>& server);
   bool __AppendServedPeers(stRunningSession*& head, stRunningSession*& tail);
   void StopStreamingServers(const std::string& interface);
   void ConfigureStreamingServers(const std::string& interface, const std::string& ip);
