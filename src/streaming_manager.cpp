@@ -388,16 +388,27 @@ int StreamingManager::GetStreamingServerPort(int configuration_id, const std::st
 
 int StreamingManager::StopServers(int configuration_id) {
   Configuration stopped;
-  ServerLock lock(m_server_list_mutex_);
-  const auto found = std::find_if(m_configurations_.begin(), m_configurations_.end(),
-                                  [&](const Configuration& configuration) {
-                                    return configuration->configuration_id == configuration_id;
-                                  });
-  if (found == m_configurations_.end()) return result::kStreamingNoServer;
-  stopped = *found;
-  ServerViewLock view(m_server_view_mutex_);
-  m_configurations_.erase(found);
+  std::list<boost::shared_ptr<TCPServer>> servers;
+  {
+    ServerLock lock(m_server_list_mutex_);
+    const auto found = std::find_if(m_configurations_.begin(), m_configurations_.end(),
+                                    [&](const Configuration& configuration) {
+                                      return configuration->configuration_id == configuration_id;
+                                    });
+    if (found == m_configurations_.end()) return result::kStreamingNoServer;
+    stopped = *found;
+    ServerViewLock view(m_server_view_mutex_);
+    servers.swap(stopped->servers);
+    m_configurations_.erase(found);
+  }
+  // Here, not where the configuration ends: an event of an interface may hold that one too.
+  for (const boost::shared_ptr<TCPServer>& server : servers) server->Stop();
   return result::kOk;
+}
+
+bool StreamingManager::__IsListed(const Configuration& configuration) const {
+  return std::find(m_configurations_.begin(), m_configurations_.end(), configuration) !=
+         m_configurations_.end();
 }
 
 int StreamingManager::StopServerTransfer(int server_id, int session_id) {
@@ -598,6 +609,8 @@ void StreamingManager::StopStreamingServers(const std::string& interface) {
   for (const Configuration& configuration : configurations) {
     const std::list<boost::shared_ptr<TCPServer>> servers = configuration->servers;
     for (const boost::shared_ptr<TCPServer>& server : servers) {
+      // A callback may have stopped what was next.
+      if (!__IsListed(configuration)) break;
       if (server->GetInterfaceName() != interface) continue;
       VEX_LOG(kLogMajor, kTagStreaming, "Sending Network Notification to profile");
       configuration->callbacks->on_status(server->GetServerId(), 0, STREAMING_SERVER_STOPPED);
@@ -624,6 +637,8 @@ void StreamingManager::ConfigureStreamingServers(const std::string& interface,
   for (const Configuration& configuration : configurations) {
     const bool wanted = configuration->name == kAllInterfaces || configuration->name == interface;
     if (!wanted || _IsServerRunning(*configuration, interface)) continue;
+    // A callback may have stopped what was next.
+    if (!__IsListed(configuration)) continue;
     int port = configuration->port;
     const int server_id = m_server_id_;
     const boost::shared_ptr<TCPServer> server =

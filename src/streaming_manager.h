@@ -115,6 +115,8 @@ class StreamingManager : public network_layer::NetworkEventListener, public VEXU
   boost::shared_ptr<TCPServer> __MakeServer(const ServerAppCallbacks* callbacks,
                                             const std::string& ip, const std::string& interface,
                                             int port);
+  // Under m_server_list_mutex_.
+  bool __IsListed(const Configuration& configuration) const;
   static bool _IsServerRunning(const configuration_server_info& configuration,
                                const std::string& interface);
   void __AddConfiguration(std::list<Configuration>& place);
