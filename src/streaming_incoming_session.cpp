@@ -32,6 +32,17 @@ constexpr int kAfterData = 4;
 // Reads of a refused peer before the others of the pool have their turn.
 constexpr int kDiscardsAtOnce = 16;
 
+// What does not fit into memory is as little an answer as what cannot be formed.
+int FormWhole(const ResHeaderInfo*& header, std::string& out) {
+  try {
+    out.reserve(kHeaderReserve);
+    return FormResHeader(header, out);
+  } catch (const std::bad_alloc&) {
+    VEX_LOG(kLogMajor, kTagStreaming, "No memory for a response header");
+    return result::kStreamingOutOfMemory;
+  }
+}
+
 }  // namespace
 
 IncomingSession::IncomingSession(io_service& io, const ServerAppCallbacks& callbacks,
@@ -42,7 +53,9 @@ IncomingSession::IncomingSession(io_service& io, const ServerAppCallbacks& callb
       server_(server),
       socket_(io),
       close_timer_(io),
-      http_info_(new utils::HTTPInfo) {}
+      http_info_(new utils::HTTPInfo) {
+  response_header_.reserve(sizeof(kInternalError));
+}
 
 bool IncomingSession::__IsListed() {
   const boost::shared_ptr<StreamingManager> manager = StreamingManager::GetExisting();
@@ -229,26 +242,26 @@ void IncomingSession::DataRecvdCallback(const error_code& error, std::size_t byt
 }
 
 int IncomingSession::RegisterWrite(const ResHeaderInfo*& header, const bool& final) {
-  final_ = final;
   boost::lock_guard<boost::mutex> lock(response_mutex_);
-  response_header_.reserve(kHeaderReserve);
-  const int formed = FormResHeader(header, response_header_);
+  std::string whole;
+  const int formed = FormWhole(header, whole);
   if (formed != result::kOk) {
+    // Needs no memory: there has been room for it from the beginning.
     response_header_ = kInternalError;
     final_ = true;
     return formed;
   }
-  if (header->status_code == HTTP_CONTINUE) {
-    final_ = false;
-    is_continue_ = true;
-  }
+  response_header_.swap(whole);
+  const bool is_continue = header->status_code == HTTP_CONTINUE;
+  if (is_continue) is_continue_ = true;
   chunked_ = IsChunked(header->transfer_encoding) && header->http_version == HTTP_1_1 &&
              request_type_ != utils::HTTP_POST;
+  // Last, and under the lock under which the header is written: who sees it finds the header whole.
+  final_ = final && !is_continue;
   return result::kOk;
 }
 
 int IncomingSession::RegisterWriteWithErrorCode(const unsigned int& status) {
-  final_ = true;
   ResHeaderInfo header = {};
   header.http_version = HTTP_1_1;
   header.status_code = status;
