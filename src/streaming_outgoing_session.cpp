@@ -150,15 +150,21 @@ int OutgoingSession::RegisterWrite(const ReqHeaderInfo*& header) {
     request_type_ = header->request_type;
     chunked_ = header->http_version == HTTP_1_1 && IsChunked(header->transfer_encoding);
     final_ = header->expect != nullptr || header->request_type < utils::HTTP_POST;
-    // The write has a copy of its own: the header stays and may be added to meanwhile.
-    if (connected_) ready.reset(new std::string(request_header_));
+    if (connected_) __PostHeader();
+    return result::kOk;
+  } catch (...) {
+    // What was refused is not sent with a later request.
+    request_header_.resize(before);
+    throw;
   }
-  if (ready) {
-    VEX_LOG(kLogDetail, kTagStreaming, "Sending Request: [%s]", ready->c_str());
-    const boost::shared_ptr<OutgoingSession> self = shared_from_this();
-    socket_.queue().Post([self, ready] { self->__WriteHeader(ready); });
-  }
-  return result::kOk;
+}
+
+void OutgoingSession::__PostHeader() {
+  // The write has a copy of its own: the header stays and may be added to meanwhile.
+  const boost::shared_ptr<std::string> ready(new std::string(request_header_));
+  VEX_LOG(kLogDetail, kTagStreaming, "Sending Request: [%s]", ready->c_str());
+  const boost::shared_ptr<OutgoingSession> self = shared_from_this();
+  socket_.queue().Post([self, ready] { self->__WriteHeader(ready); });
 }
 
 void OutgoingSession::__WriteHeader(const boost::shared_ptr<std::string>& header) {

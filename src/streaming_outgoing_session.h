@@ -58,13 +58,17 @@ class OutgoingSession : public VEXUncopyable,
   auto __IfListed(Step step);
   bool __IsListed();
 
-  void CallbackConnect(const error_code& error);
+  // Addresses that have not been tried yet, in their order. Used on the socket's queue only.
+  using Endpoints = std::list<tcp::endpoint>;
+
+  void CallbackConnect(const error_code& error, const boost::shared_ptr<Endpoints>& left);
   void CallbackWriteHeader(const error_code& error);
   void CallbackWritePayload(const error_code& error);
   void CallbackRead(const error_code& error, std::size_t bytes);
   void DataRecvdCallback(const error_code& error, std::size_t bytes);
 
-  void __Connect(const tcp::endpoint& endpoint);
+  void __Connect(const boost::shared_ptr<Endpoints>& left);
+  void __PostHeader() VEX_REQUIRES(request_mutex_);
   void __WriteHeader(const boost::shared_ptr<std::string>& header);
   void RegisterRead();
   void __ReadHeader();
@@ -99,6 +103,7 @@ class OutgoingSession : public VEXUncopyable,
   std::atomic<bool> final_{false};
   std::atomic<unsigned int> payload_length_{0};
 
+  // Outer to the lock of the socket's queue, to which a header is posted.
   mutable boost::mutex request_mutex_;
   // What Connect was given: the session is listed before.
   std::string ip_ VEX_GUARDED_BY(request_mutex_);
