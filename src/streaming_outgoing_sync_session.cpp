@@ -117,15 +117,15 @@ void OutgoingSyncSession::HandleResolve(const error_code& error, const tcp::endp
       boost::lock_guard<boost::mutex> lock(resolve_mutex_);
       if (closed_) return;
       socket_.open(endpoint.protocol(), open_error);
-      if (!open_error) descriptor_ = socket_.native_handle();
+      if (!open_error) {
+        descriptor_ = socket_.native_handle();
+        // Under the lock: a socket that is shut down before its connect begins would connect.
+        const boost::shared_ptr<OutgoingSyncSession> self = shared_from_this();
+        socket_.async_connect(
+            endpoint, [self](const error_code& connected) { self->HandleConnect(connected); });
+      }
     }
-    if (open_error) {
-      HandleConnect(open_error);
-      return;
-    }
-    const boost::shared_ptr<OutgoingSyncSession> self = shared_from_this();
-    socket_.async_connect(endpoint,
-                          [self](const error_code& connected) { self->HandleConnect(connected); });
+    if (open_error) HandleConnect(open_error);
   } catch (...) {
     LogCurrentException(VEX_LOG_SITE, kLogMajor, kTagStreaming, "Exception: %s",
                         "Unknown error in connect!");
