@@ -175,6 +175,10 @@ void TCPServer::handle_accept(const error_code& error) {
   } catch (const std::bad_alloc&) {
     // The one connection is lost, the server is not.
     VEX_LOG(kLogMajor, kTagStreaming, "No memory for a connection");
+    boost::shared_ptr<IncomingSession> session;
+    if (FindSession(session_id, session) == result::kYes) {
+      callbacks_->on_status(server_id_, session_id, STREAMING_SOCKET_FAILED);
+    }
     SessionCompleted(session_id);
   }
   RetryWithoutMemory([this] { __Accept(); });
