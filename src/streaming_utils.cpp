@@ -341,7 +341,7 @@ RequestRecord FormRequestHeaderInfo(const boost::shared_ptr<HTTPInfo>& info) {
   }
   request->http_version = IsVersion(*info, 1, 0) ? HTTP_1_0 : HTTP_1_1;
   std::vector<NameValue*> headers;
-  info->GetHeader(headers);
+  if (info->GetHeader(headers) != result::kOk) return RequestRecord();
   GetHeaderValues(headers, request.get());
   FormAdditionalHeaders(headers, &request->additional_headers);
   return request;
@@ -355,7 +355,7 @@ ResponseRecord FormResponseHeaderInfo(const boost::shared_ptr<HTTPInfo>& info) {
   response->http_version = IsVersion(*info, 1, 1) ? HTTP_1_1 : HTTP_1_0;
   response->status_code = info->GetStatusCode();
   std::vector<NameValue*> headers;
-  info->GetHeader(headers);
+  if (info->GetHeader(headers) != result::kOk) return ResponseRecord();
   GetHeaderValues(headers, response.get());
   FormAdditionalHeaders(headers, &response->additional_headers);
   return response;

@@ -469,6 +469,34 @@ TEST(StreamingRecords, WithoutMemoryNothingOfARecordIsLeft) {
   EXPECT_GT(vex_test::EachAllocationFails(form, [](bool) {}), 8);
 }
 
+// A record without any header would be taken for that of a message without any.
+TEST(StreamingRecords, RegressionWithoutMemoryForTheHeadersThereIsNoRecord) {
+  bool failed = true;
+  int records = 0;
+  for (int nth = 1; failed; ++nth) {
+    const boost::shared_ptr<HTTPInfo> request =
+        Parsed("GET /a/path HTTP/1.1\r\nHost: a.host\r\nOne: two\r\n\r\n");
+    const boost::shared_ptr<HTTPInfo> response =
+        Parsed("HTTP/1.1 200 OK\r\nServer: a server\r\nContent-Length: 0\r\nOne: two\r\n\r\n");
+    RequestRecord asked;
+    ResponseRecord answered;
+    {
+      const vex_test::FailAlloc fail(nth);
+      try {
+        asked = FormRequestHeaderInfo(request);
+        answered = FormResponseHeaderInfo(response);
+      } catch (const std::bad_alloc&) {
+      }
+      failed = fail.Failed();
+    }
+    EXPECT_TRUE(!asked || asked->host != nullptr || asked->additional_headers != nullptr) << nth;
+    EXPECT_TRUE(!answered || answered->server != nullptr || answered->additional_headers != nullptr)
+        << nth;
+    records += asked && answered ? 1 : 0;
+  }
+  EXPECT_GT(records, 0);
+}
+
 TEST(StreamingServers, TheChainGrowsAtItsEnd) {
   stServer* chain = nullptr;
   EXPECT_TRUE(AddServerInfo(1000, "10.0.0.1", "eth0", 5000, &chain));
