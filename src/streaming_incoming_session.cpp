@@ -359,12 +359,18 @@ void IncomingSession::__CloseAfterPause() {
   close_timer_.expires_after(
       std::chrono::milliseconds(timing::Scaled(timing::kServedConnectionPauseMs)));
   const boost::shared_ptr<IncomingSession> self = shared_from_this();
-  close_timer_.async_wait([self](const error_code&) {
-    self->socket_.queue().Run(self->__IfListed([](IncomingSession& session) {
-      session.ShutDown();
-      session.CompleteSession();
-    }));
-  });
+  try {
+    close_timer_.async_wait([self](const error_code&) {
+      self->socket_.queue().Run(self->__IfListed([](IncomingSession& session) {
+        session.ShutDown();
+        session.CompleteSession();
+      }));
+    });
+  } catch (const std::bad_alloc&) {
+    // The answer is out: there is nothing to tell, and the end comes without the pause.
+    ShutDown();
+    CompleteSession();
+  }
 }
 
 void IncomingSession::__FailSocket(const error_code& error, bool tell_host) {
