@@ -101,7 +101,7 @@ void IncomingSession::__StartReading(tcp::socket& accepted) {
     __FailSocket(error, true);
     return;
   }
-  const MediaOptionResult options = SetMediaSocketOptions(socket_.socket());
+  const MediaOptionResult options = socket_.SetOptions();
   if (options.no_delay) {
     VEX_LOG(kLogMajor, kTagStreaming, "socket set_option failed for tcp::no_delay, [%s]!",
             options.no_delay.message().c_str());

@@ -73,9 +73,9 @@ int OutgoingSession::Connect(const std::string& ip, const int& port) {
     VEX_LOG(kLogMajor, kTagStreaming, "Error: input string was not valid!");
     return result::kStreamingInvalidPort;
   }
-  tcp::endpoint endpoint;
+  const boost::shared_ptr<Endpoints> left(new Endpoints);
   error_code error;
-  if (!ResolveEndpoint(ip, port, endpoint, error)) {
+  if (!ResolveEndpoints(ip, port, *left, error)) {
     VEX_LOG(kLogMajor, kTagStreaming, "Error: connect failed for all endpoints!");
     return result::kStreamingConnectFailed;
   }
@@ -85,37 +85,47 @@ int OutgoingSession::Connect(const std::string& ip, const int& port) {
     const boost::shared_ptr<OutgoingSession> session = weak.lock();
     if (!session || !session->alive_) return;
     session->ShutDown();
-    session->__Fail(STREAMING_OUT_OF_MEMORY);
+    if (session->__IsListed()) session->__Fail(STREAMING_OUT_OF_MEMORY);
   });
-  socket_.queue().Post([self, endpoint] { self->__Connect(endpoint); });
+  socket_.queue().Post([self, left] { self->__Connect(left); });
   return result::kOk;
 }
 
-void OutgoingSession::__Connect(const tcp::endpoint& endpoint) {
+void OutgoingSession::__Connect(const boost::shared_ptr<Endpoints>& left) {
   if (!alive_) return;
+  const tcp::endpoint endpoint = left->front();
+  left->pop_front();
   error_code error;
   socket_.socket().open(endpoint.protocol(), error);
   if (error) {
-    __IfListed([error](OutgoingSession& session) { session.CallbackConnect(error); })();
+    __IfListed([error, left](OutgoingSession& session) { session.CallbackConnect(error, left); })();
     return;
   }
   if (!socket_.MarkOpen()) return;
   const boost::shared_ptr<OutgoingSession> self = shared_from_this();
-  socket_.socket().async_connect(endpoint, [self](const error_code& connected) {
+  socket_.socket().async_connect(endpoint, [self, left](const error_code& connected) {
     self->socket_.queue().Run(self->__IfListed(
-        [connected](OutgoingSession& session) { session.CallbackConnect(connected); }));
+        [connected, left](OutgoingSession& session) { session.CallbackConnect(connected, left); }));
   });
 }
 
-void OutgoingSession::CallbackConnect(const error_code& error) {
+void OutgoingSession::CallbackConnect(const error_code& error,
+                                      const boost::shared_ptr<Endpoints>& left) {
   if (!alive_) return;
+  if (error && !left->empty()) {
+    error_code close_error;
+    socket_.GiveUp(close_error);
+    if (close_error) VEX_LOG(kLogMajor, kTagStreaming, "Error in closing TCP socket!");
+    __Connect(left);
+    return;
+  }
   if (error) {
     VEX_LOG(kLogMajor, kTagStreaming, "Error: %s", error.message().c_str());
     ShutDown();
     __Fail(STREAMING_SOCKET_FAILED);
     return;
   }
-  const MediaOptionResult options = SetMediaSocketOptions(socket_.socket());
+  const MediaOptionResult options = socket_.SetOptions();
   if (options.no_delay) {
     VEX_LOG(kLogMajor, kTagStreaming, "Set option failed for no delay %s",
             options.no_delay.message().c_str());
@@ -138,9 +148,9 @@ void OutgoingSession::CallbackConnect(const error_code& error) {
 }
 
 int OutgoingSession::RegisterWrite(const ReqHeaderInfo*& header) {
-  boost::shared_ptr<std::string> ready;
-  {
-    boost::lock_guard<boost::mutex> lock(request_mutex_);
+  boost::lock_guard<boost::mutex> lock(request_mutex_);
+  const std::size_t before = request_header_.size();
+  try {
     request_header_.reserve(kHeaderReserve);
     const int formed = FormReqHeader(header, request_header_);
     if (formed != result::kOk) {

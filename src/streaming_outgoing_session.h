@@ -2,6 +2,7 @@
 #define VEXUPNPCP_SRC_STREAMING_OUTGOING_SESSION_H_
 
 #include <atomic>
+#include <list>
 #include <string>
 
 #include <boost/enable_shared_from_this.hpp>

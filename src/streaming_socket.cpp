@@ -32,12 +32,25 @@ MediaOptionResult SetMediaSocketOptions(tcp::socket& socket) {
   return result;
 }
 
+MediaOptionResult MediaSocket::SetOptions() {
+  const MediaOptionResult result = SetMediaSocketOptions(socket_);
+  boost::asio::socket_base::receive_buffer_size granted;
+  error_code error;
+  socket_.get_option(granted, error);
+  // The kernel counts its own records too: much more than this may never fit into a small buffer.
+  if (!error && granted.value() >= 4) {
+    most_awaited_ = std::min(kWakeUpBytes, static_cast<std::size_t>(granted.value()) / 4);
+  }
+  return result;
+}
+
 bool IsPort(int port) { return port >= 0 && port <= 65535; }
 
-bool ResolveEndpoint(const std::string& ip, int port, tcp::endpoint& endpoint, error_code& error) {
+bool ResolveEndpoints(const std::string& ip, int port, std::list<tcp::endpoint>& endpoints,
+                      error_code& error) {
   const boost::asio::ip::address_v4 numeric = boost::asio::ip::make_address_v4(ip, error);
   if (!error) {
-    endpoint = tcp::endpoint(numeric, static_cast<unsigned short>(port));
+    endpoints.assign(1, tcp::endpoint(numeric, static_cast<unsigned short>(port)));
     return true;
   }
   io_service io;
@@ -45,7 +58,15 @@ bool ResolveEndpoint(const std::string& ip, int port, tcp::endpoint& endpoint, e
   const tcp::resolver::results_type found = resolver.resolve(
       tcp::v4(), ip, std::to_string(port), tcp::resolver::address_configured, error);
   if (error || found.empty()) return false;
-  endpoint = found.begin()->endpoint();
+  endpoints.clear();
+  for (const auto& entry : found) endpoints.push_back(entry.endpoint());
+  return true;
+}
+
+bool ResolveEndpoint(const std::string& ip, int port, tcp::endpoint& endpoint, error_code& error) {
+  std::list<tcp::endpoint> endpoints;
+  if (!ResolveEndpoints(ip, port, endpoints, error)) return false;
+  endpoint = endpoints.front();
   return true;
 }
 
@@ -103,7 +124,7 @@ void MediaSocket::__Read(const boost::shared_ptr<Transfer>& transfer) {
     return;
   }
   reads_in_a_row_ = 0;
-  __WakeFor(std::min(transfer->size - transfer->moved, kWakeUpBytes));
+  __WakeFor(std::min(transfer->size - transfer->moved, most_awaited_));
   // `done` keeps this socket.
   socket_.async_wait(tcp::socket::wait_read, [this, transfer](const error_code& waited) {
     queue_.Run([this, transfer, waited] {
@@ -155,6 +176,14 @@ bool MediaSocket::End(error_code& error) {
   }
   descriptor_ = kNoDescriptor;
   return first;
+}
+
+void MediaSocket::GiveUp(error_code& error) {
+  {
+    boost::lock_guard<boost::mutex> lock(socket_mutex_);
+    descriptor_ = kNoDescriptor;
+  }
+  if (socket_.is_open()) socket_.close(error);
 }
 
 void MediaSocket::Close(error_code& error) {

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <functional>
+#include <list>
 #include <string>
 
 #include <boost/shared_ptr.hpp>
@@ -27,8 +28,12 @@ struct MediaOptionResult {
 
 MediaOptionResult SetMediaSocketOptions(tcp::socket& socket);
 
-// An endpoint for an address and a port. Numeric addresses are taken as they are, so that no thread
-// waits for a name server on their account; a name is resolved here and now.
+// The endpoints of an address and a port, at least one, in the order in which they are to be tried.
+// Numeric addresses are taken as they are, so that no thread waits for a name server on their
+// account; a name is resolved here and now.
+bool ResolveEndpoints(const std::string& ip, int port, std::list<tcp::endpoint>& endpoints,
+                      error_code& error);
+// The first of them.
 bool ResolveEndpoint(const std::string& ip, int port, tcp::endpoint& endpoint, error_code& error);
 
 // A port as text in an address: what a TCP port can be.
@@ -50,6 +55,9 @@ class MediaSocket {
   // On the queue: takes over an accepted connection. False when the socket has been ended before.
   bool Adopt(tcp::socket& accepted);
 
+  // On the queue: what media need of the socket, once it is connected.
+  MediaOptionResult SetOptions();
+
   // On the queue: reads or writes some, or all of a block; `done` runs on the queue and owns the
   // session with this socket. An end of the stream is an error, with the bytes that came before it.
   using Done = std::function<void(const error_code&, std::size_t)>;
@@ -60,6 +68,9 @@ class MediaSocket {
   // From any thread: ends traffic both ways, now and for later; a failure is in `error`. True when
   // this call was the first.
   bool End(error_code& error);
+
+  // On the queue: closes a socket that did not connect. Another one may be opened in its place.
+  void GiveUp(error_code& error);
 
   // On the queue: closes, after End.
   void Close(error_code& error);
@@ -79,6 +90,8 @@ class MediaSocket {
   HandlerQueue queue_;
   // On the queue only.
   std::size_t wake_up_bytes_ = 1;
+  // What a buffer of the size that the kernel has granted surely holds.
+  std::size_t most_awaited_ = 1;
   int reads_in_a_row_ = 0;
   boost::mutex socket_mutex_;
   int descriptor_ VEX_GUARDED_BY(socket_mutex_) = kNoDescriptor;

@@ -5,6 +5,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -53,6 +55,34 @@ class JumpingClock {
  private:
   std::atomic<bool> ended_{false};
   std::thread thread_;
+};
+
+// A name has these addresses, in this order, to the end of the scope. One at a time.
+class NameWithAddresses {
+ public:
+  NameWithAddresses(const std::string& name, const std::vector<std::string>& addresses);
+  NameWithAddresses(const NameWithAddresses&) = delete;
+  NameWithAddresses& operator=(const NameWithAddresses&) = delete;
+  ~NameWithAddresses();
+};
+
+// The system grants no receive buffer that is larger than this, to the end of the scope.
+class SmallReceiveBuffers {
+ public:
+  explicit SmallReceiveBuffers(int bytes);
+  SmallReceiveBuffers(const SmallReceiveBuffers&) = delete;
+  SmallReceiveBuffers& operator=(const SmallReceiveBuffers&) = delete;
+  ~SmallReceiveBuffers();
+};
+
+// Runs `action` when a thread of the library is about to connect for the first time, there. One at
+// a time; to be destroyed when the library has connected or never will.
+class BeforeConnect {
+ public:
+  explicit BeforeConnect(std::function<void()> action);
+  BeforeConnect(const BeforeConnect&) = delete;
+  BeforeConnect& operator=(const BeforeConnect&) = delete;
+  ~BeforeConnect();
 };
 
 // No descriptor is left, from here to the end of the scope.

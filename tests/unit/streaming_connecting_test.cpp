@@ -6,12 +6,15 @@
 #include <future>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <vexupnpcp/result_codes.h>
 #include <vexupnpcp/streaming.h>
 
 #include "src/streaming_manager.h"
+#include "tests/support/fail_alloc.h"
+#include "tests/support/fail_calls.h"
 #include "tests/support/full_listener.h"
 #include "tests/support/http_peer.h"
 #include "tests/support/log_capture.h"
@@ -140,7 +143,95 @@ TEST_F(StreamingConnecting, AStopOfAConnectThatWaitsCallsNothingBack) {
   EXPECT_EQ(std::vector<std::string>{answer}, client_.Events());
 }
 
+TEST_F(StreamingConnecting, RegressionANameWithASecondAddressIsReachedThere) {
+  HttpPeer peer(vex_test::AnswerWith("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n"));
+  const vex_test::NameWithAddresses name("media.test", {"127.0.0.2", "127.0.0.3", "127.0.0.1"});
+  const LogCapture log;
+  const int id = Start("media.test", peer.port());
+  Get(id);
+  const std::string answer = "response 100 " + std::to_string(id) + " 200 0 final";
+  ASSERT_TRUE(client_.Await(answer));
+  EXPECT_EQ(std::vector<std::string>{answer}, client_.Events());
+  EXPECT_FALSE(log.Holds("Error"));
+}
+
+TEST_F(StreamingConnecting, ANameWhoseAddressesAllRefuseIsOneStatus4) {
+  const int port = vex_test::UnusedPort();
+  const vex_test::NameWithAddresses name("media.test", {"127.0.0.2", "127.0.0.1"});
+  const LogCapture log;
+  const int id = Start("media.test", port);
+  Get(id);
+  ASSERT_TRUE(client_.Await("status 100 " + std::to_string(id) + " 4"));
+  EXPECT_EQ(1U, client_.Events().size());
+  EXPECT_EQ(1, log.Count("Error: Connection refused"));
+}
+
+TEST_F(StreamingConnecting, AStopWhileTheSecondAddressIsTriedCallsNothingBack) {
+  const FullListener full;
+  const vex_test::NameWithAddresses name("media.test", {"127.0.0.2", "127.0.0.1"});
+  HttpPeer peer(vex_test::AnswerWith("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n"));
+  const LogCapture log;
+  const int id = Start("media.test", full.port());
+  // The one thread comes to the others behind it: once for each address.
+  for (int i = 0; i < 2; ++i) {
+    const int other = Start(peer.ip(), peer.port());
+    Get(other);
+    ASSERT_TRUE(client_.Await("response 100 " + std::to_string(other) + " 200 0 final"));
+  }
+  EXPECT_EQ(0, StopClientTransfer(id));
+  ASSERT_TRUE(WaitUntil([&] { return log.Count(NotFound(id)) == 1; }));
+  EXPECT_FALSE(log.Holds("Error: "));
+  EXPECT_EQ(2U, client_.Events().size());
+}
+
+TEST_F(StreamingConnecting, RegressionARequestThatWasRefusedIsNotSentWithTheNext) {
+  std::string request;
+  HttpPeer peer([&](PeerConnection& connection) {
+    request = connection.ReadRequest();
+    connection.Send("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n");
+    connection.AwaitEnd();
+  });
+  HoldThePool();
+  const int id = Start(peer.ip(), peer.port());
+  // Longer than what is reserved for it.
+  const std::string target = "/" + std::string(3000, 't');
+  const ReqHeaderInfo wanted = MediaRequest(utils::HTTP_GET, target.c_str());
+  int code = 0;
+  EXPECT_GT(vex_test::EachAllocationFails([&] { code = SendHTTPRequest(id, &wanted); },
+                                          [&](bool failed) { EXPECT_EQ(failed ? 1012 : 0, code); }),
+            1);
+  Release();
+  ASSERT_TRUE(client_.Await("response 100 " + std::to_string(id) + " 200 0 final"));
+  EXPECT_EQ("GET " + target + " HTTP/1.1\r\nAccept-Language: en-us\r\n\r\n", request);
+}
+
 // The synchronous client.
+
+TEST_F(StreamingConnecting, RegressionAStopJustBeforeTheConnectIsTheEnd) {
+  const FullListener full;
+  int id = 0;
+  ASSERT_EQ(0, StartSyncClient(&id));
+  const LogCapture log;
+  std::thread stopper;
+  std::atomic<bool> stopped{false};
+  const vex_test::BeforeConnect before([&] {
+    stopper = std::thread([&] {
+      EXPECT_EQ(0, StopClientTransfer(id));
+      stopped = true;
+    });
+    EXPECT_TRUE(WaitUntil([&] {
+      return log.Count("closing OutgoingSyncSession id [" + std::to_string(id) + "]") == 1;
+    }));
+    // A stop that is let in here would be over at once.
+    WaitUntil([&] { return stopped.load(); }, std::chrono::milliseconds(200));
+  });
+  EXPECT_EQ(1006, ConnectSyncClient(id, "127.0.0.1", full.port()));
+  EXPECT_TRUE(WaitUntil([&] { return stopped.load(); }));
+  stopper.join();
+  // Nobody waits for an answer that never comes.
+  EXPECT_TRUE(WaitUntil(
+      [&] { return log.Count("~OutgoingSyncSession id [" + std::to_string(id) + "]") == 1; }));
+}
 
 TEST_F(StreamingConnecting, ASynchronousConnectThatThePoolMakesTooLateIsNotUsed) {
   HttpPeer peer(vex_test::StaySilent());
