@@ -219,9 +219,13 @@ void FileServer::OnStatus(int server, int session, int code) {
   } else {
     current_->tell_("an interface is gone, and its server with it");
     const std::lock_guard<std::mutex> lock(current_->mutex_);
+    current_->ended_.clear();
     auto& transfers = current_->transfers_;
-    for (auto one = transfers.begin(); one != transfers.end();)
-      one = one->first.first == server ? transfers.erase(one) : std::next(one);
+    for (auto one = transfers.begin(); one != transfers.end();) {
+      const auto next = std::next(one);
+      if (one->first.first == server) current_->ended_.insert(transfers.extract(one));
+      one = next;
+    }
   }
 }
 
@@ -248,7 +252,7 @@ FileServer::Answer FileServer::Find(const st::ReqHeaderInfo& request) const {
   const std::string path = UnescapePath(target.substr(0, target.find('?')));
   std::error_code error;
   const fs::path wanted = is_folder_ ? fs::canonical(root_ + "/" + path, error) : fs::path(root_);
-  const std::string below = root_ + "/";
+  const std::string below = root_ == "/" ? root_ : root_ + "/";
   // Neither ".." nor a link leads out of the folder; a single file has one name.
   const bool inside = is_folder_
                           ? wanted == root_ || wanted.string().compare(0, below.size(), below) == 0
@@ -327,7 +331,9 @@ void FileServer::AnswerRequest(const SessionKey& key, const st::ReqHeaderInfo& r
                                                        : "POST ") +
         (request.uri == nullptr ? "" : request.uri) + "  " + std::to_string(answer.status) +
         (answer.status == 206 ? "  " + value : std::string()));
-  st::SendHTTPResponse(key.first, key.second, &response, !has_body);
+  if (st::SendHTTPResponse(key.first, key.second, &response, !has_body) == 0) return;
+  const std::lock_guard<std::mutex> lock(mutex_);
+  transfers_.erase(key);
 }
 
 void FileServer::OnWritten(int server, int session, unsigned int) {

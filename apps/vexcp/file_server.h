@@ -67,6 +67,9 @@ class FileServer {
   int configuration_ = 0;
   std::mutex mutex_;
   std::map<SessionKey, std::shared_ptr<Transfer>> transfers_;
+  // Of the server that was stopped last: it ends behind the callback that tells of it, and until
+  // then its writes read from what is mapped.
+  std::map<SessionKey, std::shared_ptr<Transfer>> ended_;
 };
 
 }  // namespace vexcp

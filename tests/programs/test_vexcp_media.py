@@ -323,6 +323,13 @@ class ServeTest(MediaTest):
         self.assertEqual(0, served.stop())
         self.assertIn("GET /film%20&%20more.mp4  206  bytes 0-0/1500000\n", served.rest)
 
+    def test_the_whole_tree_is_served(self):
+        served = self.serve("/")
+        status, _, got = self.ask(served.url + self.write("tone", b"below the root")[1:])
+        self.assertEqual((200, b"below the root"), (status, got))
+        self.assertEqual(200, self.ask(served.url)[0])
+        self.assertEqual(404, self.ask(served.url + "no/such/file")[0])
+
     def test_a_folder_and_nothing_outside(self):
         self.write("outside.txt", b"secret")
         self.write("in/a.mp3", b"music")
