@@ -231,6 +231,7 @@ TEST_F(StreamingConnecting, RegressionAStopJustBeforeTheConnectIsTheEnd) {
   // Nobody waits for an answer that never comes.
   EXPECT_TRUE(WaitUntil(
       [&] { return log.Count("~OutgoingSyncSession id [" + std::to_string(id) + "]") == 1; }));
+  EXPECT_EQ(0, log.Count("Sync Connect success"));
 }
 
 TEST_F(StreamingConnecting, ASynchronousConnectThatThePoolMakesTooLateIsNotUsed) {
