@@ -95,7 +95,7 @@ TEST_F(OutgoingSyncTest, ASilentPeerIsLeftWhenTheTimeIsUp) {
 }
 
 TEST_F(OutgoingSyncTest, ATimeOutEndsAConnectionAttempt) {
-  vex_test::Ip("neigh add 10.77.0.99 lladdr 02:00:00:00:00:99 dev lan0 nud permanent");
+  vex_test::Ip("neigh replace 10.77.0.99 lladdr 02:00:00:00:00:99 dev lan0 nud permanent");
   EXPECT_EQ(result::kConnectFailed, SendTo("10.77.0.99", 80, 50));
   EXPECT_LT(elapsed_, milliseconds(10000));
   EXPECT_EQ(1, log_.Count(16, kTag, "network layer connect failed."));

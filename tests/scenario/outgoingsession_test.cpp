@@ -564,7 +564,7 @@ TEST_F(OutgoingSessionTest, CancellingAtAnyMomentOfALargeWriteIsSilentAndLeavesN
 
 TEST_F(OutgoingSessionTest, CancellingWhileConnectingIsSilent) {
   // Somebody who never answers.
-  vex_test::Ip("neigh add 10.77.0.99 lladdr 02:00:00:00:00:99 dev lan0 nud permanent");
+  vex_test::Ip("neigh replace 10.77.0.99 lladdr 02:00:00:00:00:99 dev lan0 nud permanent");
   const int id = SendTo("10.77.0.99", 80);
   EXPECT_EQ(result::kOk, CancelTCPHTTPPacket(id));
   EXPECT_TRUE(WaitUntil([&] { return CancelTCPHTTPPacket(id) == result::kFailure; }));
