@@ -113,8 +113,8 @@ void KeepBusy(int handle, const char* name, ScriptedDevice* device) {
 
 // Whatever is made here stays.
 void ExitInTheMiddle() {
-  ::alarm(60);
-  new vex_test::FasterTime(100);
+  ::alarm(120);
+  new vex_test::FasterTime(20);
   static HostRig* const rig = new HostRig;
   static ScriptedDevice* const device = new ScriptedDevice("uuid:exit", {kService});
   static const std::string* const name = new std::string("uuid:exit+lan0");
@@ -130,8 +130,9 @@ void ExitInTheMiddle() {
   ASSERT_EQ(0, SubscribeService(handle, name->c_str(), kService));
   Serve();
   KeepBusy(handle, name->c_str(), device);
-  ASSERT_TRUE(vex_test::WaitUntil(
-      [] { return actions > 10 && events > 0 && streamed > 10 && timers > 10; }));
+  ASSERT_TRUE(
+      vex_test::WaitUntil([] { return actions > 0 && events > 0 && streamed > 0 && timers > 0; },
+                          std::chrono::milliseconds(60000)));
   exiting = true;
   std::exit(0);
 }
