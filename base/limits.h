@@ -39,6 +39,10 @@ constexpr std::uint64_t kControlBodyCost = 2 * kControlBody;
 constexpr std::size_t kAnswersTogether = 64 * 1024 * 1024;
 constexpr std::size_t kEventRequestsTogether = 32 * 1024 * 1024;
 constexpr std::size_t kSmallMessage = 64 * 1024;
+// Share of the soft descriptor limit that exchanges may take; above it one in so many, the oldest
+// ones, are dropped.
+constexpr double kSessionShare = 0.7;
+constexpr unsigned kDroppedSessionsPart = 10;
 // Share of the soft descriptor limit from which the event server closes its most silent connection,
 // and a streaming server lets nobody in.
 constexpr unsigned kDescriptorSharePercent = 85;

@@ -17,6 +17,7 @@
 
 #include "base/current_exception.h"
 #include "base/io_threads.h"
+#include "base/limits.h"
 #include "base/log.h"
 #include "base/singleton.h"
 #include "base/timing.h"
@@ -33,16 +34,13 @@ namespace {
 constexpr const char* kTag = log::kTagNetwork;
 constexpr int kSsdpPort = 1900;
 constexpr char kEveryInterface[] = "0.0.0.0";
-// Share of the descriptor limit that sessions may take, and the part of them that makes room.
-constexpr double kSessionShare = 0.7;
-constexpr std::uint32_t kDeletedPart = 10;
 // Sessions at a time from which the log tells their number.
 constexpr std::size_t kManySessions = 300;
 
 std::uint32_t SessionLimit() {
   rlimit descriptors;
   if (::getrlimit(RLIMIT_NOFILE, &descriptors) != 0) return 0;
-  const double share = static_cast<double>(descriptors.rlim_cur) * kSessionShare;
+  const double share = static_cast<double>(descriptors.rlim_cur) * limits::kSessionShare;
   constexpr double kMost = std::numeric_limits<std::int32_t>::max();
   return static_cast<std::uint32_t>(std::min(share, kMost));
 }
@@ -76,7 +74,7 @@ ClientManager::~ClientManager() { StopClientThreads(); }
 
 void ClientManager::StartClientThreads(const int& count) {
   session_limit_ = SessionLimit();
-  session_delete_count_ = session_limit_ / kDeletedPart;
+  session_delete_count_ = session_limit_ / limits::kDroppedSessionsPart;
   VEX_LOG(kLogStep, kTag, "ClientManager::StartClientThreads[%d][%d]",
           static_cast<int>(session_limit_), static_cast<int>(session_delete_count_));
   try {

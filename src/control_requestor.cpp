@@ -16,7 +16,7 @@
 #include "base/timing.h"
 #include "src/action_request_timer_callback.h"
 #include "src/control_response_callback.h"
-#include "src/outgoing_address.h"
+#include "src/looked_up_ahead.h"
 #include "src/request_packets.h"
 #include "src/user_agent.h"
 

@@ -13,7 +13,7 @@
 #include "base/singleton.h"
 #include "base/timing.h"
 #include "src/event_callback.h"
-#include "src/outgoing_address.h"
+#include "src/looked_up_ahead.h"
 #include "src/request_packets.h"
 #include "src/resubscribe_timer_callback.h"
 #include "src/subscribe_info.h"

@@ -20,14 +20,14 @@ LAYERS = {
     'network': 'network_layer network_addresses networkinterface* networkmonitor '
                'net_change_listener fd_diagnostics server_notify udp_server multicast_server '
                'tcp_server servermanager incoming_tcp_session outgoing* clientmanager '
-               'callbackhandler datagram_feed datagram_server header_end message_budget '
+               'looked_up_ahead callbackhandler datagram_feed datagram_server header_end message_budget '
                'packet_queue pattern_table reading_sessions network_listeners network_types',
     'streaming': 'streaming*',
     'discovery': 'cp_discovery cp_discovery_manager discovery_* now_requesting* '
                  'description_listener device device_description_parser device_list held_bytes observer '
                  'cp_network_state_listener rescan* auto_rescan* location_check',
     'control': 'cp_control control_* action_* subscribe_* unsubscribe_* resubscribe_* '
-               'event_callback',
+               'event_callback event_delivery',
     'cp_utils': 'cp_utils* didl_*',
     'framework': 'framework_controller_cp',
     'generic': 'generic_*',
@@ -66,7 +66,8 @@ ALLOWED = {
 }
 # Private headers that a layer may include beside its row.
 PRIVATE_SINGLES = {'generic': {'src/device_type.h', 'src/request_packets.h',
-                               'src/discovery_delivery.h'}}
+                               'src/discovery_delivery.h', 'src/event_delivery.h'},
+                   'control': {'src/looked_up_ahead.h'}}
 MANAGER_ONLY_GENERIC = 'generic_cp_manager.h'
 
 

@@ -118,7 +118,8 @@ VEX_EXPORT int SendHTTPResponse(int server_id, int session_id, const ResHeaderIn
 /// @param data    From malloc. With `final` it passes to the library on success; earlier pieces
 ///                stay the caller's and may be used again after on_write_complete.
 /// @param length  Bytes. 0 with `final` ends the body.
-/// @return 0; kStreamingInvalidParams (a negative id), kStreamingNoServer, kStreamingNoSession,
+/// @return 0; kStreamingInvalidParams (a negative id, or null data with a length),
+/// kStreamingNoServer, kStreamingNoSession,
 ///         kStreamingOutOfMemory.
 VEX_EXPORT int SendHTTPPayload(int server_or_handler_id, int session_id, void* data,
                                unsigned int length, bool final);

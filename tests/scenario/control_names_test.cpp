@@ -11,6 +11,7 @@
 #include <vexupnpcp/result_codes.h>
 
 #include "base/asio.h"
+#include "src/looked_up_ahead.h"
 #include "src/outgoing_address.h"
 #include "tests/support/control_peer.h"
 #include "tests/support/control_stack.h"

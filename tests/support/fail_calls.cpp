@@ -2,7 +2,6 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <netdb.h>
 #include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/resource.h>
@@ -40,24 +39,14 @@ std::atomic<long long> clock_shift_seconds{0};
 
 std::atomic<int> largest_receive_buffer{0};
 
-// Guards the three below.
-std::mutex scripted_mutex;
-std::string scripted_name;
-std::vector<std::string> scripted_addresses;
+std::mutex before_connect_mutex;
 std::function<void()> before_connect;
-
-// The addresses of a name that has some here.
-std::vector<std::string> ScriptedAddresses(const char* name) {
-  const std::lock_guard<std::mutex> lock(scripted_mutex);
-  const bool known = name != nullptr && !scripted_name.empty() && scripted_name == name;
-  return known ? scripted_addresses : std::vector<std::string>();
-}
 
 void RunBeforeConnect() {
   std::function<void()> action;
   if (!vex_upnp::OnLibraryThread()) return;
   {
-    const std::lock_guard<std::mutex> lock(scripted_mutex);
+    const std::lock_guard<std::mutex> lock(before_connect_mutex);
     action.swap(before_connect);
   }
   if (action) action();
@@ -140,29 +129,17 @@ JumpingClock::~JumpingClock() {
   thread_.join();
 }
 
-NameWithAddresses::NameWithAddresses(const std::string& name,
-                                     const std::vector<std::string>& addresses) {
-  const std::lock_guard<std::mutex> lock(scripted_mutex);
-  scripted_name = name;
-  scripted_addresses = addresses;
-}
-
-NameWithAddresses::~NameWithAddresses() {
-  const std::lock_guard<std::mutex> lock(scripted_mutex);
-  scripted_name.clear();
-}
-
 SmallReceiveBuffers::SmallReceiveBuffers(int bytes) { largest_receive_buffer = bytes; }
 
 SmallReceiveBuffers::~SmallReceiveBuffers() { largest_receive_buffer = 0; }
 
 BeforeConnect::BeforeConnect(std::function<void()> action) {
-  const std::lock_guard<std::mutex> lock(scripted_mutex);
+  const std::lock_guard<std::mutex> lock(before_connect_mutex);
   before_connect = std::move(action);
 }
 
 BeforeConnect::~BeforeConnect() {
-  const std::lock_guard<std::mutex> lock(scripted_mutex);
+  const std::lock_guard<std::mutex> lock(before_connect_mutex);
   before_connect = nullptr;
 }
 
@@ -213,22 +190,6 @@ VEX_INTERPOSED int connect(int fd, const sockaddr* address, socklen_t length) {
   static const auto original = Original<decltype(&connect)>("connect");
   RunBeforeConnect();
   return Fails(SystemCall::kConnect) ? -1 : Seen(original(fd, address, length));
-}
-
-VEX_INTERPOSED int getaddrinfo(const char* name, const char* service, const addrinfo* hints,
-                               addrinfo** found) {
-  static const auto original = Original<decltype(&getaddrinfo)>("getaddrinfo");
-  const std::vector<std::string> addresses = ScriptedAddresses(name);
-  if (addresses.empty()) return original(name, service, hints, found);
-  addrinfo numeric = hints == nullptr ? addrinfo() : *hints;
-  numeric.ai_flags = AI_NUMERICHOST;
-  addrinfo** end = found;
-  for (const std::string& address : addresses) {
-    const int error = original(address.c_str(), service, &numeric, end);
-    if (error != 0) return error;
-    while (*end != nullptr) end = &(*end)->ai_next;
-  }
-  return 0;
 }
 
 VEX_INTERPOSED int setsockopt(int fd, int level, int option, const void* value,

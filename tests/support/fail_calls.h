@@ -6,7 +6,6 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
-#include <string>
 #include <thread>
 #include <vector>
 
@@ -55,15 +54,6 @@ class JumpingClock {
  private:
   std::atomic<bool> ended_{false};
   std::thread thread_;
-};
-
-// A name has these addresses, in this order, to the end of the scope. One at a time.
-class NameWithAddresses {
- public:
-  NameWithAddresses(const std::string& name, const std::vector<std::string>& addresses);
-  NameWithAddresses(const NameWithAddresses&) = delete;
-  NameWithAddresses& operator=(const NameWithAddresses&) = delete;
-  ~NameWithAddresses();
 };
 
 // The system grants no receive buffer that is larger than this, to the end of the scope.

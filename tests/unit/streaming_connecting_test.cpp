@@ -19,6 +19,7 @@
 #include "tests/support/http_peer.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/media_client.h"
+#include "tests/support/name_server.h"
 #include "tests/support/serving_fixture.h"
 #include "tests/support/timing_scaled.h"
 #include "tests/support/wait_until.h"
@@ -145,7 +146,7 @@ TEST_F(StreamingConnecting, AStopOfAConnectThatWaitsCallsNothingBack) {
 
 TEST_F(StreamingConnecting, RegressionANameWithASecondAddressIsReachedThere) {
   HttpPeer peer(vex_test::AnswerWith("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n"));
-  const vex_test::NameWithAddresses name("media.test", {"127.0.0.2", "127.0.0.3", "127.0.0.1"});
+  const vex_test::NameServer name("media.test", {"127.0.0.2", "127.0.0.3", "127.0.0.1"});
   const LogCapture log;
   const int id = Start("media.test", peer.port());
   Get(id);
@@ -157,7 +158,7 @@ TEST_F(StreamingConnecting, RegressionANameWithASecondAddressIsReachedThere) {
 
 TEST_F(StreamingConnecting, ANameWhoseAddressesAllRefuseIsOneStatus4) {
   const int port = vex_test::UnusedPort();
-  const vex_test::NameWithAddresses name("media.test", {"127.0.0.2", "127.0.0.1"});
+  const vex_test::NameServer name("media.test", {"127.0.0.2", "127.0.0.1"});
   const LogCapture log;
   const int id = Start("media.test", port);
   Get(id);
@@ -168,7 +169,7 @@ TEST_F(StreamingConnecting, ANameWhoseAddressesAllRefuseIsOneStatus4) {
 
 TEST_F(StreamingConnecting, AStopWhileTheSecondAddressIsTriedCallsNothingBack) {
   const FullListener full;
-  const vex_test::NameWithAddresses name("media.test", {"127.0.0.2", "127.0.0.1"});
+  const vex_test::NameServer name("media.test", {"127.0.0.2", "127.0.0.1"});
   HttpPeer peer(vex_test::AnswerWith("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n"));
   const LogCapture log;
   const int id = Start("media.test", full.port());
