@@ -27,6 +27,9 @@ class OutgoingSession;
 class OutgoingSyncSession;
 class TCPServer;
 
+// Stands for an interface's name in a configuration that serves on each one.
+constexpr char kAllInterfaces[] = "ALL_INTERFACES";
+
 // One call of StartServers: what to serve, where, and the servers that run for it.
 struct configuration_server_info : public VEXUncopyable {
   configuration_server_info(int id, const std::string& interface, int asked_port,
