@@ -150,6 +150,10 @@ NoDescriptors::NoDescriptors() {
   // Small enough to be filled, gaps included, and above all that a test has open.
   limit.rlim_cur = std::min<rlim_t>(before_, 1024);
   ::setrlimit(RLIMIT_NOFILE, &limit);
+  TakeWhatIsFree();
+}
+
+void NoDescriptors::TakeWhatIsFree() {
   for (int fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC); fd >= 0;
        fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC)) {
     filling_.push_back(fd);

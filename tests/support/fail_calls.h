@@ -75,13 +75,17 @@ class BeforeConnect {
   ~BeforeConnect();
 };
 
-// No descriptor is left, from here to the end of the scope.
+// No descriptor is left, from here to the end of the scope, save for those that what is ending by
+// itself gives back meanwhile.
 class NoDescriptors {
  public:
   NoDescriptors();
   NoDescriptors(const NoDescriptors&) = delete;
   NoDescriptors& operator=(const NoDescriptors&) = delete;
   ~NoDescriptors();
+
+  // Takes these too.
+  void TakeWhatIsFree();
 
  private:
   rlim_t before_ = 0;
