@@ -160,8 +160,11 @@ TEST_F(StreamingConnecting, ANameWhoseAddressesAllRefuseIsOneStatus4) {
   const int port = vex_test::UnusedPort();
   const vex_test::NameServer name("media.test", {"127.0.0.2", "127.0.0.1"});
   const LogCapture log;
+  // Both addresses refuse at once: the request is to be there by then.
+  HoldThePool();
   const int id = Start("media.test", port);
   Get(id);
+  Release();
   ASSERT_TRUE(client_.Await("status 100 " + std::to_string(id) + " 4"));
   EXPECT_EQ(1U, client_.Events().size());
   EXPECT_EQ(1, log.Count("Error: Connection refused"));
