@@ -136,7 +136,7 @@ DevicePtr FindEmbeddedDevice(const DevicePtr& root, const std::string& udn) {
   std::vector<Place> waiting;
   PushChildren(root, waiting);
   while (!waiting.empty()) {
-    const DevicePtr device = *waiting.back().child;
+    DevicePtr device = *waiting.back().child;
     waiting.pop_back();
     if (device->udn == udn) return device;
     PushChildren(device, waiting);
