@@ -264,7 +264,7 @@ bool CallBackHandler::ClaimResponseJob() {
 
 void CallBackHandler::CountDroppedDatagram() {
   const unsigned int dropped = ++dropped_datagrams_;
-  if (drop_line_.Allows()) {
+  if (drop_line_.Due()) {
     VEX_LOG(kLogMajor, kTag, "Too many datagrams are waiting, %u dropped so far", dropped);
   }
 }

@@ -18,7 +18,7 @@
 #include <vexupnpcp/vexuncopyable.h>
 
 #include "base/io_threads.h"
-#include "base/once_per_second.h"
+#include "base/log_limit.h"
 #include "base/thread_marks.h"
 #include "src/packet_queue.h"
 #include "src/pattern_table.h"
@@ -141,7 +141,7 @@ class CallBackHandler : public VEXUncopyable,
   bool response_job_posted_ VEX_GUARDED_BY(response_mutex_) = false;
 
   std::atomic<unsigned int> dropped_datagrams_{0};
-  OncePerSecond drop_line_;
+  LogLimit drop_line_;
   // Counts the stops: a job that was posted before a stop does nothing after it.
   std::atomic<unsigned int> stops_{0};
 

@@ -10,6 +10,7 @@
 #include <vexupnpcp/string_utils.h>
 #include <vexupnpcp/xml_utils.h>
 
+#include "base/ascii_text.h"
 #include "base/log.h"
 #include "base/number_text.h"
 #include "src/didl_properties.h"
@@ -54,14 +55,9 @@ std::size_t FindFirstOf(const std::string& text, const char* const (&candidates)
   return std::string::npos;
 }
 
-char LowerAscii(char character) {
-  return character >= 'A' && character <= 'Z' ? static_cast<char>(character - 'A' + 'a')
-                                              : character;
-}
-
 bool HoldsIgnoringCase(std::string_view text, std::string_view piece) {
   const auto found = std::search(text.begin(), text.end(), piece.begin(), piece.end(),
-                                 [](char a, char b) { return LowerAscii(a) == LowerAscii(b); });
+                                 [](char a, char b) { return ToLowerAscii(a) == ToLowerAscii(b); });
   return found != text.end() || piece.empty();
 }
 

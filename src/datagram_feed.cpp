@@ -40,7 +40,7 @@ DatagramFeed::Result DatagramFeed::Parse(std::size_t size) {
   }
   if (header_end_.Saw(buffer_.data(), size)) return Result::kFailed;
   if (joined_bytes_ > limits::kPartialDatagramHeader) {
-    if (too_long_line_.Allows()) {
+    if (too_long_line_.Due()) {
       VEX_LOG(kLogMajor, kTag, "Unfinished header of %u bytes dropped",
               static_cast<unsigned int>(joined_bytes_));
     }

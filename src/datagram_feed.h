@@ -11,7 +11,7 @@
 
 #include "base/asio.h"
 #include "base/limits.h"
-#include "base/once_per_second.h"
+#include "base/log_limit.h"
 #include "src/header_end.h"
 
 namespace vex_upnp {
@@ -63,7 +63,7 @@ class DatagramFeed {
   std::size_t joined_bytes_ = 0;
   std::size_t joined_cost_ = 0;
   std::size_t message_bytes_ = 0;
-  OncePerSecond too_long_line_;
+  LogLimit too_long_line_;
   // One more than a read: the search for a first line's end wants a NUL behind what came.
   std::array<char, kSize + 1> buffer_;
 };

@@ -3,6 +3,7 @@
 #include <list>
 #include <new>
 #include <set>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -12,6 +13,7 @@
 #include <vexupnpcp/result_codes.h>
 #include <vexupnpcp/string_utils.h>
 
+#include "base/ascii_text.h"
 #include "base/current_exception.h"
 #include "base/limits.h"
 #include "base/log.h"
@@ -34,15 +36,8 @@ constexpr const char* kTag = log::kTagDiscovery;
 constexpr char kErrorPageStart[] = "<html>";
 constexpr char kHttpScheme[] = "http://";
 
-char LowerCase(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
-
-// `start` is in lower case.
-bool BeginsWithIgnoringCase(const std::string& text, const std::string& start) {
-  if (text.size() < start.size()) return false;
-  for (std::size_t i = 0; i < start.size(); ++i) {
-    if (LowerCase(text[i]) != start[i]) return false;
-  }
-  return true;
+bool BeginsWithIgnoringCase(std::string_view text, std::string_view start) {
+  return EqualsIgnoringCase(text.substr(0, start.size()), start);
 }
 
 // KEPT: a 300 passes for a success.

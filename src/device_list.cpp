@@ -1,6 +1,7 @@
 #include "src/device_list.h"
 
 #include <algorithm>
+#include <iterator>
 #include <string_view>
 #include <unordered_set>
 #include <utility>
@@ -158,18 +159,19 @@ std::map<std::string, int> StreamingAddresses() {
   return addresses;
 }
 
-// The devices and all that are embedded in them, to any depth, each once.
-std::vector<boost::shared_ptr<Device>> WithEmbedded(const DeviceList::Devices& devices) {
-  std::vector<boost::shared_ptr<Device>> all;
+// The devices and all that are embedded in them, each once and parents first. A description may
+// embed devices in one another as deep as it likes, so each one's children are put in behind it.
+DeviceList::Devices WithEmbedded(DeviceList::Devices devices) {
   std::unordered_set<const Device*> known;
-  const auto add = [&](const DeviceList::Devices& found) {
-    for (const boost::shared_ptr<Device>& device : found) {
-      if (known.insert(device.get()).second) all.push_back(device);
+  for (auto device = devices.begin(); device != devices.end();) {
+    if (!known.insert(device->get()).second) {
+      device = devices.erase(device);
+      continue;
     }
-  };
-  add(devices);
-  for (std::size_t i = 0; i < all.size(); ++i) add(all[i]->embedded_devices);
-  return all;
+    const DeviceList::Devices& embedded = (*device)->embedded_devices;
+    device = devices.insert(std::next(device), embedded.begin(), embedded.end());
+  }
+  return devices;
 }
 
 // Probes `addresses` a batch at a time; each batch takes the whole time-out.
@@ -289,9 +291,11 @@ boost::shared_ptr<Device> DeviceList::RemoveUnreadyByUdn(const std::string& udn)
   return boost::shared_ptr<Device>();
 }
 
-void DeviceList::RemoveDeviceHierarchy(const boost::shared_ptr<Device>& device) {
+DeviceList::Devices DeviceList::RemoveDeviceHierarchy(const boost::shared_ptr<Device>& device) {
   // Found before the first of them goes: with memory short, all of them stay.
-  for (const boost::shared_ptr<Device>& leaving : WithEmbedded({device})) Remove(leaving);
+  Devices leaving = WithEmbedded({device});
+  for (const boost::shared_ptr<Device>& gone : leaving) Remove(gone);
+  return leaving;
 }
 
 std::unique_ptr<DeviceList::Devices> DeviceList::RemoveAndGetDevicesByInterface(

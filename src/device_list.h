@@ -53,8 +53,9 @@ class DeviceList : private VEXUncopyable {
   boost::shared_ptr<Device> RemoveByUdn(const std::string& udn);
   // The same for the first one that is not ready.
   boost::shared_ptr<Device> RemoveUnreadyByUdn(const std::string& udn);
-  // The device and all that are embedded in it, to any depth. When it throws, all of them stay.
-  void RemoveDeviceHierarchy(const boost::shared_ptr<Device>& device);
+  // Takes out the device and all that are embedded in it, to any depth, and gives them, parents
+  // first, to be dropped without the mutex. When it throws, all of them stay.
+  Devices RemoveDeviceHierarchy(const boost::shared_ptr<Device>& device);
   // Takes out what was met on the interface, and whatever was met on none. Never null.
   std::unique_ptr<Devices> RemoveAndGetDevicesByInterface(const std::string& name);
 

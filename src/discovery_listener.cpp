@@ -1,6 +1,5 @@
 #include "src/discovery_listener.h"
 
-#include <iterator>
 #include <new>
 
 #include <boost/thread/lock_guard.hpp>
@@ -53,17 +52,6 @@ int SendTwice(CPDiscoveryManager& manager, const boost::shared_ptr<NowRequesting
     manager.RemoveNowRequestingByUdn(request->udn);
   }
   return result;
-}
-
-// The device and all that are embedded in it, parents first. A description may embed them in one
-// another as deep as it likes, so each one's children are put in behind it.
-DeviceList::Devices HierarchyOf(const boost::shared_ptr<Device>& root) {
-  DeviceList::Devices devices(1, root);
-  for (auto device = devices.begin(); device != devices.end(); ++device) {
-    const auto& embedded = (*device)->embedded_devices;
-    devices.insert(std::next(device), embedded.begin(), embedded.end());
-  }
-  return devices;
 }
 
 }  // namespace
@@ -162,9 +150,7 @@ void DiscoveryListener::RemoveDevice(CPDiscoveryManager& manager, const std::str
     boost::lock_guard<boost::recursive_mutex> lock(list->device_list_mutex);
     const boost::shared_ptr<Device> device = list->IsDeviceAdded(udn);
     if (!device) return;
-    // Gathered before any of them leaves the list: from there on no memory is needed.
-    removed = HierarchyOf(device);
-    for (const boost::shared_ptr<Device>& gone : removed) list->Remove(gone);
+    removed = list->RemoveDeviceHierarchy(device);
   }
   // KEPT: a device that was not ready is told as removed too, with no added event before.
   manager.NotifyRemovedDevices(removed);

@@ -16,6 +16,7 @@
 #include <vexupnpcp/result_codes.h>
 #include <vexupnpcp/string_utils.h>
 
+#include "base/ascii_text.h"
 #include "src/device_key.h"
 
 namespace vex_upnp {
@@ -26,13 +27,11 @@ constexpr int kHighestPort = 65535;
 
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 
-char LowerCase(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
-
 // Letters, digits, hyphens and underscores between dots. This leaves out user names, passwords,
 // white space and line ends.
 bool IsSpelledLikeAHost(const std::string& host) {
   return !host.empty() && std::all_of(host.begin(), host.end(), [](char c) {
-    const char lower = LowerCase(c);
+    const char lower = ToLowerAscii(c);
     return IsDigit(c) || (lower >= 'a' && lower <= 'z') || c == '.' || c == '-' || c == '_';
   });
 }
@@ -52,7 +51,7 @@ bool IsName(const std::string& host) {
 
 bool IsLocalName(const std::string& host) {
   std::string name = WithoutFinalDot(host);
-  std::transform(name.begin(), name.end(), name.begin(), LowerCase);
+  std::transform(name.begin(), name.end(), name.begin(), ToLowerAscii);
   const std::string loopback = kLoopbackName;
   if (name.size() < loopback.size()) return false;
   const std::size_t start = name.size() - loopback.size();

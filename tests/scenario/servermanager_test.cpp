@@ -471,45 +471,47 @@ TEST_F(ServerManagerTest, MulticastSwitchedOffDoesNotComeBackWithAnInterface) {
   EXPECT_TRUE(PortIsFree("0.0.0.0", 1900));
 }
 
-TEST_F(ServerManagerTest, SendsFromTheSocketOfTheServerOnThatAddress) {
+class SendingServers : public ServerManagerTest {
+ protected:
+  // The port that a search from that address leaves from.
+  int PortOfASearch() {
+    EXPECT_TRUE(Send("10.78.0.1"));
+    std::string data;
+    std::string from;
+    int port = 0;
+    EXPECT_TRUE(peer_->Receive(data, from, port));
+    EXPECT_EQ("M-SEARCH", data);
+    EXPECT_EQ("10.78.0.1", from);
+    return port;
+  }
+  bool Send(const std::string& local_ip) {
+    if (!peer_) first_.Run([&] { peer_.reset(new vex_test::UdpSocket("10.78.0.2")); });
+    const udp::endpoint to(boost::asio::ip::make_address("10.78.0.2"),
+                           static_cast<unsigned short>(peer_->port()));
+    error_code error;
+    const bool sent = manager_->SendFromUdpServer(local_ip, to, "M-SEARCH", error);
+    EXPECT_FALSE(error);
+    return sent;
+  }
+
+ private:
+  std::unique_ptr<vex_test::UdpSocket> peer_;
+};
+
+TEST_F(SendingServers, SendFromTheSocketOnThatAddress) {
   Select("sv0");
   manager_->ConfigureUdpServer(5001, true);
-  std::unique_ptr<vex_test::UdpSocket> peer;
-  first_.Run([&] { peer.reset(new vex_test::UdpSocket("10.78.0.2")); });
-  const udp::endpoint to(boost::asio::ip::make_address("10.78.0.2"),
-                         static_cast<unsigned short>(peer->port()));
-  error_code error;
-  EXPECT_TRUE(manager_->SendFromUdpServer("10.78.0.1", to, "M-SEARCH", error));
-  std::string data;
-  std::string from;
-  int port = 0;
-  ASSERT_TRUE(peer->Receive(data, from, port));
-  EXPECT_EQ("M-SEARCH", data);
-  EXPECT_EQ("10.78.0.1", from);
-  EXPECT_EQ(5001, port);
-
-  EXPECT_FALSE(manager_->SendFromUdpServer("10.78.1.1", to, "M-SEARCH", error));
-  EXPECT_FALSE(error);
+  EXPECT_EQ(5001, PortOfASearch());
+  EXPECT_FALSE(Send("10.78.1.1"));
   manager_->ConfigureMulticastSupport(false);
-  EXPECT_FALSE(manager_->SendFromUdpServer("10.78.0.1", to, "M-SEARCH", error));
-  EXPECT_FALSE(error);
+  EXPECT_FALSE(Send("10.78.0.1"));
 }
 
-TEST_F(ServerManagerTest, RegressionOfTwoServersOnOneAddressTheLastOneSends) {
+TEST_F(SendingServers, RegressionOfTwoOnOneAddressTheLastOneSends) {
   Select("sv0");
   manager_->ConfigureUdpServer(5001, true);
   manager_->ConfigureUdpServer(5003, true);
-  std::unique_ptr<vex_test::UdpSocket> peer;
-  first_.Run([&] { peer.reset(new vex_test::UdpSocket("10.78.0.2")); });
-  const udp::endpoint to(boost::asio::ip::make_address("10.78.0.2"),
-                         static_cast<unsigned short>(peer->port()));
-  error_code error;
-  EXPECT_TRUE(manager_->SendFromUdpServer("10.78.0.1", to, "M-SEARCH", error));
-  std::string data;
-  std::string from;
-  int port = 0;
-  ASSERT_TRUE(peer->Receive(data, from, port));
-  EXPECT_EQ(5003, port);
+  EXPECT_EQ(5003, PortOfASearch());
 }
 
 TEST_F(ServerManagerTest, MulticastSentFromAServerGoesOutOnItsInterface) {
