@@ -5,6 +5,7 @@
 #include "base/limits.h"
 #include "base/log.h"
 #include "base/retry.h"
+#include "base/socket_close.h"
 #include "src/callbackhandler.h"
 
 namespace vex_upnp {
@@ -39,7 +40,7 @@ void DatagramServer::CloseEarlierOpen() {
   read_pending_ = false;
   feed_.Drop();
   error_code ignored;
-  socket_.close(ignored);
+  CloseNow(socket_, ignored);
 }
 
 void DatagramServer::BeginToRead() {

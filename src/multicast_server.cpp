@@ -6,6 +6,7 @@
 
 #include "base/current_exception.h"
 #include "base/log.h"
+#include "base/socket_close.h"
 #include "src/callbackhandler.h"
 
 namespace vex_upnp {
@@ -126,7 +127,7 @@ void MulticastServer::Reset() {
 
 void MulticastServer::Close() {
   error_code error;
-  socket_.close(error);
+  CloseNow(socket_, error);
   if (error) {
     VEX_LOG(kLogMajor, kTag, "Failed to close multicast socket!, error [%s]",
             error.message().c_str());

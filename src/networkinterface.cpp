@@ -20,6 +20,7 @@
 #include "base/log.h"
 #include "base/scoped_fd.h"
 #include "base/singleton.h"
+#include "base/socket_close.h"
 #include "src/fd_diagnostics.h"
 
 namespace vex_upnp {
@@ -257,7 +258,7 @@ int NetworkInterface::checkMulticastResourceAvailability(const std::string& ip) 
             error.message().c_str());
   }
   error_code ignored;
-  socket.close(ignored);
+  CloseNow(socket, ignored);
   VEX_LOG(kLogStep, kTag, "[VEX Socket Closed ] UDP");
   return error ? result::kNo : result::kYes;
 }

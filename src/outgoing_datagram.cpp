@@ -8,6 +8,7 @@
 #include <vexupnpcp/result_codes.h>
 
 #include "base/log.h"
+#include "base/socket_close.h"
 #include "src/outgoing_address.h"
 #include "src/servermanager.h"
 
@@ -108,7 +109,7 @@ int SendDatagram(io_service& io, int session_id, const std::string& local_ip,
 
   udp::socket socket(io);
   const int sent = SendFrom(socket, session_id, local_ip, to, data);
-  socket.close(error);
+  CloseNow(socket, error);
   if (error && sent == result::kOk) {
     VEX_LOG(kLogMajor, kTag, "close failed for session id %d [%s]", session_id,
             error.message().c_str());

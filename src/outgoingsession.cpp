@@ -77,7 +77,7 @@ void OutgoingSession::SetProtocol(const utils::Protocol& protocol) {
   boost::lock_guard<boost::mutex> lock(mutex_);
   if (!socket_.is_open()) return;
   error_code error;
-  socket_.close(error);
+  CloseNow(socket_, error);
   if (error) VEX_LOG(kLogMajor, kTag, "Error in closing TCP socket!");
 }
 
@@ -169,7 +169,7 @@ bool OutgoingSession::__ConnectToNext(ConnectHandler handler) {
     if (stopped_ || next_endpoint_ >= endpoints_.size()) return false;
     if (socket_.is_open()) {
       error_code error;
-      socket_.close(error);
+      CloseNow(socket_, error);
       if (error) VEX_LOG(kLogMajor, kTag, "Error TCP close socket failed!");
     }
     const bool is_exchange = handler == &OutgoingSession::handle_connect;

@@ -14,6 +14,7 @@
 #include "base/current_exception.h"
 #include "base/host_memory.h"
 #include "base/log.h"
+#include "base/socket_close.h"
 #include "base/timing.h"
 #include "src/http_feed.h"
 #include "src/streaming_manager.h"
@@ -38,7 +39,7 @@ OutgoingSyncSession::~OutgoingSyncSession() {
   VEX_LOG(kLogStep, kTagStreaming, "~OutgoingSyncSession id [%d]", session_id_);
   ShutDown();
   error_code error;
-  if (socket_.is_open()) socket_.close(error);
+  CloseNow(socket_, error);
   if (error) {
     VEX_LOG(kLogMajor, kTagStreaming, "Error [%s] in closing sync socket!",
             error.message().c_str());

@@ -15,6 +15,7 @@
 #include "base/log_limit.h"
 #include "base/port_search.h"
 #include "base/retry.h"
+#include "base/socket_close.h"
 #include "src/streaming_incoming_session.h"
 #include "src/streaming_manager.h"
 #include "src/streaming_socket.h"
@@ -58,7 +59,7 @@ TCPServer::Attempt TCPServer::__Listen(int port) {
     VEX_LOG(kLogMajor, kTagStreaming, "Acceptor error %s!", error.message().c_str());
     VEX_LOG(kLogMajor, kTagStreaming, "acceptor open error %s: for IP [%s] and port[%d]",
             error.message().c_str(), ip_.c_str(), port);
-    acceptor_.close(ignored);
+    CloseNow(acceptor_, ignored);
     return Attempt::kNext;
   }
   acceptor_.set_option(tcp::acceptor::reuse_address(true), error);
@@ -74,7 +75,7 @@ TCPServer::Attempt TCPServer::__Listen(int port) {
     VEX_LOG(kLogMajor, kTagStreaming, "Bind error %s!", error.message().c_str());
     VEX_LOG(kLogMajor, kTagStreaming, "acceptor bind error %s: for IP [%s] and port[%d]",
             error.message().c_str(), ip_.c_str(), port);
-    acceptor_.close(error);
+    CloseNow(acceptor_, error);
     if (error) VEX_LOG(kLogMajor, kTagStreaming, "Error in closing TCP acceptor!");
     return Attempt::kNext;
   }
@@ -82,7 +83,7 @@ TCPServer::Attempt TCPServer::__Listen(int port) {
   if (!error) PrepareToAccept(acceptor_, error);
   if (error) {
     VEX_LOG(kLogMajor, kTagStreaming, "Error in listening TCP acceptor!");
-    acceptor_.close(ignored);
+    CloseNow(acceptor_, ignored);
     return Attempt::kNext;
   }
   return Attempt::kWorked;
@@ -142,7 +143,7 @@ void TCPServer::__Wait() {
 boost::shared_ptr<tcp::socket> TCPServer::__Take(const error_code& error, int& session_id) {
   boost::lock_guard<boost::mutex> lock(acceptor_mutex_);
   if (stopped_ || error) return boost::shared_ptr<tcp::socket>();
-  boost::shared_ptr<tcp::socket> accepted(new tcp::socket(io_service_));
+  const boost::shared_ptr<tcp::socket> accepted = NewSocket(io_service_);
   error_code failed;
   if (!AcceptNow(acceptor_, *accepted, failed)) {
     __Wait();
@@ -189,7 +190,7 @@ void TCPServer::Stop() {
     boost::lock_guard<boost::mutex> lock(acceptor_mutex_);
     stopped_ = true;
     error_code error;
-    if (acceptor_.is_open()) acceptor_.close(error);
+    CloseNow(acceptor_, error);
     if (error) VEX_LOG(kLogMajor, kTagStreaming, "Error in closing TCP acceptor!");
   }
   std::list<boost::shared_ptr<IncomingSession>> sessions;

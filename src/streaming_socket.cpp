@@ -8,6 +8,8 @@
 
 #include <boost/thread/lock_guard.hpp>
 
+#include "base/socket_close.h"
+
 namespace vex_upnp {
 namespace streaming {
 
@@ -68,6 +70,11 @@ bool ResolveEndpoint(const std::string& ip, int port, tcp::endpoint& endpoint, e
   if (!ResolveEndpoints(ip, port, endpoints, error)) return false;
   endpoint = endpoints.front();
   return true;
+}
+
+MediaSocket::~MediaSocket() {
+  error_code ignored;
+  CloseNow(socket_, ignored);
 }
 
 bool MediaSocket::MarkOpen() {
@@ -183,7 +190,7 @@ void MediaSocket::GiveUp(error_code& error) {
     boost::lock_guard<boost::mutex> lock(socket_mutex_);
     descriptor_ = kNoDescriptor;
   }
-  if (socket_.is_open()) socket_.close(error);
+  CloseNow(socket_, error);
 }
 
 void MediaSocket::Close(error_code& error) {
@@ -192,7 +199,7 @@ void MediaSocket::Close(error_code& error) {
     ended_ = true;
     descriptor_ = kNoDescriptor;
   }
-  if (socket_.is_open()) socket_.close(error);
+  CloseNow(socket_, error);
 }
 
 }  // namespace streaming

@@ -45,6 +45,7 @@ bool IsPort(int port);
 class MediaSocket {
  public:
   explicit MediaSocket(io_service& io) : socket_(io), queue_(io) {}
+  ~MediaSocket();
 
   HandlerQueue& queue() { return queue_; }
   // On the queue only.

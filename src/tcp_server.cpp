@@ -15,6 +15,7 @@
 #include "base/log.h"
 #include "base/port_search.h"
 #include "base/retry.h"
+#include "base/socket_close.h"
 #include "base/timing.h"
 #include "src/incoming_tcp_session.h"
 
@@ -107,7 +108,7 @@ bool TCPServer::OpenAndBind(int port) {
     VEX_LOG(kLogMajor, kTag, "Accept Error : %s!", error.message().c_str());
     VEX_LOG(kLogDetail, kTag, "Accept Error : %s IP : %s and Port: %d", error.message().c_str(),
             ip_.c_str(), port);
-    acceptor_.close(error);
+    CloseNow(acceptor_, error);
     return false;
   }
   acceptor_.bind(endpoint, error);
@@ -115,7 +116,7 @@ bool TCPServer::OpenAndBind(int port) {
     VEX_LOG(kLogMajor, kTag, "Bind Error : %s!", error.message().c_str());
     VEX_LOG(kLogDetail, kTag, "Bind Error : %s IP : %s and Port: %d", error.message().c_str(),
             ip_.c_str(), port);
-    acceptor_.close(error);
+    CloseNow(acceptor_, error);
     return false;
   }
   return true;
@@ -125,7 +126,7 @@ void TCPServer::CloseAcceptor() {
   error_code error;
   acceptor_.cancel(error);
   error.clear();
-  acceptor_.close(error);
+  CloseNow(acceptor_, error);
   if (error) VEX_LOG(kLogMajor, kTag, "Error in closing TCP acceptor!");
 }
 

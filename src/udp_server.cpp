@@ -7,6 +7,7 @@
 #include "base/current_exception.h"
 #include "base/log.h"
 #include "base/port_search.h"
+#include "base/socket_close.h"
 #include "src/callbackhandler.h"
 
 namespace vex_upnp {
@@ -54,7 +55,7 @@ bool UDPServer::OpenAndBind(const boost::asio::ip::address& address, int port) {
   }
   if (!error) return true;
   VEX_LOG(kLogMajor, kTag, "UDPServer::Start:UDP Socket open error");
-  socket_.close(error);
+  CloseNow(socket_, error);
   return false;
 }
 
@@ -76,7 +77,7 @@ int UDPServer::Stop() {
 
 void UDPServer::Close() {
   error_code error;
-  socket_.close(error);
+  CloseNow(socket_, error);
   if (error) VEX_LOG(kLogMajor, kTag, "Failed to close  udp socket!");
 }
 
