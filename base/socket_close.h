@@ -44,13 +44,14 @@ struct SocketCloseResult {
 };
 
 // Ends traffic both ways, cancels what is out (it completes with operation_aborted) and closes.
-// Never throws; a failed step does not stop the next.
+// Never throws; a failed step does not stop the next. The peer is told by the first step, so the
+// event loop need not be left.
 template <typename Socket>
 SocketCloseResult CloseSocket(Socket& socket) {
   SocketCloseResult result;
   socket.shutdown(Socket::shutdown_both, result.shutdown);
   socket.cancel(result.cancel);
-  CloseNow(socket, result.close);
+  socket.close(result.close);
   return result;
 }
 

@@ -18,7 +18,6 @@
 #include "base/current_exception.h"
 #include "base/limits.h"
 #include "base/log.h"
-#include "base/socket_close.h"
 #include "base/timing.h"
 #include "src/callbackhandler.h"
 #include "src/http_feed.h"
@@ -354,7 +353,7 @@ void IncomingTCPSession::ShutDownSocket() {
 
 void IncomingTCPSession::CloseSocketNow() {
   error_code error;
-  if (socket_) CloseNow(*socket_, error);
+  if (socket_) socket_->close(error);
   if (error) VEX_LOG(kLogMajor, kTag, "TCP Socket close error, possibly closed already!");
 }
 
