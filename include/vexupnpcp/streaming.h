@@ -15,9 +15,9 @@
 ///    to be initialised to hear of interface changes.
 /// 2. Strings and lists. Texts are NUL-terminated. Lists are linked through `next` and end in null;
 ///    an empty list is a null pointer.
-/// 3. Memory. What is passed in stays the caller's and is read during the call only. What is given
-///    out is the caller's and goes back by the Free function that the comment names; all Free
-///    functions accept null.
+/// 3. Memory. What is passed in stays the caller's and is read during the call only, payloads of
+///    SendHTTPPayload excepted. What is given out, by functions and to callbacks, is the caller's
+///    and goes back by the Free function that the comment names; all Free functions accept null.
 /// 4. Threads. The functions may be called from any thread.
 /// 5. Results are the `kStreaming...` constants of result_codes.h, 0 for success. Beside those that
 ///    are named, each function may give kStreamingNotInitialized, when there is no manager and none
@@ -35,6 +35,9 @@ VEX_EXPORT int InitializeStreamingManager();
 /// The reference that brings the count to exactly 0 stops everything that streams. A call without a
 /// reference to give back is counted all the same: it ends the manager, and the next
 /// `InitializeStreamingManager` only makes up for it.
+/// An end of the manager waits for the callbacks that run on other threads; nothing is called back
+/// after it. A callback may end it too, and its thread ends behind the callback; on_status with
+/// session 0 may not, since it would wait for itself.
 /// @return 0; kStreamingTerminateFailed when there is no manager and none could be made.
 VEX_EXPORT int TerminateStreamingManager();
 
@@ -43,6 +46,10 @@ VEX_EXPORT int TerminateStreamingManager();
 /// A server whose interface goes stops and is told by on_status with session 0 and
 /// STREAMING_SERVER_STOPPED; when the interface comes (back), a new one is told by
 /// STREAMING_SERVER_STARTED with its new id. Starts the thread pool at its first use.
+/// Once 85 per cent of the process' soft limit on descriptors are in use, a new connection is
+/// closed at once and without on_connect. A request that is no HTTP, or whose header is larger than
+/// 256 KiB or 1,000 lines, is refused in silence: it gets no answer and no callback, and its
+/// connection stays until the peer goes or the host stops it.
 /// @param callbacks         All five must be set; copied.
 /// @param interface_ip      Address of one of our interfaces, or null for all of them.
 /// @param port              Port asked for, not negative; a taken one moves on to the next free one
@@ -107,14 +114,20 @@ VEX_EXPORT int SendHTTPRequest(int client_id, const ReqHeaderInfo* request);
 VEX_EXPORT int StopClientTransfer(int client_id);
 
 /// Gives a server's answer; to be called from on_request, or from on_data with `final` set.
+///
+/// A response that cannot be formed, for its version, its status or for want of memory, is replaced
+/// by a bare status 500 that ends the connection; a further call replaces that.
 /// @param response  The caller's; read during the call.
 /// @param final     The response ends with its header, and the connection with it.
-/// @return 0; kStreamingInvalidParams, kStreamingNoServer, kStreamingNoSession.
+/// @return 0; kStreamingInvalidParams and kStreamingOutOfMemory, also for a response that cannot be
+///         formed; kStreamingNoServer, kStreamingNoSession.
 VEX_EXPORT int SendHTTPResponse(int server_id, int session_id, const ResHeaderInfo* response,
                                 bool final);
 
 /// Sends a piece of body, for a client's session when the first argument is the handler id of its
 /// callbacks, else for a server's. One piece at a time: the next one after on_write_complete.
+/// For a piece of length 0 without `final` a server's on_write_complete comes during the call, on
+/// the caller's thread.
 /// @param data    From malloc. With `final` it passes to the library on success; earlier pieces
 ///                stay the caller's and may be used again after on_write_complete.
 /// @param length  Bytes. 0 with `final` ends the body.
@@ -132,11 +145,14 @@ VEX_EXPORT int SendHTTPPayload(int server_or_handler_id, int session_id, void* d
 VEX_EXPORT int StartSyncClient(int* client_id);
 
 /// Connects, within 5 seconds.
+/// @param ip    Address of the server, or a name. Not null.
+/// @param port  0 to 65535.
 /// @return 0; kStreamingInvalidParams, kStreamingNoSession, kStreamingConnectFailed,
 ///         kStreamingInvalidPort.
 VEX_EXPORT int ConnectSyncClient(int client_id, const char* ip, int port);
 
-/// Writes the request header. Without a connection it sends nothing and gives 0.
+/// Writes the request header, and nothing of one that was given before. Without a connection it
+/// sends nothing and gives 0.
 /// @return 0; kStreamingInvalidParams, kStreamingNoSession, kSocketFailed, kFailure.
 VEX_EXPORT int SendSyncHTTPRequest(int client_id, const ReqHeaderInfo* request);
 
@@ -150,8 +166,8 @@ VEX_EXPORT int SendSyncHTTPPayload(int client_id, void* data, unsigned int lengt
 /// @param length    Its bytes.
 /// @param final     Set to true when the message ends here; not touched otherwise. An interim
 ///                  answer with status 100 is final: send the body and call again.
-/// @return 0; kStreamingInvalidParams, kStreamingNoSession, kSocketFailed, kBadHttp,
-///         kStreamingOutOfMemory.
+/// @return 0; kStreamingInvalidParams, kStreamingNoSession, kSocketFailed, kStreamingOutOfMemory;
+///         kBadHttp, also for a header larger than 256 KiB or 1,000 lines.
 VEX_EXPORT int ReadHTTPHeader(int client_id, ResHeaderInfo** response, void** body,
                               unsigned int& length, bool& final);
 

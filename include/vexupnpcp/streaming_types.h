@@ -24,7 +24,7 @@ struct stArgument {
 struct ReqHeaderInfo {
   /// HTTP_GET, HTTP_HEAD or HTTP_POST; HTTP_UNKNOWN_REQUEST in a fresh record.
   utils::HTTPRequest request_type;
-  /// Request target, as it stands in the request line.
+  /// Request target, as it stands in the request line; null when a peer's request has none.
   char* uri;
   HTTPVersion http_version;
   char* accept;
@@ -79,7 +79,8 @@ struct stServer : public VEXUncopyable {
 
 /// One running streaming session; a list through `next`, released with FreeRunningSession.
 struct stRunningSession {
-  /// The peer's address in dotted form, never null in a list that the library gave out.
+  /// The peer's address in dotted form, or what StartClient was given, which may be a name; never
+  /// null in a list that the library gave out.
   char* ip;
   /// 1 for a session of a client of ours, 0 for a connection to a server of ours.
   int type;
@@ -93,7 +94,7 @@ enum StreamingStatus : int {
   STREAMING_SERVER_STOPPED = 0,
   /// Connect, read or write failed, or the peer closed before the end of the body.
   STREAMING_SOCKET_FAILED = 4,
-  /// The response could not be parsed.
+  /// The response could not be parsed, or its header is larger than 256 KiB or 1,000 lines.
   STREAMING_PARSE_FAILED = 6,
   /// There was no memory for the response's record.
   STREAMING_OUT_OF_MEMORY = 8,
@@ -102,10 +103,10 @@ enum StreamingStatus : int {
 };
 
 /// Callbacks of a server, all required; they come on pool threads with none of the library's locks
-/// held. Only on_status with session 0 comes on the thread that tells of interfaces: servers may be
-/// configured from it, but it must not wait for another thread that does. `server_id` and
-/// `session_id` name the connection. Records and blocks given to on_request and on_data are the
-/// receiver's: FreeRequestHeader, Free.
+/// held, save for an on_write_complete as told there. Only on_status with session 0 comes on the
+/// thread that tells of interfaces: servers may be configured from it, but it must not wait for
+/// another thread that does. `server_id` and `session_id` name the connection. Records and blocks
+/// given to on_request and on_data are the receiver's: FreeRequestHeader, Free.
 struct ServerAppCallbacks {
   /// A connection was accepted; `reserved` is 0.
   void (*on_connect)(int server_id, int session_id, int reserved);
@@ -118,7 +119,9 @@ struct ServerAppCallbacks {
                      unsigned int length, bool final);
   /// More body.
   void (*on_data)(int server_id, int session_id, void* data, unsigned int length, bool final);
-  /// A write finished: 0 for a response header, the payload's length for a payload.
+  /// A write finished: 0 for a response header, the payload's length for a payload. For a payload
+  /// of length 0 that is not the last it comes on the thread that called SendHTTPPayload, inside
+  /// the call.
   void (*on_write_complete)(int server_id, int session_id, unsigned int length);
 };
 
