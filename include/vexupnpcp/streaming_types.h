@@ -103,8 +103,8 @@ enum StreamingStatus : int {
 };
 
 /// Callbacks of a server, all required; they come on pool threads with none of the library's locks
-/// held, save for an on_write_complete as told there. Only on_status with session 0 comes on the
-/// thread that tells of interfaces: servers may be configured from it, but it must not wait for
+/// held; of on_write_complete one kind does not, see there. Only on_status with session 0 comes on
+/// the thread that tells of interfaces: servers may be configured from it, but it must not wait for
 /// another thread that does. `server_id` and `session_id` name the connection. Records and blocks
 /// given to on_request and on_data are the receiver's: FreeRequestHeader, Free.
 struct ServerAppCallbacks {
