@@ -34,3 +34,8 @@ echo "pkg-config after a move: ok"
 cmake -G Ninja -S "$here/cpp" -B "$work/cpp" -DCMAKE_PREFIX_PATH="$work/usr" >"$work/cpp.log"
 cmake --build "$work/cpp" >>"$work/cpp.log" || { cat "$work/cpp.log"; exit 1; }
 "$work/cpp/foreign_host"
+"$work/cpp/sink_host" || fail "a sink in the host is not found ($?)"
+for order in before behind; do
+  "$work/cpp/sink_loader" "$libdir/libvexupnpcp.so.1" "$work/cpp/libplatform_sink.so" $order ||
+    fail "a sink that is loaded $order the library is not found ($?)"
+done
