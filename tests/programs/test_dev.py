@@ -1,0 +1,128 @@
+"""The front door: what ./dev installs, configures and leaves out, and the private networks of its tests.
+
+Programs that would change the machine are stood in for by small scripts on PATH.
+"""
+
+import os
+import re
+import shutil
+import subprocess
+import tempfile
+import unittest
+
+from support import ROOT
+
+INSTALLED = "#!/bin/sh\necho 'install ok installed'\n"
+
+
+class FrontDoor:
+    """A copy of ./dev and its tools, which builds into a folder of its own."""
+
+    def __init__(self, test):
+        folder = tempfile.TemporaryDirectory()
+        test.addCleanup(folder.cleanup)
+        self.root = os.path.join(folder.name, "project")
+        self.stubs = os.path.join(folder.name, "stubs")
+        self.calls = os.path.join(folder.name, "calls")
+        os.mkdir(self.root)
+        os.mkdir(self.stubs)
+        shutil.copy2(os.path.join(ROOT, "dev"), self.root)
+        shutil.copytree(os.path.join(ROOT, "tools"), os.path.join(self.root, "tools"))
+        os.symlink(os.path.join(ROOT, "apps"), os.path.join(self.root, "apps"))
+        with open(self.calls, "w", encoding="utf-8"):
+            pass
+
+    def stub(self, name, text):
+        path = os.path.join(self.stubs, name)
+        with open(path, "w", encoding="utf-8") as file:
+            file.write(text)
+        os.chmod(path, 0o755)
+
+    def record(self, name, then="exit 0"):
+        """A stand-in that writes down how it was called."""
+        self.stub(name, '#!/bin/sh\necho "%s $*" >>"%s"\n%s\n' % (name, self.calls, then))
+
+    def called(self):
+        with open(self.calls, encoding="utf-8") as file:
+            return file.read().splitlines()
+
+    def run(self, *command, **environment):
+        return subprocess.run(
+            command, cwd=self.root, stdin=subprocess.DEVNULL, capture_output=True, text=True,
+            timeout=120, env=dict(os.environ, PATH=self.stubs + ":" + os.environ["PATH"],
+                                  **environment))
+
+
+class NeedTest(unittest.TestCase):
+    """Packages that are missing; `./dev build` is the command that asks for them."""
+
+    def setUp(self):
+        self.door = FrontDoor(self)
+        self.installed = os.path.join(os.path.dirname(self.door.calls), "installed")
+        self.door.stub("dpkg-query", '#!/bin/sh\ncase $4 in\n'
+                       'libcli11-dev | ccache) [ -e "%s" ] || exit 1 ;;\nesac\n'
+                       "echo 'install ok installed'\n" % self.installed)
+        self.door.record("cmake")
+        self.door.record("ninja")
+        self.door.record("sleep")
+        self.door.record("apt-get")
+
+    def be(self, user):
+        self.door.stub("id", "#!/bin/sh\necho %d\n" % user)
+
+    def test_an_ordinary_user_without_sudo_is_told_the_line_to_run(self):
+        self.be(1000)
+        self.door.record("sudo", "exit 1")
+        result = self.door.run("./dev", "build")
+        self.assertEqual(
+            (3, "", "These packages are missing. Please run this line, then ./dev again:\n"
+             "  sudo apt-get update && sudo apt-get install -y --no-install-recommends "
+             "ccache libcli11-dev\n"), (result.returncode, result.stdout, result.stderr))
+        self.assertEqual(["sudo -n true"], self.door.called())
+
+    def check_installed(self, calls):
+        result = self.door.run("./dev", "build")
+        self.assertEqual(0, result.returncode, result.stderr)
+        self.assertIn("== installing ccache libcli11-dev\n", result.stdout)
+        self.assertIn("== building debug\n", result.stdout)
+        self.assertEqual(calls, self.door.called()[:-2])
+        self.assertRegex(self.door.called()[-2], r"^cmake --preset debug ")
+        self.assertRegex(self.door.called()[-1], r"^ninja -C build/debug ")
+
+    UPDATE = "apt-get -o Acquire::Retries=5 update -q"
+    INSTALL = ("apt-get -o Acquire::Retries=5 -o DPkg::Lock::Timeout=600 install -q -y "
+               "--no-install-recommends ccache libcli11-dev")
+
+    def test_an_ordinary_user_with_sudo_has_them_installed_through_it(self):
+        self.be(1000)
+        self.door.record("sudo", 'shift\nexec "$@"')
+        self.check_installed(["sudo -n true", "sudo -n " + self.UPDATE, self.UPDATE,
+                              "sudo -n env DEBIAN_FRONTEND=noninteractive " + self.INSTALL,
+                              self.INSTALL])
+
+    def test_root_has_them_installed_at_once(self):
+        self.be(0)
+        self.door.record("sudo", "exit 1")
+        self.check_installed([self.UPDATE, self.INSTALL])
+
+    def test_what_is_there_is_not_installed_again(self):
+        self.be(1000)
+        self.door.stub("dpkg-query", INSTALLED)
+        self.door.record("sudo", "exit 1")
+        self.assertEqual(0, self.door.run("./dev", "build").returncode)
+        self.assertEqual(["cmake", "ninja"], [call.split()[0] for call in self.door.called()])
+
+    def test_installing_is_tried_twice_and_its_failure_shown(self):
+        self.be(0)
+        self.door.record("apt-get", "echo no such mirror; exit 100")
+        result = self.door.run("./dev", "build")
+        self.assertEqual(3, result.returncode)
+        self.assertEqual([self.UPDATE, "sleep 30", self.UPDATE], self.door.called())
+        told = re.search(r"no such mirror\nInstalling failed; the whole output is in (\S+)\n$",
+                         result.stderr)
+        self.assertIsNotNone(told, result.stderr)
+        os.remove(told.group(1))
+
+
+if __name__ == "__main__":
+    unittest.main()
