@@ -101,7 +101,8 @@ dev_build() {
 
 dev_demo() {
   need $BUILD_PACKAGES $PROGRAM_PACKAGES iproute2
-  build release vexcp vexsim -- -DVEX_BUILD_TESTS=OFF
+  # Whoever installed from this folder may have left the programs out.
+  build release vexcp vexsim -- -DVEX_BUILD_APPS=ON -DVEX_BUILD_TESTS=OFF
   VEX_BUILD_DIR=$PWD/build/release tools/demo.sh "$@"
 }
 
@@ -170,7 +171,7 @@ dev_check() {
   # One build serves both: the second compiler with its analyses, and the sanitizers.
   dev_tidy clang-asan
   run_sanitized clang-asan
-  build tsan unit_tests scenario_tests stress_tests -- -DVEX_BUILD_APPS=OFF
+  build tsan unit_tests scenario_tests stress_tests -- -DVEX_BUILD_APPS=OFF -DVEX_BUILD_TESTS=ON
   run_sanitized tsan
   dev_fuzz "" "${VEX_FUZZ_SECONDS:-30}"
   say "all checks passed"
@@ -221,15 +222,15 @@ dev_symbols() {
 
 dev_coverage() {
   need $BUILD_PACKAGES $TEST_PACKAGES gcovr
-  build coverage unit_tests scenario_tests
+  build coverage unit_tests scenario_tests -- -DVEX_BUILD_TESTS=ON
   run_tests coverage
   gcovr -r . build/coverage --exclude-throw-branches \
     -f src/ -f httpparser/ -f xmlparser/ -f string/ -f timer/ -f base/ -f file_io/ --print-summary
 }
 
 dev_bench() {
-  need $BUILD_PACKAGES $TEST_PACKAGES $BENCH_PACKAGES
-  build release all -- -DVEX_BUILD_BENCH=ON -DVEX_BUILD_TESTS=OFF
+  need $BUILD_PACKAGES $PROGRAM_PACKAGES $TEST_PACKAGES $BENCH_PACKAGES
+  build release all -- -DVEX_BUILD_BENCH=ON -DVEX_BUILD_APPS=ON -DVEX_BUILD_TESTS=OFF
   local program
   for program in build/release/*_bench; do
     [ -z "${1:-}" ] || [[ $program == *"$1"* ]] || continue
@@ -274,7 +275,7 @@ dev_soak() {
   local hours=${1:-0.5}
   [ $# -eq 0 ] || shift
   need $BUILD_PACKAGES $PROGRAM_PACKAGES iproute2 python3 python3-matplotlib
-  build release soak_host vexsim -- -DVEX_BUILD_TESTS=OFF
+  build release soak_host vexsim -- -DVEX_BUILD_APPS=ON -DVEX_BUILD_TESTS=OFF
   say "soak, $hours hours; the figures go to build/soak"
   tools/two_hosts python3 tests/soak/run.py "$hours" --build build/release --out build/soak "$@"
 }

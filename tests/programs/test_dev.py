@@ -10,7 +10,7 @@ import subprocess
 import tempfile
 import unittest
 
-from support import ROOT
+from support import BINARY_DIR, ROOT, SimulatorTest
 
 INSTALLED = "#!/bin/sh\necho 'install ok installed'\n"
 
@@ -122,6 +122,56 @@ class NeedTest(unittest.TestCase):
                          result.stderr)
         self.assertIsNotNone(told, result.stderr)
         os.remove(told.group(1))
+
+
+class ProgramsTest(SimulatorTest):
+    """A folder from which the library was installed without its programs keeps that in its cache."""
+
+    # Options stay as they were told last, as in CMake's cache.
+    CMAKE = """#!/bin/sh
+mkdir -p "build/$2"
+for option; do
+  case $option in
+    -DVEX_*) echo "$option" >>"build/$2/cache" ;;
+  esac
+done
+"""
+    NINJA = """#!/bin/sh
+[ "$(grep VEX_BUILD_APPS "$2/cache" | tail -n 1)" = -DVEX_BUILD_APPS=ON ] ||
+  { echo "ninja: error: unknown target" >&2; exit 1; }
+ln -sf "%s/vexcp" "%s/vexsim" "$2"
+"""
+
+    def setUp(self):
+        self.door = FrontDoor(self)
+        self.door.stub("dpkg-query", INSTALLED)
+        self.door.stub("cmake", self.CMAKE)
+        self.door.stub("ninja", self.NINJA % (BINARY_DIR, BINARY_DIR))
+        self.leave_them_out()
+
+    def leave_them_out(self):
+        subprocess.run(["cmake", "--preset", "release", "-DVEX_BUILD_TESTS=OFF",
+                        "-DVEX_BUILD_APPS=OFF"], cwd=self.door.root, check=True,
+                       env=dict(os.environ, PATH=self.door.stubs + ":" + os.environ["PATH"]))
+
+    def test_the_demo_builds_them_and_shows_the_real_network(self):
+        self.simulate("lamp", "--answers", "burst")
+        result = self.door.run("./dev", "demo", "--real")
+        self.assertEqual(0, result.returncode, result.stdout + result.stderr)
+        # Of this host, which stands for the machine: no network of the demo's own is in it.
+        self.assertRegex(result.stdout, r"The devices of your network\S*\n(.*\n)*Lamp +"
+                                        r"DimmableLight:1 +10\.78\.0\.2\b")
+        self.assertNotIn("All of it", result.stdout)
+
+    def test_the_soak_and_the_benchmarks_have_them_built(self):
+        self.door.record("python3")
+        two_hosts = os.path.join(self.door.root, "tools", "two_hosts")
+        with open(two_hosts, "w", encoding="utf-8") as file:
+            file.write('#!/bin/sh\nexec "$@"\n')
+        for arguments in (["soak", "0.1"], ["bench", "actions"]):
+            self.leave_them_out()
+            result = self.door.run("./dev", *arguments)
+            self.assertEqual(0, result.returncode, result.stdout + result.stderr)
 
 
 if __name__ == "__main__":
