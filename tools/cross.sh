@@ -30,7 +30,7 @@ armhf() {
   cmake --preset debug -B build/armhf "${toolchain[@]}" -DVEX_BUILD_APPS=OFF >build/armhf.log
   ninja -C build/armhf --quiet unit_tests
   say "unit tests, armhf under emulation"
-  VEX_TEST_EMULATED=1 "$KIT/qemu/usr/bin/qemu-arm" -L "$KIT/sysroot-armhf" build/armhf/unit_tests --gtest_brief=1 --gtest_filter='-*Slow*:*.Slow*'
+  VEX_TEST_EMULATED=1 "$KIT/qemu/usr/bin/qemu-arm" -L "$KIT/sysroot-armhf" build/armhf/unit_tests --gtest_brief=1 --gtest_filter="-$SLOW_TESTS"
 }
 
 i386() {
@@ -42,7 +42,7 @@ i386() {
   ninja -C build/i386 --quiet unit_tests
   say "unit tests, i386 with sanitizers"
   local libs=$KIT/sysroot-i386/lib/i386-linux-gnu:$KIT/sysroot-i386/usr/lib/i386-linux-gnu
-  "$KIT/sysroot-i386/lib/ld-linux.so.2" --library-path "$libs" build/i386/unit_tests --gtest_brief=1 --gtest_filter='-*Slow*:*.Slow*'
+  "$KIT/sysroot-i386/lib/ld-linux.so.2" --library-path "$libs" build/i386/unit_tests --gtest_brief=1 --gtest_filter="-$SLOW_TESTS"
 }
 
 case ${1:-all} in

@@ -3,6 +3,7 @@
 Programs that would change the machine are stood in for by small scripts on PATH.
 """
 
+import fnmatch
 import os
 import re
 import shutil
@@ -172,6 +173,37 @@ ln -sf "%s/vexcp" "%s/vexsim" "$2"
             self.leave_them_out()
             result = self.door.run("./dev", *arguments)
             self.assertEqual(0, result.returncode, result.stdout + result.stderr)
+
+
+class LeftOutTest(unittest.TestCase):
+    def test_only_what_is_meant_to_take_long_is_left_out(self):
+        text = subprocess.run(["bash", "-c", '. tools/dev_lib.sh; echo "$SLOW_TESTS"'], cwd=ROOT,
+                              check=True, capture_output=True, text=True).stdout
+        patterns = text.strip().split(":")
+        seen = 0
+        for name in ("unit_tests", "scenario_tests"):
+            program = os.path.join(BINARY_DIR, name)
+            if not os.path.exists(program):
+                self.skipTest("built without tests")
+            listed = subprocess.run([program, "--gtest_list_tests"], check=True,
+                                    capture_output=True, text=True).stdout
+            suite = ""
+            for line in listed.splitlines():
+                if not line.startswith(" "):
+                    suite = line.split("#")[0].strip()
+                    continue
+                test = line.split("#")[0].strip()
+                seen += 1
+                self.assertEqual(bool(re.match(r"(Regression|Kept)?Slow", test)),
+                                 any(fnmatch.fnmatchcase(suite + test, p) for p in patterns),
+                                 suite + test)
+        self.assertGreater(seen, 0)
+
+    def test_every_narrowed_run_leaves_out_the_same(self):
+        for name in ("dev_lib.sh", "cross.sh"):
+            with open(os.path.join(ROOT, "tools", name), encoding="utf-8") as file:
+                filters = re.findall(r"--gtest_filter=(\S+)", file.read())
+            self.assertEqual({'"-$SLOW_TESTS"'}, set(filters), name)
 
 
 if __name__ == "__main__":
