@@ -28,7 +28,7 @@ enter_private_net() {
 wait_for_links() {
   local count=$1
   shift
-  for _ in $(seq 200); do
+  for _ in $(seq 400); do
     [ "$("$@" | grep -c 'state UP')" -ge "$count" ] && return
     sleep 0.05
   done
