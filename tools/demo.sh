@@ -10,8 +10,9 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 . "$root/tools/private_net.sh"
 
 fail() { echo "demo: $*" >&2; exit 1; }
-# Somebody who watches gets the time to read.
-pause() { [ ! -t 1 ] || sleep 1.5; }
+# Somebody who watches gets the time to read, as long as there is some to give.
+started=$(date +%s)
+pause() { [ ! -t 1 ] || [ $(($(date +%s) - started)) -ge 17 ] || sleep 1.2; }
 say() { pause; printf '\n\033[1m%s\033[0m\n' "$*"; }
 
 build=${VEX_BUILD_DIR:-}

@@ -2,6 +2,7 @@
 
 import hashlib
 import os
+import pty
 import subprocess
 import tempfile
 import time
@@ -16,6 +17,13 @@ TONE = os.path.join(ROOT, "apps", "vexsim", "devices", "mediaserver", "media", "
 def run(*arguments):
     return subprocess.run([DEMO, *arguments], stdin=subprocess.DEVNULL, capture_output=True,
                           text=True, timeout=120)
+
+
+def stub(folder, name, text):
+    path = os.path.join(folder, name)
+    with open(path, "w", encoding="utf-8") as file:
+        file.write("#!/bin/sh\n" + text)
+    os.chmod(path, 0o755)
 
 
 class DemoTest(unittest.TestCase):
@@ -34,6 +42,42 @@ class DemoTest(unittest.TestCase):
         # The media server's file arrived whole.
         with open(TONE, "rb") as tone:
             self.assertIn(hashlib.sha256(tone.read()).hexdigest() + "  tone.wav", result.stdout)
+
+    def pauses_on_a_terminal(self, seconds_a_look):
+        """The pauses for somebody who reads, in seconds. They take no time here, and each look at the
+        clock shows it that much later."""
+        with tempfile.TemporaryDirectory() as folder:
+            taken = os.path.join(folder, "taken")
+            stub(folder, "sleep", '[ "$1" != 0.05 ] || exec /bin/sleep 0.05\necho "$1" >>"%s"\n' % taken)
+            stub(folder, "date", 'echo . >>"%s/looks"\necho $(($(wc -l <"%s/looks") * %d))\n'
+                 % (folder, folder, seconds_a_look))
+            screen, terminal = pty.openpty()
+            process = subprocess.Popen(
+                ["timeout", "120", DEMO, "--build", os.path.abspath(BINARY_DIR)], stdin=subprocess.DEVNULL,
+                stdout=terminal, stderr=subprocess.PIPE,
+                env=dict(os.environ, PATH=folder + ":" + os.environ["PATH"]))
+            os.close(terminal)
+            shown = b""
+            try:
+                while True:
+                    shown += os.read(screen, 65536)
+            except OSError:  # The terminal is nobody's any more.
+                pass
+            os.close(screen)
+            self.assertEqual(0, process.wait(120), shown + process.stderr.read())
+            process.stderr.close()
+            self.assertIn(b"All of it was seen.", shown)
+            with open(taken, encoding="ascii") as file:
+                return [float(line) for line in file]
+
+    def test_somebody_who_watches_gets_time_to_read_but_not_more_than_there_is(self):
+        # Without pauses it takes five to seven seconds, of twenty.
+        pauses = self.pauses_on_a_terminal(0)
+        self.assertGreater(len(pauses), 5)
+        self.assertGreaterEqual(min(pauses), 1)
+        self.assertLessEqual(sum(pauses), 13)
+        # A machine that is slow makes none after 17 seconds.
+        self.assertEqual(4, len(self.pauses_on_a_terminal(4)))
 
     def test_it_fails_when_nothing_is_found(self):
         with tempfile.TemporaryDirectory() as build:
