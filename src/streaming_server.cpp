@@ -143,7 +143,7 @@ void TCPServer::__Wait() {
 boost::shared_ptr<tcp::socket> TCPServer::__Take(const error_code& error, int& session_id) {
   boost::lock_guard<boost::mutex> lock(acceptor_mutex_);
   if (stopped_ || error) return boost::shared_ptr<tcp::socket>();
-  const boost::shared_ptr<tcp::socket> accepted = NewSocket(io_service_);
+  boost::shared_ptr<tcp::socket> accepted = NewSocket(io_service_);
   error_code failed;
   if (!AcceptNow(acceptor_, *accepted, failed)) {
     __Wait();

@@ -21,10 +21,10 @@
 #include "src/device_list.h"
 #include "src/discovery_listener.h"
 #include "src/now_requesting.h"
+#include "tests/support/descriptor_limit.h"
 #include "tests/support/discovery_rig.h"
 #include "tests/support/fake_device.h"
 #include "tests/support/log_capture.h"
-#include "tests/support/process_state.h"
 #include "tests/support/ssdp_peer.h"
 #include "tests/support/timing_scaled.h"
 #include "tests/support/wait_until.h"
@@ -759,7 +759,7 @@ TEST(DiscoveryShortOfDescriptors, WhatWasDroppedComesWithTheSecondTry) {
 }
 
 TEST_F(DiscoveryDescription, ASilentServiceLosesTheDeviceAfterTwoTries) {
-  FasterTime faster(200);
+  FasterTime faster(30);
   LogCapture log;
   DiscoveryRig::Register("upnp:rootdevice");
   const std::string url = ServeDevice(server_, "/d.xml", Plain("uuid:a", 2));

@@ -224,8 +224,9 @@ TEST_F(FaultHost, WithoutDescriptorsEverythingFailsAndComesBack) {
     // An exchange of before may be ending still, and give its descriptors to an action.
     EXPECT_TRUE(WaitUntil([&] {
       none.TakeWhatIsFree();
-      return SendAction(handle_, name_.c_str(), kService, "Play", nullptr, &id) ==
-             CP_ERR_OPERATION_FAILED;
+      const int code = SendAction(handle_, name_.c_str(), kService, "Play", nullptr, &id);
+      if (code == 0) ++sent_;
+      return code == CP_ERR_OPERATION_FAILED;
     }));
     EXPECT_EQ(0, RescanNetwork(handle_, kType));
     TryAll();
@@ -316,7 +317,7 @@ TEST_F(FaultHost, WithoutThreadsStreamingFailsAndStartsLater) {
     int client = 0;
     const FailCalls again(SystemCall::kThread, EAGAIN, nth);
     EXPECT_EQ(result::kFailure, streaming::StartClient(&kMedia, "10.77.0.2", 9, &client));
-    EXPECT_TRUE(WaitUntil([&] { return vex_test::ThreadCount() == threads; }));
+    EXPECT_TRUE(WaitUntil([&] { return vex_test::ThreadCount() <= threads; }));
   }
   ExpectToWork();
 }

@@ -263,7 +263,7 @@ TEST_F(FaultMemoryNetwork, Datagrams) {
 TEST_F(FaultMemoryNetwork, Requests) {
   Up();
   Watch();
-  vex_test::Ip("neigh add 10.77.0.50 lladdr 00:1a:2b:3c:4d:5e dev lan0 nud permanent");
+  vex_test::Ip("neigh replace 10.77.0.50 lladdr 00:1a:2b:3c:4d:5e dev lan0 nud permanent");
   const std::string neighbour = "10.77.0.50";
   std::string unused;
   // An emulator does not find it.

@@ -8,11 +8,13 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <list>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <boost/shared_ptr.hpp>
@@ -52,7 +54,10 @@ class FewDescriptors {
     // Small enough to be filled, and above all that a test has open.
     limit.rlim_cur = 256;
     ::setrlimit(RLIMIT_NOFILE, &limit);
-    for (int fd = Open(); fd >= 0; fd = Open()) filling_.push_back(fd);
+    // A look at the interfaces may hold one just now, and give it back.
+    for (int quiet = 0; quiet < 4; quiet = Fill() ? 0 : quiet + 1) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
     for (; left > 0 && !filling_.empty(); --left) {
       ::close(filling_.back());
       filling_.pop_back();
@@ -66,6 +71,12 @@ class FewDescriptors {
   }
 
  private:
+  // False when there was none to be had.
+  bool Fill() {
+    const std::size_t before = filling_.size();
+    for (int fd = Open(); fd >= 0; fd = Open()) filling_.push_back(fd);
+    return filling_.size() > before;
+  }
   static int Open() { return ::open("/dev/null", O_RDONLY | O_CLOEXEC); }
 
   rlimit before_ = {};

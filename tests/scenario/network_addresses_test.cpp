@@ -6,10 +6,10 @@
 #include <vexupnpcp/network_layer.h>
 #include <vexupnpcp/result_codes.h>
 
+#include "tests/support/descriptor_limit.h"
 #include "tests/support/emulated.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/private_network.h"
-#include "tests/support/process_state.h"
 #include "tests/support/thread_count.h"
 
 namespace vex_upnp {
@@ -23,7 +23,7 @@ constexpr char kTag[] = "VEX_CORE_NETWORK";
 constexpr char kNoCache[] = "emulators of other processors do not pass the question on";
 
 TEST(GetMacAddress, APeerInTheCacheReadsInUpperCaseWithHyphens) {
-  vex_test::Ip("neigh add 10.77.0.50 lladdr 00:1a:2b:3c:4d:5e dev lan0 nud permanent");
+  vex_test::Ip("neigh replace 10.77.0.50 lladdr 00:1a:2b:3c:4d:5e dev lan0 nud permanent");
   LogCapture log;
   std::string mac;
   const int descriptors = vex_test::DescriptorCount();
@@ -37,7 +37,7 @@ TEST(GetMacAddress, APeerInTheCacheReadsInUpperCaseWithHyphens) {
 }
 
 TEST(GetMacAddress, EveryInterfaceIsAskedUpToTheTenth) {
-  vex_test::Ip("neigh add 10.77.1.50 lladdr 00:1a:2b:3c:4d:5e dev lan1 nud permanent");
+  vex_test::Ip("neigh replace 10.77.1.50 lladdr 00:1a:2b:3c:4d:5e dev lan1 nud permanent");
   std::string mac;
   const int found = GetMacAddress("10.77.1.50", mac);
   // Entries come in the order of the interfaces: with these lan1 is not among the first ten.

@@ -13,11 +13,12 @@
 #include <vexupnpcp/networkmonitor.h>
 #include <vexupnpcp/result_codes.h>
 
+#include "tests/support/descriptor_limit.h"
 #include "tests/support/interface_recorder.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/network_run.h"
 #include "tests/support/private_network.h"
-#include "tests/support/process_state.h"
+#include "tests/support/thread_count.h"
 #include "tests/support/timing_scaled.h"
 #include "tests/support/wait_until.h"
 

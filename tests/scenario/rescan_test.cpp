@@ -211,7 +211,7 @@ TEST_F(Search, TheGuardOfGlobalSearchesEndsByItself) {
   ASSERT_TRUE(WaitUntil([&] { return log.Count(4, kTag, "Rescan progress timer stopped") == 1; }));
   ASSERT_TRUE(WaitUntil([&] {
     manager->Rescan("ssdp:all");
-    return watcher_.Count(SearchFor("ssdp:all")) == 4;
+    return watcher_.Count(SearchFor("ssdp:all")) >= 4;
   }));
 }
 
@@ -316,7 +316,7 @@ TEST_F(Search, RegressionAHostThatThrowsIsToldOfEveryUnreachableDevice) {
 }
 
 TEST_F(Search, AfterTheCheckUnreachableDevicesAreRemovedInListOrder) {
-  FasterTime faster(50);
+  FasterTime faster(5);
   LogCapture log;
   DescriptionServer alive("10.77.0.1");
   DescriptionServer dead("10.77.0.1");
@@ -401,7 +401,7 @@ TEST_F(Search, AMissingDeviceCostsNoCheckWhenAllHaveAnswered) {
 }
 
 TEST_F(Search, ANetworkChangeCancelsTheCheck) {
-  FasterTime faster(50);
+  FasterTime faster(5);
   LogCapture log;
   DescriptionServer dead("10.77.0.1");
   DiscoveryRig::Register("upnp:rootdevice");

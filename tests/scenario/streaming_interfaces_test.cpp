@@ -21,7 +21,6 @@
 #include "tests/support/media_host.h"
 #include "tests/support/network_run.h"
 #include "tests/support/private_network.h"
-#include "tests/support/process_state.h"
 #include "tests/support/raw_socket.h"
 #include "tests/support/thread_count.h"
 #include "tests/support/timing_scaled.h"

@@ -53,6 +53,17 @@ int CountIn(const char* folder) {
   return count;
 }
 
+// Threads when they are as few as `expected`, or after a second: the kernel lists one that was
+// joined for a moment longer.
+int ThreadsAtRest(int expected) {
+  int threads = CountIn("/proc/self/task");
+  for (int look = 0; look < 100 && threads > expected; ++look) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    threads = CountIn("/proc/self/task");
+  }
+  return threads;
+}
+
 class SoakHost {
  public:
   SoakHost(const std::string& interface_name, const std::string& served, unsigned rate, bool trims)
@@ -171,7 +182,7 @@ class SoakHost {
     control_point_.Stop();
     soak::PrintWindow();
     Print("{\"e\": \"end\", \"threads\": [%d, %d], \"descriptors\": [%d, %d]}", threads_,
-          CountIn("/proc/self/task"), descriptors_, CountIn("/proc/self/fd"));
+          ThreadsAtRest(threads_), descriptors_, CountIn("/proc/self/fd"));
   }
 
   const std::string interface_;

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <chrono>
 #include <list>
 #include <mutex>
 #include <stdexcept>
@@ -159,14 +160,20 @@ int HostRig::Register(const std::vector<std::string>& types) {
 
 std::string HostRig::Meet(ScriptedDevice& device, const std::string& interface_name) {
   const std::string name = device.udn() + "+" + interface_name;
-  device.SayAlive(interface_name == "lan0" ? "10.77.0.1" : "10.77.1.1", options_.udp_port);
-  Require(WaitUntil([&] {
-            for (const ToldDevice& told : HostLog::Devices()) {
-              if (told.event == 1 && told.udn == name) return true;
-            }
-            return false;
-          }),
-          "the device did not appear");
+  const auto appears = [&] {
+    for (const ToldDevice& told : HostLog::Devices()) {
+      if (told.event == 1 && told.udn == name) return true;
+    }
+    return false;
+  };
+  // With time made faster a description may be too late on a busy machine; then it is announced
+  // once more, as devices do.
+  bool appeared = false;
+  for (int tries = 0; tries < 5 && !appeared; ++tries) {
+    device.SayAlive(interface_name == "lan0" ? "10.77.0.1" : "10.77.1.1", options_.udp_port);
+    appeared = WaitUntil(appears, std::chrono::seconds(5));
+  }
+  Require(appeared, "the device did not appear");
   return name;
 }
 

@@ -5,8 +5,8 @@
 
 #include <string>
 
+#include "tests/support/descriptor_limit.h"
 #include "tests/support/host_rig.h"
-#include "tests/support/process_state.h"
 #include "tests/support/ssdp_peer.h"
 #include "tests/support/still_works.h"
 

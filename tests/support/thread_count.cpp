@@ -3,8 +3,10 @@
 #include <dirent.h>
 
 #include <algorithm>
+#include <chrono>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 #include "tests/support/wait_until.h"
 
@@ -45,6 +47,34 @@ int ThreadCount() {
 
 // The listing itself uses one.
 int DescriptorCount() { return static_cast<int>(Entries("/proc/self/fd").size()) - 1; }
+
+int DescriptorsAtRest() {
+  constexpr auto kLook = std::chrono::milliseconds(50);
+  constexpr int kLooksAlike = 4;
+  int count = DescriptorCount();
+  for (int alike = 1; alike < kLooksAlike; ++alike) {
+    std::this_thread::sleep_for(kLook);
+    const int now = DescriptorCount();
+    if (now != count) alike = 0;
+    count = now;
+  }
+  return count;
+}
+
+int ThreadsNamed(const std::string& name) {
+  const std::vector<std::string> names = ThreadNames();
+  return static_cast<int>(std::count(names.begin(), names.end(), name));
+}
+
+bool IsAsleep(const std::string& name) {
+  const std::string asleep = "(" + name + ") S";
+  for (const std::string& thread : Entries("/proc/self/task")) {
+    std::string stat;
+    std::getline(std::ifstream("/proc/self/task/" + thread + "/stat"), stat);
+    if (stat.find(asleep) != std::string::npos) return true;
+  }
+  return false;
+}
 
 testing::AssertionResult ThreadsBecome(int count) {
   if (WaitUntil([count] { return ThreadCount() == count; })) {

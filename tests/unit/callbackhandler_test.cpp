@@ -22,7 +22,6 @@
 #include "src/incoming_tcp_session.h"
 #include "tests/support/fail_alloc.h"
 #include "tests/support/log_capture.h"
-#include "tests/support/process_state.h"
 #include "tests/support/thread_count.h"
 #include "tests/support/wait_until.h"
 

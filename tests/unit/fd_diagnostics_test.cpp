@@ -3,8 +3,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include "tests/support/descriptor_limit.h"
 #include "tests/support/log_capture.h"
-#include "tests/support/process_state.h"
 
 namespace vex_upnp {
 namespace network_layer {

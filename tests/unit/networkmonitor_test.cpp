@@ -8,7 +8,6 @@
 
 #include "src/networkinterface.h"
 #include "tests/support/log_capture.h"
-#include "tests/support/process_state.h"
 #include "tests/support/thread_count.h"
 #include "tests/support/timing_scaled.h"
 #include "tests/support/wait_until.h"

@@ -11,7 +11,6 @@
 
 #include <boost/asio/post.hpp>
 
-#include "tests/support/process_state.h"
 #include "tests/support/thread_count.h"
 #include "tests/support/wait_until.h"
 

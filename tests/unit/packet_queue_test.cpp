@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "tests/support/fail_alloc.h"
-#include "tests/support/process_state.h"
+#include "tests/support/thread_count.h"
 #include "tests/support/wait_until.h"
 
 namespace vex_upnp {

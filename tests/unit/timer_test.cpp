@@ -19,7 +19,6 @@
 #include "tests/support/fail_alloc.h"
 #include "tests/support/host_rig.h"
 #include "tests/support/log_capture.h"
-#include "tests/support/process_state.h"
 #include "tests/support/sanitizers.h"
 #include "tests/support/thread_count.h"
 #include "tests/support/wait_until.h"
@@ -271,9 +270,13 @@ TEST_F(TimerTest, EarlierTimerStartedLaterComesFirst) {
 TEST_F(TimerTest, CancelledFirstTimerDoesNotHoldUpTheNext) {
   Record record;
   Argument argument{&record, 7};
+  Gate gate;
+  Timer::Start(0, &Gate::Pass, &gate);
+  gate.WaitInside();
   const int first = Timer::Start(200, &FailTheTest, nullptr);
   Timer::Start(210, &Note, &argument);
   Timer::Cancel(first, nullptr);
+  gate.Open();
   ASSERT_TRUE(WaitUntil([&] { return record.size() == 1; }));
 }
 

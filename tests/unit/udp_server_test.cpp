@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <sys/socket.h>
 
+#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
@@ -170,6 +171,7 @@ TEST_F(UdpServerTest, UnfinishedHeaderOfSixtyFourKibibytesIsStillFinished) {
 }
 
 TEST_F(UdpServerTest, UnfinishedHeaderPastSixtyFourKibibytesIsDroppedWithOneLine) {
+  const auto since = std::chrono::steady_clock::now();
   vex_test::LogCapture log;
   const std::string start = "HTTP/1.1 200 OK\r\nUSN: uuid:endless\r\nX: ";
   for (int round = 0; round < 2; ++round) {
@@ -178,7 +180,10 @@ TEST_F(UdpServerTest, UnfinishedHeaderPastSixtyFourKibibytesIsDroppedWithOneLine
     EXPECT_TRUE(StillServes());
   }
   EXPECT_EQ(0, answers_->CountOf("uuid:endless"));
-  EXPECT_EQ(1, log.Count(16, kTag, "Unfinished header of 65537 bytes dropped"));
+  // One line a second: the second round has one of its own only if it came that late.
+  const int lines = log.Count(16, kTag, "Unfinished header of 65537 bytes dropped");
+  const bool late = std::chrono::steady_clock::now() - since >= std::chrono::seconds(1);
+  EXPECT_TRUE(lines == 1 || (late && lines == 2)) << lines;
 }
 
 TEST_F(UdpServerTest, BurstOfAThousandAnswersArrivesWhole) {
