@@ -54,6 +54,7 @@ void Download::Start(const HttpUrl& url, long long offset, bool may_restart) {
     progress_.done = offset;
     offset_ = offset;
     may_restart_ = may_restart;
+    range_end_.reset();
   }
   const st::ClientAppCallbacks callbacks{OnStatus, OnResponse, OnData, OnWritten};
   const int code = st::StartClient(&callbacks, url.host.c_str(), url.port, &client_);
@@ -137,28 +138,47 @@ void Download::TakeResponse(const ResHeaderInfo& response) {
   if (response.status_code != kOk) {
     const std::string range = Header(response, "Content-Range");
     long long size = 0;
-    if (std::sscanf(range.c_str(), "bytes */%lld", &size) == 1) progress_.total = size;
-    End(State::kRefused);
+    const bool told = std::sscanf(range.c_str(), "bytes */%lld", &size) == 1;
+    End(told && !TakeLength(size) ? State::kChanged : State::kRefused);
     return;
   }
   if (may_restart_ ? !CutFile(0) : offset_ > 0) {
     End(State::kOtherRange);
     return;
   }
+  // Nothing of what came before is left.
   progress_.done = 0;
-  if (response.content_length > 0) progress_.total = response.content_length;
+  length_.reset();
+  if (response.content_length > 0) TakeLength(response.content_length);
 }
 
 void Download::TakePartial(const ResHeaderInfo& response) {
   const std::string range = Header(response, "Content-Range");
   long long first = -1, last = -1, size = -1;
   const int read = std::sscanf(range.c_str(), "bytes %lld-%lld/%lld", &first, &last, &size);
-  if (read < 2 || first != offset_ || last < first || (may_restart_ && !CutFile(offset_))) {
+  if (read < 2 || first != offset_ || last < first || (read == 3 && size <= last)) {
     End(State::kOtherRange);
     return;
   }
-  // Only a range that reaches to the end was asked for.
-  progress_.total = last + 1;
+  // A server may leave the length open; then what it gives without a limit asked for is the rest.
+  if (read == 3 && !TakeLength(size)) {
+    End(State::kChanged);
+    return;
+  }
+  if (may_restart_ && !CutFile(offset_)) {
+    End(State::kOtherRange);
+    return;
+  }
+  range_end_ = last + 1;
+  progress_.total = length_ ? length_ : range_end_;
+}
+
+// False when an earlier answer has told another one.
+bool Download::TakeLength(long long length) {
+  if (length_ && *length_ != length) return false;
+  length_ = length;
+  progress_.total = length;
+  return true;
 }
 
 // What a file held before goes only when there is something to put in its place. A device or a pipe
@@ -177,9 +197,12 @@ void Download::TakeBytes(const void* bytes, unsigned int length, bool final) {
     return;
   }
   progress_.done += length;
-  if (!final) return;
-  const bool whole = !progress_.total || progress_.done == *progress_.total;
-  End(whole ? State::kComplete : State::kBrokenOff);
+  if (final) End(WhatHasCome());
+}
+
+Download::State Download::WhatHasCome() const {
+  if (!progress_.total || progress_.done == *progress_.total) return State::kComplete;
+  return progress_.done == range_end_ ? State::kPartDone : State::kBrokenOff;
 }
 
 bool Download::StoreAll(const char* bytes, std::size_t length) {

@@ -27,12 +27,16 @@ class Download {
 
   enum class State {
     kRunning,
-    // All that was promised has come.
+    // The whole resource has come.
     kComplete,
+    // A range that was told has come, and the resource goes on behind it.
+    kPartDone,
     // The answer was no success: see status.
     kRefused,
     // The file starts elsewhere than was asked for.
     kOtherRange,
+    // The resource has another length than an earlier answer told: its parts do not fit together.
+    kChanged,
     // The connection failed or ended early.
     kBrokenOff,
     // What came is no HTTP.
@@ -53,7 +57,8 @@ class Download {
   };
 
   // Asks for what lies behind `offset`; a server that sends the whole instead is taken from its
-  // start if `may_restart`. Throws Failure when it cannot start.
+  // start if `may_restart`. What one answer tells of the length of the whole must hold for those of
+  // the next starts. Throws Failure when it cannot start.
   void Start(const HttpUrl& url, long long offset, bool may_restart);
   void Stop();
   Progress progress();
@@ -69,6 +74,8 @@ class Download {
 
   void TakeResponse(const ResHeaderInfo& response);
   void TakePartial(const ResHeaderInfo& response);
+  bool TakeLength(long long length);
+  State WhatHasCome() const;
   bool CutFile(long long size);
   void TakeBytes(const void* bytes, unsigned int length, bool final);
   void End(State state);
@@ -82,6 +89,10 @@ class Download {
   Progress progress_;
   long long offset_ = 0;
   bool may_restart_ = false;
+  // Of the whole resource, as the answers of all starts tell it.
+  std::optional<long long> length_;
+  // Where the range ends that is coming, when one is.
+  std::optional<long long> range_end_;
   // 0 while there is none.
   int client_ = 0;
 };

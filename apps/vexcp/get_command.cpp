@@ -76,6 +76,8 @@ std::string Why(const Download::Progress& end) {
       return "the server answered with status " + std::to_string(end.status);
     case Download::State::kOtherRange:
       return "the server does not go on where the file ends; fetch it without --continue";
+    case Download::State::kChanged:
+      return "the file has changed on the server meanwhile; fetch it without --continue";
     case Download::State::kNoHttp:
       return "what the server answered is no HTTP";
     case Download::State::kNotStored:
@@ -121,13 +123,18 @@ int Get(const GetOptions& options) {
       return kDone;
     }
     if (events.interrupted()) throw Failure(kBrokenOff, "ended by the user; --continue goes on");
-    const bool nothing_left = end.status == 416 && offset > 0 && end.total == offset;
+    const bool nothing_left = end.state == Download::State::kRefused && end.status == 416 &&
+                              offset > 0 && end.total == offset;
     if (nothing_left) {
       std::fprintf(stderr, "%s: complete already\n", target.Title().c_str());
       return kDone;
     }
     if (IsRedirect(end.status) && !end.location.empty() && redirects++ < kMostRedirects) {
       url = url.Follow(end.location);
+      continue;
+    }
+    if (end.state == Download::State::kPartDone) {
+      offset = end.done;
       continue;
     }
     const bool went_on = end.state == Download::State::kBrokenOff && end.done > offset;

@@ -159,6 +159,64 @@ class GetTest(MediaTest):
         self.assertEqual(6, result.returncode)
         self.assertEqual(b"abcd", read_file(name))
 
+    def test_a_server_that_sends_less_than_was_asked_for_is_asked_for_the_rest(self):
+        body = some_bytes(100)
+
+        def answer(request):
+            offset = int(re.search(r"Range: bytes=(\d+)-", request)[1])
+            piece = body[offset:offset + 6]
+            return (b"HTTP/1.1 206 Partial Content\r\nContent-Range: bytes %d-%d/100\r\n"
+                    b"Content-Length: %d\r\n\r\n" % (offset, offset + len(piece) - 1, len(piece))
+                    + piece)
+
+        server = self.script(answer)
+        name = self.write("part", body[:4])
+        result = run("get", server.url(), "-c", "-o", name)
+        self.assertEqual(0, result.returncode, result.stderr)
+        self.assertIn("100 bytes", result.stderr)
+        self.assertEqual(body, read_file(name))
+        self.assertEqual(16, len(server.requests))
+
+    def test_a_part_is_not_taken_for_the_whole(self):
+        answers = [b"HTTP/1.1 206 Partial Content\r\nContent-Range: bytes 4-9/100\r\n"
+                   b"Content-Length: 6\r\n\r\n456789", b"HTTP/1.1 404 Not Found\r\n\r\n"]
+        server = self.script(lambda _: answers[len(server.requests) - 1])
+        name = self.write("part", b"0123")
+        result = run("get", server.url(), "-c", "-o", name)
+        self.assertEqual((5, "vexcp: the server answered with status 404\n"),
+                         (result.returncode, result.stderr))
+        self.assertEqual(b"0123456789", read_file(name))
+        self.assertIn("\r\nRange: bytes=10-\r\n", server.requests[1])
+
+    def test_parts_of_a_file_that_has_changed_are_not_put_together(self):
+        changed = {"/longer": b"206 Partial Content\r\nContent-Range: bytes 4-11/12\r\n\r\n"
+                              b"45678901",
+                   "/shorter": b"206 Partial Content\r\nContent-Range: bytes 4-5/6\r\n\r\n45",
+                   "/cut": b"416 Range Not Satisfiable\r\nContent-Range: bytes */4\r\n\r\n"}
+        server = self.script(
+            lambda request: b"HTTP/1.1 " + (changed[request.split()[1]] if "Range" in request else
+                                            b"200 OK\r\nContent-Length: 10\r\n\r\n0123"))
+        for path in changed:
+            result = run("get", server.url(path), "-o", self.path("file"))
+            self.assertEqual(6, result.returncode, path)
+            self.assertIn("has changed", result.stderr)
+            self.assertEqual(b"0123", read_file(self.path("file")))
+
+    def test_a_file_that_has_changed_may_come_anew_as_a_whole(self):
+        answers = [b"HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\n0123",
+                   b"HTTP/1.1 200 OK\r\nContent-Length: 3\r\n\r\nnew"]
+        server = self.script(lambda _: answers[len(server.requests) - 1])
+        result = run("get", server.url(), "-o", self.path("file"))
+        self.assertEqual(0, result.returncode, result.stderr)
+        self.assertEqual(b"new", read_file(self.path("file")))
+
+    def test_a_range_that_cannot_be_is_not_stored(self):
+        server = self.script(lambda _: b"HTTP/1.1 206 Partial Content\r\nContent-Range: "
+                             b"bytes 4-9/8\r\nContent-Length: 6\r\n\r\n456789")
+        name = self.write("part", b"abcd")
+        self.assertEqual(6, run("get", server.url(), "-c", "-o", name).returncode)
+        self.assertEqual(b"abcd", read_file(name))
+
     def test_a_transfer_that_breaks_off_goes_on_by_itself(self):
         body = some_bytes(2000000)
 
