@@ -22,6 +22,7 @@ import wave
 HOSTS = {"dev1": ["10.90.1.11"], "dev2": ["10.90.1.12"], "dev3": ["10.90.2.13"],
          "dev4": ["10.90.1.14", "10.90.2.14"]}
 MEDIA_SERVER = "urn:schemas-upnp-org:device:MediaServer:1"
+MEDIA_RENDERER = "urn:schemas-upnp-org:device:MediaRenderer:1"
 DIMMABLE_LIGHT = "urn:schemas-upnp-org:device:DimmableLight:1"
 LIMIT_S = 40.0
 
@@ -111,7 +112,7 @@ class Device:
         self.name = name
         self.host = host
         self.address = HOSTS[host][0]
-        self.interfaces = "eth0,eth1" if len(HOSTS[host]) > 1 else "eth0"
+        self.interfaces = ["eth%d" % n for n in range(len(HOSTS[host]))]
         self.work = os.path.join(work, name + "-" + host)
         self.media = os.path.join(work, "media")
         self.process = None
@@ -138,6 +139,19 @@ class Device:
                 stdin=subprocess.DEVNULL, stdout=log, stderr=log, start_new_session=True)
         self.location = self._wait_until_served(target, port)
         return self.location
+
+    def location_of(self, target, address=None):
+        """The description URL of another root device of the program, or of the same one at another
+        address of its host."""
+        found = []
+
+        def served():
+            found[:] = [ask_location(address or self.address, target)]
+            return found[0] and self._is_served(found[0])
+        self._wait_until(served, LIMIT_S)
+        if not found[0]:
+            raise RuntimeError("%s on %s has no %s:\n%s" % (self.name, self.host, target, self.log()))
+        return found[0]
 
     def stop(self):
         """The device program first and alone, so that it can say byebye; then its helpers."""
@@ -236,9 +250,9 @@ class Device:
     def _uuid(self):
         return "4d696e69-0000-4000-8000-%s" % self.host.encode().hex().rjust(12, "0")
 
-    def _fill(self, template):
-        return template.format(media=self.media, work=self.work, interfaces=self.interfaces,
-                               host=self.host, uuid=self._uuid())
+    def _fill(self, template, separator=","):
+        return template.format(media=self.media, work=self.work, host=self.host, uuid=self._uuid(),
+                               interfaces=separator.join(self.interfaces))
 
     def _write(self, name, text):
         path = os.path.join(self.work, name)
@@ -263,12 +277,14 @@ class Device:
             text = head + "<%s>%s</%s>" % (tag, value, tag) + rest.partition("</%s>" % tag)[2]
         text = text.replace("<udn/>", "<udn>uuid:%s</udn>" % self._uuid())
         self._write("cfg/config.xml", text)
+        # It serves one interface: --interface and --ip can be given once ("currently we can only bind
+        # to one interface at a time", gerbera(1)). So it is no device on both networks of dev4.
         return (["gerbera", "-c", os.path.join(folder, "config.xml"), "-m", self.work, "-f", "cfg",
                  "-e", "eth0", "-p", "49152", "-a", self.media], MEDIA_SERVER, "49152")
 
     def _rygel(self):
         # One process, two root devices: a media server and a media renderer.
-        self._write("xdg/rygel.conf", self._fill(RYGEL))
+        self._write("xdg/rygel.conf", self._fill(RYGEL, ";"))
         return ["dbus-run-session", "--", "rygel"], MEDIA_SERVER, ""
 
     def _light(self):

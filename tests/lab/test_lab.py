@@ -8,6 +8,7 @@ import subprocess
 import unittest
 import urllib.request
 
+from devices import MEDIA_RENDERER, MEDIA_SERVER
 from lab_support import FOUND_S, VEXCP, Described, LabCase, wait_until
 
 # A rescan, its answers, the connection check and one rescan in between.
@@ -40,22 +41,48 @@ class LabTest(LabCase):
             self.assertEqual(0, result.returncode, result.stderr)
             self.assertEqual(expected.strip(), result.stdout.strip(), service["type"])
 
-    def check_life(self, name, host, interface, says_byebye=True):
-        """Found and described; gone and found again when restarted; gone when it dies."""
+    def check_life(self, name, host, interface, says_byebye=True, target=None):
+        """Found and described; gone and found again when restarted; gone when it dies. A target names
+        one of the program's root devices. The device as it was found first."""
         device = self.start(name, host)
-        described = Described(device.location)
+
+        def location():
+            return device.location_of(target) if target else device.location
+
+        described = Described(location())
         # A concrete type, since all devices at once are searched for at most every two minutes.
         watcher = self.watch("--type", described.type, "--rescan", "9")
         found = watcher.wait_for("added", described.udn, interface)
-        self.check_described(found, device.location)
+        self.check_described(found, location())
         device.stop()
         watcher.wait_for("removed", described.udn, interface,
                          limit=FOUND_S if says_byebye else GONE_S)
-        again = Described(device.start())
+        device.start()
+        again = Described(location())
         times = 2 if again.udn == described.udn else 1
         watcher.wait_for("added", again.udn, interface, times=times)
         device.kill()
         watcher.wait_for("removed", again.udn, interface, times=times, limit=GONE_S)
+        return found
+
+    def check_two_entries(self, name, target):
+        """A device on both networks of dev4 is an entry on each, and leaves both."""
+        device = self.start(name, "dev4")
+        watcher = self.watch("--type", target, "--rescan", "9")
+        udns = set()
+        for interface, address in (("eth0", "10.90.1.14"), ("eth1", "10.90.2.14")):
+            location = device.location_of(target, address)
+            udn = Described(location).udn
+            found = watcher.wait_for("added", udn, interface)
+            self.assertEqual(udn + "+" + interface, found["key"])
+            self.assertEqual(address, found["address"])
+            self.check_described(found, location)
+            udns.add(udn)
+        # One device, not two that happen to be alike.
+        self.assertEqual(1, len(udns))
+        device.stop()
+        for interface in ("eth0", "eth1"):
+            watcher.wait_for("removed", udn, interface)
 
     def test_minidlna(self):
         self.check_life("minidlna", "dev1", "eth0")
@@ -70,27 +97,15 @@ class LabTest(LabCase):
         self.check_life("light", "dev2", "eth0", says_byebye=False)
 
     def test_rygel_media_renderer(self):
-        self.start("rygel", "dev3")
-        watcher = self.watch("--type", "MediaRenderer")
-        found = wait_until(lambda: [e["device"] for e in watcher.read()
-                                    if e["event"] == "added"], FOUND_S)
-        self.assertTrue(found)
-        self.check_described(found[0], found[0]["location"])
+        found = self.check_life("rygel", "dev3", "eth1", target=MEDIA_RENDERER)
         self.assertEqual({"AVTransport", "ConnectionManager", "RenderingControl"},
-                         {service["type"].split(":")[-2] for service in found[0]["services"]})
+                         {service["type"].split(":")[-2] for service in found["services"]})
 
-    def test_a_device_on_two_networks_is_two_entries(self):
-        device = self.start("minidlna", "dev4")
-        udn = Described(device.location).udn
-        watcher = self.watch("--type", "MediaServer", "--rescan", "9")
-        for interface, address in (("eth0", "10.90.1.14"), ("eth1", "10.90.2.14")):
-            found = watcher.wait_for("added", udn, interface)
-            self.assertEqual(udn + "+" + interface, found["key"])
-            self.assertEqual(address, found["address"])
-            self.check_described(found, "http://%s:8200/rootDesc.xml" % address)
-        device.stop()
-        for interface in ("eth0", "eth1"):
-            watcher.wait_for("removed", udn, interface)
+    def test_a_server_on_two_networks_is_two_entries(self):
+        self.check_two_entries("minidlna", MEDIA_SERVER)
+
+    def test_a_renderer_on_two_networks_is_two_entries(self):
+        self.check_two_entries("rygel", MEDIA_RENDERER)
 
     def test_all_of_them_at_once(self):
         started = [self.start("minidlna", "dev1"), self.start("gerbera", "dev2"),
