@@ -185,7 +185,7 @@ class DiscoverTest(SimulatorTest):
 
     def test_two_programs_at_once_both_find_everything(self):
         self.simulate("lamp", "--count", "20", "--answers", "window=500", "--no-announce")
-        command = [PROGRAM, "discover", "--json", "--wait", "5", "-i", "eth0"]
+        command = [PROGRAM, "discover", "--json", "--wait", "15", "-i", "eth0"]
         programs = [subprocess.Popen(command, stdout=subprocess.PIPE, text=True)
                     for _ in range(2)]
         for program in programs:

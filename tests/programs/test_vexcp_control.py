@@ -304,7 +304,7 @@ class EventsTest(SimulatorTest):
 
     def test_a_time_ends_it(self):
         self.start("lamp")
-        result = run("events", self.udn, "SwitchPower", "--seconds", "3", "--json")
+        result = run("events", self.udn, "SwitchPower", "--seconds", "10", "--json")
         self.assertEqual((0, 1), (result.returncode, len(result.stdout.splitlines())))
 
     def test_last_change_is_taken_apart(self):
@@ -349,7 +349,7 @@ class EventsTest(SimulatorTest):
 
     def test_renewals_pass_on_the_wire_and_events_go_on(self):
         self.start("lamp")
-        self.simulator.do("events timeout=4")
+        self.simulator.do("events timeout=8")
         wire = Wire()
         self.addCleanup(wire.close)
         events = self.listen("SwitchPower")

@@ -489,7 +489,7 @@ class DevicesTest(MediaTest):
         self.assertEqual(read_file(TONE), read_file(self.path("tone.wav")))
 
     def test_a_renderer_plays_a_file(self):
-        simulator = self.simulate("renderer")
+        simulator = self.simulate("renderer", "--answers", "burst")
         udn = simulator.device()["udns"][0]
         file = self.write("tone & <more>.wav", read_file(TONE))
         process = subprocess.Popen([PROGRAM, "push", "--interface", "eth0", udn, file],
@@ -515,7 +515,7 @@ class DevicesTest(MediaTest):
         process.stdout.close()
 
     def test_a_device_that_is_no_renderer_is_told(self):
-        simulator = self.simulate("lamp")
+        simulator = self.simulate("lamp", "--answers", "burst")
         result = run("push", "--interface", "eth0", simulator.device()["udns"][0], TONE)
         self.assertEqual(1, result.returncode)
         self.assertIn("AVTransport", result.stderr)

@@ -406,7 +406,7 @@ TEST_F(ControlActions, ACancelDuringTheResultFindsTheContextGone) {
 }
 
 TEST_F(ControlActions, KeptASecondEndOfAClaimedActionComesWithANullContext) {
-  const FasterTime faster(100);
+  const FasterTime faster(20);
   RunPeer([](const PeerRequest&) { return Reply(200, "<ok/>"); });
   // The answer's listener stays until the time-out has come as well.
   log_.on_result = [&](const ActionResult& got) {
