@@ -190,6 +190,11 @@ VEX_INTERPOSED int bind(int fd, const sockaddr* address, socklen_t length) noexc
   return Fails(SystemCall::kBind) ? -1 : original(fd, address, length);
 }
 
+VEX_INTERPOSED int listen(int fd, int backlog) noexcept {
+  static const auto original = Original<decltype(&listen)>("listen");
+  return Fails(SystemCall::kListen) ? -1 : original(fd, backlog);
+}
+
 VEX_INTERPOSED int connect(int fd, const sockaddr* address, socklen_t length) {
   static const auto original = Original<decltype(&connect)>("connect");
   RunBeforeConnect();
@@ -199,6 +204,7 @@ VEX_INTERPOSED int connect(int fd, const sockaddr* address, socklen_t length) {
 VEX_INTERPOSED int setsockopt(int fd, int level, int option, const void* value,
                               socklen_t length) noexcept {
   static const auto original = Original<decltype(&setsockopt)>("setsockopt");
+  if (Fails(SystemCall::kSetOption)) return -1;
   const int largest = largest_receive_buffer.load(std::memory_order_relaxed);
   if (largest == 0 || level != SOL_SOCKET || option != SO_RCVBUF || length != sizeof(int)) {
     return original(fd, level, option, value, length);
@@ -258,7 +264,14 @@ VEX_INTERPOSED int gettimeofday(timeval* now, void* zone) noexcept {
 
 VEX_INTERPOSED time_t time(time_t* out) noexcept {
   static const auto original = Original<decltype(&time)>("time");
+  if (Fails(SystemCall::kTime)) return static_cast<time_t>(-1);
   const time_t now = original(nullptr) + static_cast<time_t>(clock_shift_seconds);
   if (out != nullptr) *out = now;
   return now;
+}
+
+VEX_INTERPOSED size_t strftime(char* text, size_t most, const char* format,
+                               const tm* calendar) noexcept {
+  static const auto original = Original<decltype(&strftime)>("strftime");
+  return Fails(SystemCall::kDateText) ? 0 : original(text, most, format, calendar);
 }

@@ -12,8 +12,20 @@
 namespace vex_test {
 
 // Calls to the system that a test program can make fail. kSend stands for send, sendto and sendmsg,
-// kAccept for accept and accept4.
-enum class SystemCall : int { kThread, kSocket, kBind, kConnect, kAccept, kSend, kCount };
+// kAccept for accept and accept4, kSetOption for setsockopt, kDateText for strftime.
+enum class SystemCall : int {
+  kThread,
+  kSocket,
+  kSetOption,
+  kBind,
+  kListen,
+  kConnect,
+  kAccept,
+  kSend,
+  kTime,
+  kDateText,
+  kCount
+};
 
 // From here to the end of the scope the n-th call of one kind and all behind it fail with `error`,
 // or `count` of them. Calls of the library's threads and of the thread that made this object are
