@@ -1,5 +1,7 @@
 #include <gmock/gmock.h>
 
+#include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <ctime>
 #include <string>
@@ -8,6 +10,7 @@
 #include <vexupnpcp/time_utils.h>
 
 #include "tests/support/fail_alloc.h"
+#include "tests/support/fail_calls.h"
 #include "tests/support/log_capture.h"
 
 namespace vex_upnp {
@@ -52,6 +55,34 @@ TEST(TimeUtils, DateWithoutMemoryFailsAndLeavesTheOutput) {
   EXPECT_EQ("before", date);
   EXPECT_EQ(1, log.Count(16, "VEX_CORE_UTILS", "malloc failed!"));
   EXPECT_EQ("time_utils.cpp", log.Lines()[0].file);
+}
+
+void ExpectNoDate(const std::string& line) {
+  const vex_test::LogCapture log;
+  std::string date = "before";
+  EXPECT_EQ(3003, Generate_CurrentDate(date));
+  EXPECT_EQ("before", date);
+  EXPECT_EQ(1, log.Count(16, "VEX_CORE_UTILS", line));
+  EXPECT_EQ(1U, log.Lines().size());
+}
+
+TEST(TimeUtils, WithoutTheTimeThereIsNoDate) {
+  const vex_test::FailCalls no_time(vex_test::SystemCall::kTime, EOVERFLOW, 1, 1);
+  ExpectNoDate("Error in getting the time");
+  EXPECT_EQ(1, no_time.Failed());
+}
+
+// Behind the year two thousand million the C library has no calendar.
+TEST(TimeUtils, WithoutACalendarThereIsNoDate) {
+  if (sizeof(std::time_t) < 8) GTEST_SKIP() << "every time has its year";
+  const vex_test::ShiftedClock far_away(std::chrono::hours(1LL << 50));
+  ExpectNoDate("Error in getting the local time");
+}
+
+TEST(TimeUtils, WithoutItsTextThereIsNoDate) {
+  const vex_test::FailCalls no_text(vex_test::SystemCall::kDateText, ERANGE, 1, 1);
+  ExpectNoDate("strftime failed!");
+  EXPECT_EQ(1, no_text.Failed());
 }
 
 }  // namespace
