@@ -286,6 +286,42 @@ TEST(NumberReferences, EntangledReferencesStopAtTheBoundOfWork) {
   EXPECT_LT(cpu.Elapsed(), 10.0);
 }
 
+// A text whose references cost exactly so many bytes looked at when they are replaced one by one:
+// for each of them the whole text, in which the earlier ones have been replaced already.
+std::string TextOfWork(std::size_t bytes) {
+  constexpr std::size_t kReferences = 20;
+  constexpr std::size_t kLength = 5;
+  // What stands in the place of the n-th reference is n bytes long.
+  std::size_t work = 0;
+  for (std::size_t round = 1; round <= kReferences; ++round) {
+    work += round * (round - 1) / 2 + (kReferences - round + 1) * kLength;
+  }
+  // A letter behind them is looked at in every round, a zero in the first reference only once.
+  const std::size_t letters = (bytes - work) / kReferences;
+  const std::size_t zeros = (bytes - work) % kReferences;
+  std::string text = "&#" + std::string(zeros, '0') + "65;";
+  for (std::size_t i = 1; i < kReferences; ++i) text += "&#" + std::to_string(65 + i) + ";";
+  return text + std::string(letters, 'x');
+}
+
+TEST(NumberReferences, WorkAtItsBoundIsDone) {
+  std::string text = TextOfWork(limits::kUnescapeWork);
+  const std::size_t letters = text.size() - text.rfind(';') - 1;
+  EXPECT_TRUE(ReplaceReferencesOneByOne(text));
+  std::string replaced;
+  std::string carried;
+  for (char letter = 'A'; letter <= 'T'; ++letter) replaced += carried += letter;
+  EXPECT_TRUE(text == replaced + std::string(letters, 'x'));
+}
+
+TEST(NumberReferences, WorkOneBytePastItsBoundIsNot) {
+  std::string text = TextOfWork(limits::kUnescapeWork + 1);
+  EXPECT_FALSE(ReplaceReferencesOneByOne(text));
+  // Up to the last reference it was within the bound.
+  EXPECT_NE(std::string::npos, text.find("&#84;"));
+  EXPECT_EQ(std::string::npos, text.find("&#83;"));
+}
+
 TEST(NumberReferences, OpeningsWithoutEndAreLinear) {
   const vex_test::CpuSeconds cpu;
   std::string openings;
