@@ -377,8 +377,10 @@ TEST(HttpParser, KeptNulInTheFirstLineHidesItsEnd) {
     EXPECT_EQ(PARSING_RETURN, info->GetParsingStatus());
     EXPECT_EQ(message, StartLine(*info));
     // With the blank line behind it there is no place for what comes next.
+    const LogCapture log;
     EXPECT_EQ(result::kFailure, Feed(info, "x"));
     EXPECT_EQ(2, info->GetState());
+    EXPECT_EQ(1, log.Count(16, "VEX_CORE_UTILS", "String cant find CRLF !"));
   }
 }
 
