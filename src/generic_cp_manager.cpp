@@ -15,6 +15,7 @@
 #include "src/event_delivery.h"
 #include "src/generic_cp_utils.h"
 #include "src/generic_host_callback.h"
+#include "src/looked_up_ahead.h"
 
 namespace vex_upnp {
 namespace generic_cp {
@@ -274,6 +275,7 @@ int GenericCPManager::SendAction(int handle, const std::string& udn,
   const std::string user_agent = GetUserAgent();
   // Made before the send: once it is out, the action's id is listed whatever the memory.
   std::list<int> id(1, 0);
+  const network_layer::LookedUpAhead ahead(control_uri);
 
   // An answer cannot pass RemoveActionId before the id stands in the list, so the lock spans both.
   boost::lock_guard<boost::mutex> lock(info->info_mutex);
@@ -389,18 +391,35 @@ int GenericCPManager::GetEventListenerForCP(int handle, EventCallback& callback)
 
 int GenericCPManager::SubscribeService(int handle, const std::string& udn,
                                        const std::string& service_type) {
-  SubscriptionLook look = __TrySubscribe(handle, udn, service_type);
+  // Who cannot subscribe is told so before a name server is asked.
+  const int refused = __SubscribeWhenFree(handle, udn, service_type, nullptr);
+  if (refused != CP_ERR_NONE) return refused;
+  const GenericCPInfo::HandlePointer made(new GenericSubscribeHandle(handle, udn, service_type));
+  const int prepared = made->Prepare();
+  if (prepared != CP_ERR_NONE) return prepared;
+  const network_layer::LookedUpAhead ahead(made->event_url());
+  const int subscribed = __SubscribeWhenFree(handle, udn, service_type, made);
+  // With no lock held: ending what is left waits for an event in progress.
+  if (subscribed != CP_ERR_NONE) made->AbandonSubscription();
+  return subscribed;
+}
+
+// Waits while another thread ends the pair.
+int GenericCPManager::__SubscribeWhenFree(int handle, const std::string& udn,
+                                          const std::string& service_type,
+                                          const GenericCPInfo::HandlePointer& made) {
+  SubscriptionLook look = __TrySubscribe(handle, udn, service_type, made);
   while (!look.decided) {
     look.info->WaitWhileLeaving(look.handle);
-    look = __TrySubscribe(handle, udn, service_type);
+    look = __TrySubscribe(handle, udn, service_type, made);
   }
-  // With no lock held: ending what is left waits for an event in progress.
-  if (look.handle && look.code != CP_ERR_NONE) look.handle->AbandonSubscription();
   return look.code;
 }
 
+// Subscribes with `made`; with none it only tells whether the pair is free.
 GenericCPManager::SubscriptionLook GenericCPManager::__TrySubscribe(
-    int handle, const std::string& udn, const std::string& service_type) {
+    int handle, const std::string& udn, const std::string& service_type,
+    const GenericCPInfo::HandlePointer& made) {
   SubscriptionLook look;
   boost::lock_guard<boost::mutex> lock(cp_mutex_);
   look.info = __Find(handle);
@@ -411,11 +430,9 @@ GenericCPManager::SubscriptionLook GenericCPManager::__TrySubscribe(
   }
   GenericCPInfo& info = *look.info;
   boost::lock_guard<boost::mutex> info_lock(info.info_mutex);
-  GenericCPInfo::HandlePointer listed;
-  if (info.GetSubscribeHandle(udn, service_type, listed)) {
-    if (listed->leaving && !HostCallbackScope::Inside()) {
+  if (info.GetSubscribeHandle(udn, service_type, look.handle)) {
+    if (look.handle->leaving && !HostCallbackScope::Inside()) {
       look.decided = false;
-      look.handle = listed;
       return look;
     }
     VEX_LOG(kLogMajor, kTagGenericCp,
@@ -423,14 +440,10 @@ GenericCPManager::SubscriptionLook GenericCPManager::__TrySubscribe(
     look.code = CP_ERR_ALREADY_SUBSCRIBED;
     return look;
   }
-  look.handle.reset(new GenericSubscribeHandle(handle, udn, service_type));
+  if (!made) return look;
   // Made before the subscription, which would be lost without its place.
-  std::list<GenericCPInfo::HandlePointer> place(1, look.handle);
-  try {
-    look.code = look.handle->SubscribeService();
-  } catch (const std::bad_alloc&) {
-    look.code = CP_ERR_OUT_OF_MEMORY;
-  }
+  std::list<GenericCPInfo::HandlePointer> place(1, made);
+  look.code = made->SubscribeService();
   if (look.code == CP_ERR_NONE) info.subscribe_handles.splice(info.subscribe_handles.end(), place);
   return look;
 }

@@ -93,8 +93,11 @@ class GenericCPManager : public cp_control::ControlResponseListener, public VEXU
   int __FindDevice(int handle, const std::string& udn,
                    cp_discovery::DetailedDeviceInfo& device) const;
   std::vector<DeviceCallback> __CollectDeviceCallbacks(const std::string& device_type) const;
+  int __SubscribeWhenFree(int handle, const std::string& udn, const std::string& service_type,
+                          const GenericCPInfo::HandlePointer& made);
   SubscriptionLook __TrySubscribe(int handle, const std::string& udn,
-                                  const std::string& service_type);
+                                  const std::string& service_type,
+                                  const GenericCPInfo::HandlePointer& made);
   SubscriptionLook __TryLeave(int handle, const std::string& udn, const std::string& service_type);
 
   // Never destroyed: a thread of the library may still look while the process exits. Both are

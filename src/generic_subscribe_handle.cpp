@@ -51,25 +51,30 @@ GenericSubscribeHandle::GenericSubscribeHandle(int cp_handle, const std::string&
                                                const std::string& service_type)
     : cp_handle_(cp_handle), device_udn_(udn), service_type_(service_type) {}
 
-int GenericSubscribeHandle::SubscribeService() {
+int GenericSubscribeHandle::Prepare() try {
   cp_discovery::DetailedDeviceInfo device;
   const int found = cp_discovery::GetDeviceDetailInfo(device_udn_, &device);
   if (found == result::kOutOfMemory) return CP_ERR_OUT_OF_MEMORY;
   if (found != result::kOk) return CP_ERR_INVALID_PARAMS;
   const boost::shared_ptr<GenericCPManager> manager = GenericCPManager::ExistingInstance();
-  const std::string user_agent = manager ? manager->GetUserAgent() : std::string();
+  user_agent_ = manager ? manager->GetUserAgent() : std::string();
   const cp_discovery::DeviceServiceInfo* const service = __FindService(device);
   if (service == nullptr) return CP_ERR_OPERATION_FAILED;
   host_header_ = FormatHostLine(device.device_ip, device.device_port);
-  const std::string callback_url = CallbackUrlOn(device.local_ip);
-  if (callback_url.empty()) return CP_ERR_OPERATION_FAILED;
-  std::string event_url;
-  const int formed =
-      utils::StringUtils::GetAbsoluteUri(service->event_sub_url, device.url_base, device.device_ip,
-                                         device.device_port, device.description_path, event_url);
-  if (formed != result::kOk) return formed;
-  return cp_control::Subscribe(device_udn_, host_header_, user_agent, callback_url, event_url, this,
-                               handler_id_);
+  callback_url_ = CallbackUrlOn(device.local_ip);
+  if (callback_url_.empty()) return CP_ERR_OPERATION_FAILED;
+  return utils::StringUtils::GetAbsoluteUri(service->event_sub_url, device.url_base,
+                                            device.device_ip, device.device_port,
+                                            device.description_path, event_url_);
+} catch (const std::bad_alloc&) {
+  return CP_ERR_OUT_OF_MEMORY;
+}
+
+int GenericSubscribeHandle::SubscribeService() try {
+  return cp_control::Subscribe(device_udn_, host_header_, user_agent_, callback_url_, event_url_,
+                               this, handler_id_);
+} catch (const std::bad_alloc&) {
+  return CP_ERR_OUT_OF_MEMORY;
 }
 
 // A part of the type is enough, so that a host may ask without the version.

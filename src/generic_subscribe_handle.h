@@ -23,6 +23,10 @@ class GenericSubscribeHandle : public cp_control::DeviceEventListener,
   std::string GetSubscribedDeviceUdn() const { return device_udn_; }
   std::string GetSubscribedServiceType() const { return service_type_; }
 
+  // Finds the device and all addresses of the subscription, and must come first.
+  int Prepare();
+  // Where SubscribeService will send to.
+  const std::string& event_url() const { return event_url_; }
   // Not more than once for an object.
   int SubscribeService();
   // Waits for an event of this process that is being delivered on another thread.
@@ -43,8 +47,12 @@ class GenericSubscribeHandle : public cp_control::DeviceEventListener,
 
   const int cp_handle_;
   const std::string device_udn_;
-  // Both written by SubscribeService, read afterwards only.
+  // Written by Prepare, read afterwards only.
   std::string host_header_;
+  std::string callback_url_;
+  std::string event_url_;
+  std::string user_agent_;
+  // Written by SubscribeService, read afterwards only.
   int handler_id_ = 0;
   const std::string service_type_;
 };

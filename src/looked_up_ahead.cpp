@@ -1,5 +1,7 @@
 #include "src/looked_up_ahead.h"
 
+#include <vexupnpcp/string_utils.h>
+
 #include "base/io_threads.h"
 #include "src/outgoing_address.h"
 
@@ -9,16 +11,32 @@ namespace network_layer {
 thread_local const LookedUpAhead* LookedUpAhead::current_ = nullptr;
 
 LookedUpAhead::LookedUpAhead(const std::string& host, int port) : host_(host), port_(port) {
-  if (host.empty() || OnLibraryThread() || !EndpointsOfAddress(host, port).empty()) return;
-  io_service io;
-  tcp::resolver resolver(io);
-  endpoints_ = EndpointsOf(resolver.resolve(tcp::v4(), host, std::to_string(port),
-                                            tcp::resolver::address_configured, error_));
-  current_ = this;
+  __LookUp();
+}
+
+LookedUpAhead::LookedUpAhead(const std::string& url) {
+  std::string path;
+  if (utils::StringUtils::ParseURI(url, host_, port_, path)) __LookUp();
 }
 
 LookedUpAhead::~LookedUpAhead() {
-  if (current_ == this) current_ = nullptr;
+  if (current_ == this) current_ = previous_;
+}
+
+void LookedUpAhead::__LookUp() {
+  if (host_.empty() || OnLibraryThread() || Find(host_, port_) != nullptr) return;
+  if (!EndpointsOfAddress(host_, port_).empty()) return;
+  try {
+    io_service io;
+    tcp::resolver resolver(io);
+    endpoints_ = EndpointsOf(resolver.resolve(tcp::v4(), host_, std::to_string(port_),
+                                              tcp::resolver::address_configured, error_));
+  } catch (const system_error& exception) {
+    // No descriptor for the look-up itself.
+    error_ = exception.code();
+  }
+  previous_ = current_;
+  current_ = this;
 }
 
 const LookedUpAhead* LookedUpAhead::Find(const std::string& host, int port) {

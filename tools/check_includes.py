@@ -66,7 +66,8 @@ ALLOWED = {
 }
 # Private headers that a layer may include beside its row.
 PRIVATE_SINGLES = {'generic': {'src/device_type.h', 'src/request_packets.h',
-                               'src/discovery_delivery.h', 'src/event_delivery.h'},
+                               'src/discovery_delivery.h', 'src/event_delivery.h',
+                               'src/looked_up_ahead.h'},
                    'control': {'src/looked_up_ahead.h'}}
 MANAGER_ONLY_GENERIC = 'generic_cp_manager.h'
 

@@ -108,6 +108,29 @@ TEST(LookedUpAhead, IsThereForItsHostPortAndThreadToTheEndOfTheScope) {
   EXPECT_THROW(EndpointsOfName(io, kName, 80), system_error);
 }
 
+TEST(LookedUpAhead, IsMadeOnceForOneInsideTheOther) {
+  using network_layer::LookedUpAhead;
+  const NameServer names(kName, {"10.77.0.2"});
+  const LookedUpAhead outer(std::string("http://") + kName + ":80/a/b");
+  EXPECT_EQ(1, names.Asked());
+  {
+    const LookedUpAhead same(kName, 80);
+    EXPECT_EQ(1, names.Asked());
+    EXPECT_EQ(&outer, LookedUpAhead::Find(kName, 80));
+    const LookedUpAhead other(kName, 81);
+    EXPECT_EQ(2, names.Asked());
+    EXPECT_EQ(&other, LookedUpAhead::Find(kName, 81));
+  }
+  EXPECT_EQ(&outer, LookedUpAhead::Find(kName, 80));
+}
+
+TEST(LookedUpAhead, AsksNobodyForAUrlThatCannotBeRead) {
+  const NameServer names(kName, {"10.77.0.2"});
+  const network_layer::LookedUpAhead none(std::string("http://") + kName + "/a");
+  const network_layer::LookedUpAhead empty(std::string{});
+  EXPECT_EQ(0, names.Asked());
+}
+
 TEST(LookedUpAhead, AsksNobodyForAnAddress) {
   // Would wait, and be seen to.
   NameServer names("10.77.0.2", {});

@@ -39,6 +39,7 @@ NameServer* NameServer::Enter(const char* name) {
 }
 
 const std::vector<std::string>& NameServer::Await() {
+  ++asked_;
   ++waiting_;
   WaitUntil([this] { return !held_.load(); });
   --waiting_;

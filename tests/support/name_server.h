@@ -21,6 +21,8 @@ class NameServer {
   void Hold() { held_ = true; }
   void Release() { held_ = false; }
   int Waiting() const { return waiting_; }
+  // Look-ups that have begun.
+  int Asked() const { return asked_; }
 
   // For the function that stands in front of the system's own.
   static NameServer* Enter(const char* name);
@@ -33,6 +35,7 @@ class NameServer {
   std::atomic<bool> held_{false};
   std::atomic<int> inside_{0};
   std::atomic<int> waiting_{0};
+  std::atomic<int> asked_{0};
 };
 
 }  // namespace vex_test

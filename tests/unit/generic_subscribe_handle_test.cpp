@@ -135,7 +135,7 @@ TEST_F(GenericSubscribeHandleTest, AnEventWithoutMemoryIsToldWithACode) {
 }
 
 TEST_F(GenericSubscribeHandleTest, AnUnknownDeviceIsInvalid) {
-  EXPECT_EQ(15000, Make(OnEvent)->SubscribeService());
+  EXPECT_EQ(15000, Make(OnEvent)->Prepare());
 }
 
 }  // namespace
