@@ -298,7 +298,15 @@ VEX_EXPORT int SubscribeDevice(int handle, const char* udn);
 VEX_EXPORT int UnSubscribeDevice(int handle, const char* udn);
 
 /// Subscribes one service; its events come through event_callback, the first with the values as
-/// they are. The subscription is renewed until it is ended.
+/// they are.
+///
+/// The subscription is renewed until it is ended. Two things end it without a word to the host: its
+/// third failed answer, counted over its whole life, renewals included, and a renewal that cannot
+/// be sent, after which the device lets it lapse. Events stay out then, and the pair goes on
+/// counting as subscribed. A host that has cause to doubt, such as a device that came back, calls
+/// UnSubscribeService and subscribes anew; if the first gives a code, the pair is free again only
+/// for another control point: RegisterCP, SubscribeService with its handle, UnRegisterCP of the
+/// old one.
 ///
 /// Needed: a TCP server on the interface that faces the device (ConfigureServers).
 /// @param udn           From a CPDeviceInfo. Not null.
