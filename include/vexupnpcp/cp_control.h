@@ -30,10 +30,12 @@ class VEX_EXPORT ControlResponseListener {
   /// How an action ended: with the answer of the device, or with none.
   ///
   /// @param action_id  What SendAction gave.
-  /// @param status     HTTP status of the answer, good or bad. A connection that broke is told as
-  ///                   500 with a fault 501; an action without an answer for 30000 ms as 500 with a
-  ///                   fault 801.
-  /// @param body       Body of the answer, valid during the call. Empty when it held a NUL.
+  /// @param status     HTTP status of the answer, good or bad; 0 when the device closed the
+  ///                   connection without a word. A connection that broke is told as 500 with a
+  ///                   fault 501; an action without an answer for 30000 ms as 500 with a fault 801.
+  /// @param body       Body of the answer, valid during the call. Empty when it held a NUL. As far
+  ///                   as it came when the device closed the connection in the middle of it, with
+  ///                   the status of its beginning.
   /// @param context    What SendAction was given; it is the listener's from here on. Null tells a
   ///                   duplicate, when answer and time-out met: return at once.
   /// Called on a "VexTcpRes" thread, or on the timer thread after a time-out. It may call every
@@ -115,9 +117,12 @@ VEX_EXPORT int SendAction(const std::string& device_udn, const std::string& host
 VEX_EXPORT int CancelAction(const int& action_id);
 
 /// Subscribes to the events of one service, for 1800 seconds at a time, and renews by itself after
-/// three quarters of the time that the device grants. Answers that fail or stay out for 30000 ms
-/// are made up for at once by another SUBSCRIBE; the third of them, counted over the whole life of
-/// the subscription, ends it.
+/// three quarters of the time that the device grants. Of renewals that a grant makes due within a
+/// second the first two in a row go out when they are due, and further ones a second apart. Answers
+/// that fail, a grant of "infinite" or anything else that is no number among them, or stay out for
+/// 30000 ms are made up for at once by another SUBSCRIBE; the third of them, counted over the whole
+/// life of the subscription, ends it. A renewal that cannot be sent is not tried again: the device
+/// lets the subscription lapse, and nothing is told.
 ///
 /// @param device_udn    For the log.
 /// @param host_header   The HOST line.

@@ -13,6 +13,7 @@
 #include <vexupnpcp/httpinfo.h>
 #include <vexupnpcp/result_codes.h>
 
+#include "src/action_request_timer_callback.h"
 #include "src/control_info.h"
 #include "src/control_requestor.h"
 #include "src/control_response_callback.h"
@@ -270,6 +271,24 @@ TEST_F(ControlActions, APeerThatClosesWithoutAWordGivesAnEmptyResult) {
   ASSERT_TRUE(WaitForResults(1));
   EXPECT_EQ(0, log_.Results()[0].status);
   EXPECT_EQ("", log_.Results()[0].body);
+}
+
+TEST_F(ControlActions, ABodyThatTheDeviceBreaksOffComesAsFarAsItGot) {
+  RunPeer([](const PeerRequest&) {
+    return Text("HTTP/1.1 200 OK\r\nCONTENT-LENGTH: 100\r\n\r\n<half");
+  });
+  int id = 0;
+  ASSERT_EQ(0, Send(*peer_, log_, &context_, id));
+  ASSERT_TRUE(WaitForResults(1));
+  EXPECT_EQ(200, log_.Results()[0].status);
+  EXPECT_EQ("<half", log_.Results()[0].body);
+}
+
+TEST_F(ControlActions, ATimeOutOfAnActionThatHasEndedIsLoggedOnly) {
+  LogCapture log;
+  ActionRequestTimerCallback::OnTimerExpired(1, new int(987654));
+  EXPECT_EQ(1, log.Count(16, kTag, "There is no control info!!!"));
+  EXPECT_THAT(log_.Results(), IsEmpty());
 }
 
 TEST_F(ControlActions, ACancelGivesTheContextBackAndNothingElseComes) {
