@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# cross.sh [armhf|i386]: builds library and unit tests for 32 bits, runs the unit tests (armhf under
-# emulation, i386 natively with AddressSanitizer and UBSan), and tells the stripped library's size.
+# cross.sh [armhf|i386]: builds the shared library for 32 bits and tells its stripped size, and runs the
+# unit tests (armhf under emulation, i386 natively with AddressSanitizer and UBSan).
 set -eu
 cd "$(dirname "$0")/.."
 . tools/dev_lib.sh
@@ -14,19 +14,27 @@ root() { # ARCH EXTRA..
   [ -d "$KIT/sysroot-$1" ] || { say "unpacking a $1 root"; tools/debroot.sh "$KIT/sysroot-$1" "$1" bookworm $ROOT_PACKAGES "${@:2}"; }
 }
 
+# small NAME CMAKE_OPTION..: builds the shared library as it is delivered and tells its stripped size.
+small() {
+  local name=$1 folder=build/$1-small; shift
+  say "building $name, as small as it gets"
+  cmake --preset small -B "$folder" "$@" >"$folder.log"
+  ninja -C "$folder" --quiet vexupnpcp
+  # The machine's own strip may know its own format alone; the toolchain names the right one.
+  "$(sed -n 's/^CMAKE_STRIP:FILEPATH=//p' "$folder/CMakeCache.txt")" \
+    -o "$folder/stripped.so" "$folder/libvexupnpcp.so.1.0.0"
+  echo "$name, -Os -flto, stripped: $(stat -c %s "$folder/stripped.so") bytes"
+}
+
 armhf() {
-  need g++-arm-linux-gnueabihf
+  need cmake ninja-build ccache g++-arm-linux-gnueabihf
   root armhf
   # The emulator of Debian 12 lacks IP_MULTICAST_IF.
   [ -x "$KIT/qemu/usr/bin/qemu-arm" ] || NODEPS=1 tools/debroot.sh "$KIT/qemu" "$(dpkg --print-architecture)" trixie qemu-user
   local toolchain=(-DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/toolchains/armhf.cmake"
     -DVEX_SYSROOT="$KIT/sysroot-armhf" -DVEX_QEMU="$KIT/qemu/usr/bin/qemu-arm")
+  small armhf "${toolchain[@]}"
   say "building armhf"
-  cmake --preset small -B build/armhf-small "${toolchain[@]}" >build/armhf-small.log
-  ninja -C build/armhf-small --quiet vexupnpcp
-  local library=build/armhf-small/libvexupnpcp.so.1.0.0
-  arm-linux-gnueabihf-strip -o build/armhf-small/stripped.so "$library"
-  echo "armhf, -Os -flto, stripped: $(stat -c %s build/armhf-small/stripped.so) bytes"
   cmake --preset debug -B build/armhf "${toolchain[@]}" -DVEX_BUILD_APPS=OFF >build/armhf.log
   ninja -C build/armhf --quiet unit_tests
   say "unit tests, armhf under emulation"
@@ -34,11 +42,12 @@ armhf() {
 }
 
 i386() {
-  need g++-i686-linux-gnu
+  need cmake ninja-build ccache g++-i686-linux-gnu
   root i386 libasan8 libubsan1
-  say "building i386"
-  cmake --preset asan -B build/i386 -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/toolchains/i386.cmake" \
-    -DVEX_SYSROOT="$KIT/sysroot-i386" -DVEX_BUILD_APPS=OFF >build/i386.log
+  local toolchain=(-DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/toolchains/i386.cmake" -DVEX_SYSROOT="$KIT/sysroot-i386")
+  small i386 "${toolchain[@]}"
+  say "building i386 with sanitizers"
+  cmake --preset asan -B build/i386 "${toolchain[@]}" -DVEX_BUILD_APPS=OFF >build/i386.log
   ninja -C build/i386 --quiet unit_tests
   say "unit tests, i386 with sanitizers"
   local libs=$KIT/sysroot-i386/lib/i386-linux-gnu:$KIT/sysroot-i386/usr/lib/i386-linux-gnu

@@ -181,6 +181,44 @@ ln -sf "%s/vexcp" "%s/vexsim" "$2"
             self.assertEqual(0, result.returncode, result.stdout + result.stderr)
 
 
+class CrossTest(unittest.TestCase):
+    """`./dev cross` with a toolchain that only pretends."""
+
+    CMAKE = """case $* in *" -B build/"*-small*) [ "$2" = small ] || exit 1 ;; esac
+mkdir -p "$4"
+echo "CMAKE_STRIP:FILEPATH=%s/strip" >"$4/CMakeCache.txt"
+"""
+    # 5,000 bytes of one library and 6,000 of the other, of which strip leaves half.
+    NINJA = """case "$*" in
+*armhf-small*vexupnpcp) head -c 5000 /dev/zero >"$2/libvexupnpcp.so.1.0.0" ;;
+*i386-small*vexupnpcp) head -c 6000 /dev/zero >"$2/libvexupnpcp.so.1.0.0" ;;
+esac
+"""
+    STRIP = """#!/bin/sh
+head -c $(($(stat -c %s "$3") / 2)) "$3" >"$2"
+"""
+
+    def test_it_builds_and_weighs_both_libraries_and_runs_both_tests(self):
+        door = FrontDoor(self)
+        door.stub("dpkg-query", INSTALLED)
+        door.record("cmake", self.CMAKE % door.stubs)
+        door.record("ninja", self.NINJA)
+        door.stub("strip", self.STRIP)
+        for name in ("qemu/usr/bin/qemu-arm", "sysroot-armhf/lib/ld", "sysroot-i386/lib/ld-linux.so.2"):
+            folder, program = os.path.split(os.path.join(door.root, "kit", name))
+            os.makedirs(folder)
+            door.record(program)
+            shutil.move(os.path.join(door.stubs, program), folder)
+        result = door.run("./dev", "cross", VEX_KIT=os.path.join(door.root, "kit"))
+        self.assertEqual(0, result.returncode, result.stderr)
+        self.assertRegex(result.stdout, r"\narmhf, [^\n]*stripped: 2500 bytes\n(.*\n)*"
+                                        r"i386, [^\n]*stripped: 3000 bytes\n")
+        for runner, tests in (("qemu-arm", "build/armhf/unit_tests"),
+                              ("ld-linux.so.2", "build/i386/unit_tests")):
+            self.assertTrue([call for call in door.called()
+                             if call.startswith(runner + " ") and " %s " % tests in call], runner)
+
+
 class LeftOutTest(unittest.TestCase):
     def test_only_what_is_meant_to_take_long_is_left_out(self):
         text = subprocess.run(["bash", "-c", '. tools/dev_lib.sh; echo "$SLOW_TESTS"'], cwd=ROOT,
