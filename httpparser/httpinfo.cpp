@@ -284,6 +284,7 @@ void HTTPInfo::CleanInfo() {
   is_request_ = false;
   header_ended_ = false;
   first_line_has_nul_ = false;
+  has_too_many_lines_ = false;
 }
 
 int HTTPInfo::ReadBody(std::string& body) {

@@ -12,6 +12,7 @@
 #include "base/ascii_text.h"
 #include "base/limits.h"
 #include "base/log.h"
+#include "base/log_limit.h"
 #include "base/number_text.h"
 #include "httpparser/header_view.h"
 
@@ -37,6 +38,8 @@ constexpr unsigned int kCrlfLength = 2;
 constexpr std::string_view kResponseStart = "HTTP/";
 // Of a first line that does not end, this much is logged.
 constexpr unsigned int kLoggedBytes = 1024;
+// Of a message's lines without a colon, so many are logged whatever came before.
+constexpr unsigned int kLoggedStrayLines = 8;
 // Room for the headers of a usual message, so that their list is allocated once.
 constexpr std::size_t kUsualHeaders = 16;
 
@@ -343,14 +346,18 @@ int HTTPParser::StoreHeaders(HTTPInfo& info) {
   info.header_spans_.reserve(kUsualHeaders);
   // A line that begins with CR is the end, whatever follows the CR.
   std::size_t begin = start_line_end + kCrlf.size();
+  std::size_t lines = 0;
+  unsigned int stray_lines = 0;
   while (begin < text.size() && text[begin] != '\r') {
     const std::size_t end = FindCrlf(text, begin);
     if (end == std::string_view::npos) {
       VEX_LOG(kLogMajor, kTag, "Invalid Header!");
       return Fail(info);
     }
-    const int store_result = StoreHeader(
-        {static_cast<unsigned int>(begin), static_cast<unsigned int>(end - begin)}, info);
+    if (++lines > limits::kHttpHeaderLines) info.has_too_many_lines_ = true;
+    const int store_result =
+        StoreHeader({static_cast<unsigned int>(begin), static_cast<unsigned int>(end - begin)},
+                    info, stray_lines);
     if (store_result != result::kOk) {
       VEX_LOG(kLogMajor, kTag, "StoreHeader failed!");
       return store_result;
@@ -360,7 +367,7 @@ int HTTPParser::StoreHeaders(HTTPInfo& info) {
   return result::kOk;
 }
 
-int HTTPParser::StoreHeader(const HTTPInfo::Span& line, HTTPInfo& info) {
+int HTTPParser::StoreHeader(const HTTPInfo::Span& line, HTTPInfo& info, unsigned int& stray_lines) {
   const std::string_view text = HTTPInfo::HeaderView::Text(info, line);
   const std::size_t colon = text.find(':');
   if (colon != std::string_view::npos) {
@@ -376,7 +383,11 @@ int HTTPParser::StoreHeader(const HTTPInfo::Span& line, HTTPInfo& info) {
     info.header_spans_.push_back(header);
     return result::kOk;
   }
-  VEX_LOG(kLogMajor, kTag, "colon not found in header");
+  // A message of nothing but such lines tells the log no more than its first ones.
+  static LogLimit once_a_second;
+  if (++stray_lines <= kLoggedStrayLines || once_a_second.Due()) {
+    VEX_LOG(kLogMajor, kTag, "colon not found in header");
+  }
   if (info.GetHeaderCount() == 0) return Fail(info);
   // KEPT: a continuation line, or any stray one, goes behind the last value as it stands.
   info.MakeRecords();

@@ -5,6 +5,8 @@
 #include <vexupnpcp/httpparser.h>
 #include <vexupnpcp/result_codes.h>
 
+#include "base/limits.h"
+
 namespace vex_upnp {
 namespace utils {
 
@@ -19,6 +21,10 @@ int FeedParser(const char* data, std::size_t size, boost::shared_ptr<HTTPInfo>& 
 bool CannotEnd(const HTTPInfo& info) {
   // Nothing else is kept as body before the header is complete.
   return info.GetStatus() < HEADER_COMPLETE && info.GetProcessedBodySize() > 0;
+}
+
+bool HeaderFits(const HTTPInfo& info) {
+  return info.raw_header_.size() <= limits::kHttpHeaderBytes && !info.has_too_many_lines_;
 }
 
 bool AdoptBlock(char* block, std::size_t size, HTTPInfo& info) {

@@ -28,6 +28,10 @@ bool CannotEnd(const HTTPInfo& info);
 // FeedParser.
 bool AdoptBlock(char* block, std::size_t size, HTTPInfo& info);
 
+// Whether a header, complete or not, is within what a header may cost: its bytes, and its lines
+// with a colon or without one. To be asked between two calls of the parser.
+bool HeaderFits(const HTTPInfo& info);
+
 }  // namespace utils
 }  // namespace vex_upnp
 

@@ -4,6 +4,7 @@
 #include <vexupnpcp/httpinfo.h>
 
 #include "base/limits.h"
+#include "src/http_feed.h"
 
 namespace vex_upnp {
 namespace network_layer {
@@ -11,9 +12,7 @@ namespace network_layer {
 // Whether an answer, complete or not, is one that a device could reasonably send. To be asked
 // between two calls of the parser, before more is buffered.
 inline bool AnswerFits(const utils::HTTPInfo& answer) {
-  return answer.GetRawHeaderSize() <= limits::kHttpHeaderBytes &&
-         answer.GetHeaderCount() <= limits::kHttpHeaderLines &&
-         answer.GetProcessedBodySize() <= limits::kControlBody &&
+  return utils::HeaderFits(answer) && answer.GetProcessedBodySize() <= limits::kControlBody &&
          answer.GetBodyCost() <= limits::kControlBodyCost;
 }
 

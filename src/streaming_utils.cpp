@@ -15,9 +15,9 @@
 
 #include "base/ascii_text.h"
 #include "base/host_memory.h"
-#include "base/limits.h"
 #include "base/log.h"
 #include "base/number_text.h"
+#include "src/http_feed.h"
 
 namespace vex_upnp {
 namespace streaming {
@@ -405,10 +405,7 @@ char* FrameChunked(const void* data, unsigned int length, bool final, unsigned i
   return framed;
 }
 
-bool HeaderTooLong(const HTTPInfo& info) {
-  return info.GetRawHeaderSize() > limits::kHttpHeaderBytes ||
-         info.GetHeaderCount() > limits::kHttpHeaderLines;
-}
+bool HeaderTooLong(const HTTPInfo& info) { return !utils::HeaderFits(info); }
 
 ClientAppCallbacks* DupClientCallbacks(const ClientAppCallbacks* callbacks) {
   return Duplicate(callbacks);

@@ -217,6 +217,7 @@ class VEX_EXPORT HTTPInfo : public VEXUncopyable {
  private:
   friend class HTTPParser;
   friend bool AdoptBlock(char* block, std::size_t size, HTTPInfo& info);
+  friend bool HeaderFits(const HTTPInfo& info);
 
   struct VEX_LOCAL FreeBlock {
     void operator()(char* block) const;
@@ -287,6 +288,8 @@ class VEX_EXPORT HTTPInfo : public VEXUncopyable {
   bool is_request_ = false;
   bool header_ended_ = false;
   bool first_line_has_nul_ = false;
+  // More header lines, with a colon or without one, than a message may have.
+  bool has_too_many_lines_ = false;
 };
 
 }  // namespace utils

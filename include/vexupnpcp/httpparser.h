@@ -51,7 +51,8 @@ class VEX_EXPORT HTTPParser {
   VEX_LOCAL static int ParseHTTPHeader(const Bytes& buffer, unsigned int header_part,
                                        HTTPInfo& info);
   VEX_LOCAL static int StoreHeaders(HTTPInfo& info);
-  VEX_LOCAL static int StoreHeader(const HTTPInfo::Span& line, HTTPInfo& info);
+  VEX_LOCAL static int StoreHeader(const HTTPInfo::Span& line, HTTPInfo& info,
+                                   unsigned int& stray_lines);
   VEX_LOCAL static void GetEncodingType(HTTPInfo& info);
   VEX_LOCAL static int HandleBody(const Bytes& buffer, HTTPInfo& info);
   VEX_LOCAL static int ParseChunkedHTTPBody(const Bytes& buffer, HTTPInfo& info);

@@ -135,6 +135,8 @@ std::vector<OddDatagram> OddDatagrams() {
       {"NUL in USN", AliveDatagram(std::string("uu\0id:a", 7), "x", http)},
       {"NUL in LOCATION", AliveDatagram("uuid:a", "x", std::string("http://10.77.0.2:9/\0x", 21))},
       {"NUL in the first line", std::string("NOTIFY\0* HTTP/1.1\r\nA: b\r\n\r\n", 27)},
+      {"20,000 lines that are no headers",
+       "NOTIFY * HTTP/1.1\r\nUSN: uuid:a\r\n" + Repeated("x\r\n", 20000) + "\r\n"},
       {"no USN", "NOTIFY * HTTP/1.1\r\nNTS: ssdp:alive\r\n\r\n"},
       {"empty USN", "NOTIFY * HTTP/1.1\r\nNTS: ssdp:alive\r\nUSN: \r\n\r\n"},
       {"no NTS", "NOTIFY * HTTP/1.1\r\nUSN: uuid:a\r\nLOCATION: " + http + "\r\n\r\n"},

@@ -104,6 +104,8 @@ TEST_F(EventHostile, OddNotificationsAreAnsweredAndTheNextOneIsHeard) {
       {"no SEQ", Notify(first, kEvent, usual), kBad},
       {"SEQ of -1", Notify(first, kEvent, usual + "SEQ: -1\r\n"), kOk},
       {"SEQ that is no number", Notify(first, kEvent, usual + "SEQ: zz\r\n"), kOk},
+      {"300,000 lines that are no headers",
+       Notify(first, kEvent, usual + "SEQ: 1\r\nX: y\r\n" + RepeatedText("x\r\n", 300000)), kOk},
       {"no NT", Notify(first, kEvent, "NTS: upnp:propchange\r\nSEQ: 1\r\n"), kBad},
       {"another NT", Notify(first, kEvent, "NT: x\r\nNTS: upnp:propchange\r\nSEQ: 1\r\n"),
        kUnknown},

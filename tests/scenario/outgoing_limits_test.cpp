@@ -37,6 +37,11 @@ class BlockingRequestLimits : public testing::Test {
     for (std::size_t i = 1; i < count; ++i) header += "a: b\r\n";
     return header + "\r\n";
   }
+  static std::string HeaderOfStrayLines(std::size_t count) {
+    std::string header = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\na: b\r\n";
+    for (std::size_t i = 2; i < count; ++i) header += "x\r\n";
+    return header + "\r\n";
+  }
 
   vex_test::NetworkRun run_;
 };
@@ -44,11 +49,13 @@ class BlockingRequestLimits : public testing::Test {
 TEST_F(BlockingRequestLimits, AHeaderAtItsBoundsIsTaken) {
   EXPECT_EQ(result::kOk, Outcome(HeaderOfSize(limits::kHttpHeaderBytes)));
   EXPECT_EQ(result::kOk, Outcome(HeaderOfLines(limits::kHttpHeaderLines)));
+  EXPECT_EQ(result::kOk, Outcome(HeaderOfStrayLines(limits::kHttpHeaderLines)));
 }
 
 TEST_F(BlockingRequestLimits, AHeaderOnePastItsBoundsFails) {
   EXPECT_EQ(result::kBadHttp, Outcome(HeaderOfSize(limits::kHttpHeaderBytes + 1)));
   EXPECT_EQ(result::kBadHttp, Outcome(HeaderOfLines(limits::kHttpHeaderLines + 1)));
+  EXPECT_EQ(result::kBadHttp, Outcome(HeaderOfStrayLines(limits::kHttpHeaderLines + 1)));
 }
 
 TEST_F(BlockingRequestLimits, ABodyOfTheLargestLengthIsNotWaitedFor) {

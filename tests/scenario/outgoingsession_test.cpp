@@ -431,14 +431,15 @@ TEST_F(OutgoingSessionTest, HeaderAndBodyAreTakenUpToTheirBoundsAndNoFurther) {
     std::string header = frame;
     return header.insert(header.size() - 4, std::string(size - frame.size(), 'x')) + "ok";
   };
-  const auto lines_of = [](std::size_t count) {
-    std::string answer = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n";
-    for (std::size_t i = 1; i < count; ++i) answer += "a: b\r\n";
+  const auto lines_of = [](std::size_t count, const std::string& line = "a: b\r\n") {
+    std::string answer = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\na: b\r\n";
+    for (std::size_t i = 2; i < count; ++i) answer += line;
     return answer + "\r\nok";
   };
   const std::string full(limits::kControlBody, 'b');
   const std::string fitting[] = {header_of(limits::kHttpHeaderBytes),
-                                 lines_of(limits::kHttpHeaderLines), OkAnswer(full)};
+                                 lines_of(limits::kHttpHeaderLines),
+                                 lines_of(limits::kHttpHeaderLines, "x\r\n"), OkAnswer(full)};
   for (const std::string& answer : fitting) {
     recorder_ = AnswerRecorder::Make();
     HttpPeer peer(AnswerWith(answer));
@@ -448,14 +449,15 @@ TEST_F(OutgoingSessionTest, HeaderAndBodyAreTakenUpToTheirBoundsAndNoFurther) {
   }
   recorder_ = AnswerRecorder::Make();
   const std::string past[] = {header_of(limits::kHttpHeaderBytes + 1),
-                              lines_of(limits::kHttpHeaderLines + 1), OkAnswer(full + "b"),
+                              lines_of(limits::kHttpHeaderLines + 1),
+                              lines_of(limits::kHttpHeaderLines + 1, "x\r\n"), OkAnswer(full + "b"),
                               "HTTP/1.1 200 OK\r\n\r\n" + full + "b"};
   for (const std::string& answer : past) {
     HttpPeer peer(AnswerWith(answer));
     Send(peer);
     EXPECT_TRUE(WaitUntil([&] { return peer.finished() == 1; }));
   }
-  EXPECT_EQ(4, log_.Count("Error Calling HandleFailureCondition"));
+  EXPECT_EQ(5, log_.Count("Error Calling HandleFailureCondition"));
   ExpectOnlyAsMany(0);
 }
 

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 
+#include <chrono>
 #include <climits>
 #include <string>
 #include <vector>
@@ -326,6 +327,24 @@ TEST(HttpParser, KeptLineWithoutColonGoesBehindTheLastValue) {
   EXPECT_EQ("1 folded ", parsed.Header("Next"));
   EXPECT_EQ(2, log.Count("colon not found in header"));
   ParseAnyCut(message);
+}
+
+TEST(HttpParser, RegressionLinesWithoutColonDoNotFloodTheLog) {
+  const LogCapture log;
+  const auto start = std::chrono::steady_clock::now();
+  std::string message = "GET / HTTP/1.1\r\nBar: x\r\n";
+  for (int i = 0; i < 20000; ++i) message += "x\r\n";
+  const ParsedMessage parsed = vex_test::CutFeeder(message + "\r\n").Whole();
+  EXPECT_EQ(1, parsed.state);
+  EXPECT_EQ(20001U, parsed.Header("Bar").size());
+  const int lines = log.Count("colon not found in header");
+  const auto passed = std::chrono::steady_clock::now() - start;
+  EXPECT_GE(lines, 8);
+  // One more at once, and one for each second.
+  EXPECT_LE(lines, 10 + std::chrono::duration_cast<std::chrono::seconds>(passed).count());
+  // The next message has a say of its own.
+  vex_test::CutFeeder("GET / HTTP/1.1\r\nBar: x\r\nFoo\r\n\r\n").Whole();
+  EXPECT_EQ(lines + 1, log.Count("colon not found in header"));
 }
 
 TEST(HttpParser, KeptLineOfBlanksIsNoBlankLine) {

@@ -44,10 +44,18 @@ std::string HeaderOfLines(const std::string& line, std::size_t count) {
   return header + "\r\n";
 }
 
-// The same bound, in bytes and in lines; how far above it.
+// One header and, up to this count, lines that are none.
+std::string HeaderOfStrayLines(const std::string& line, std::size_t count) {
+  std::string header = line + "\r\na: b\r\n";
+  for (std::size_t i = 1; i < count; ++i) header += "x\r\n";
+  return header + "\r\n";
+}
+
+// The same bound, in bytes and in lines of either kind; how far above it.
 std::vector<std::string> Headers(const std::string& line, std::size_t above) {
   return {HeaderOfSize(line, limits::kHttpHeaderBytes + above),
-          HeaderOfLines(line, limits::kHttpHeaderLines + above)};
+          HeaderOfLines(line, limits::kHttpHeaderLines + above),
+          HeaderOfStrayLines(line, limits::kHttpHeaderLines + above)};
 }
 
 class StreamingServerLimits : public vex_test::ServingTest {
