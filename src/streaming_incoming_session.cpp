@@ -188,7 +188,10 @@ void IncomingSession::__HandleRequest() {
   RequestRecord request = FormRequestHeaderInfo(http_info_);
   if (!request) {
     VEX_LOG(kLogMajor, kTagStreaming, "Alloc Failure!");
+    // KEPT: the answer formed here is never written either. A peer whose request found no memory
+    // gets no reply, and its connection waits in the same way.
     RegisterWriteWithErrorCode(HTTP_INTERNAL_ERROR);
+    __ForgetRequest();
     return;
   }
   request_type_ = request->request_type;

@@ -15,9 +15,11 @@
 #include "src/streaming_manager.h"
 #include "tests/support/fail_alloc.h"
 #include "tests/support/http_peer.h"
+#include "tests/support/log_capture.h"
 #include "tests/support/media_client.h"
 #include "tests/support/media_peer.h"
 #include "tests/support/serving_fixture.h"
+#include "tests/support/thread_count.h"
 #include "tests/support/wait_until.h"
 
 namespace vex_upnp {
@@ -26,6 +28,7 @@ namespace {
 
 using vex_test::FailAlloc;
 using vex_test::Literal;
+using vex_test::LogCapture;
 using vex_test::MallocCopy;
 using vex_test::MediaClient;
 using vex_test::MediaConnection;
@@ -36,6 +39,7 @@ using vex_test::Response;
 using vex_test::TcpClient;
 using vex_test::WaitUntil;
 
+constexpr char kTag[] = "VEX_CORE_STREAMING";
 constexpr char kGet[] = "GET / HTTP/1.1\r\n\r\n";
 constexpr char kEnd[] = "\r\n\r\n";
 constexpr int kMostAllocations = 200;
@@ -243,6 +247,121 @@ TEST_F(StreamingMemory, RegressionAConnectionThatFindsNoMemoryEndsWithAStatus) {
   }
   EXPECT_GT(state.statuses, 2);
   EXPECT_EQ(1, state.answered);
+}
+
+// One peer's request makes another one's fail: it is read by the thread that handles the first,
+// which is the only one. It fails for want of one block, or of that and the next ones.
+struct FailingRequest {
+  std::optional<FailAlloc> fail;
+  int nth = 0;
+  int count = 1;
+  std::atomic<TcpClient*> victim{nullptr};
+  std::atomic<int> last_session{0};
+  std::atomic<int> asked{0};
+  std::atomic<int> failed_behind{0};
+  std::atomic<int> statuses{0};
+};
+FailingRequest* failing = nullptr;
+
+ServerAppCallbacks FailingCallbacks() {
+  ServerAppCallbacks table = ConnectionCallbacks();
+  table.on_connect = [](int, int session, int) { failing->last_session = session; };
+  table.on_status = [](int, int, int code) {
+    failing->fail.reset();
+    EXPECT_EQ(4, code);
+    ++failing->statuses;
+  };
+  table.on_request = [](int server, int session, ReqHeaderInfo* request, void* body, unsigned int,
+                        bool) {
+    if (request->request_type == utils::HTTP_HEAD) {
+      // What it sends is there when this thread looks next.
+      failing->victim.load()->Send(kGet);
+      failing->fail.emplace(failing->nth, failing->count);
+    } else {
+      failing->failed_behind = failing->fail->Failed() ? 1 : 0;
+      failing->fail.reset();
+      const ResHeaderInfo ok = Response(200);
+      EXPECT_EQ(0, SendHTTPResponse(server, session, &ok, true));
+      ++failing->asked;
+    }
+    FreeRequestHeader(request);
+    Free(body);
+  };
+  return table;
+}
+
+class StreamingRequestMemory : public StreamingMemory {
+ protected:
+  void SetUp() override {
+    failing = &state_;
+    ASSERT_EQ(0, StreamingManager::GetInstance()->ConfigureStreamingThreads(1, true));
+    const ServerAppCallbacks table = FailingCallbacks();
+    ASSERT_EQ(0, StartServers(&table, ip_.c_str(), kFirstPort, &servers_, &configuration_));
+  }
+  bool IsListed(int session) const {
+    return StreamingManager::GetInstance()->GetSessionInfo(servers_->server_id, session) != nullptr;
+  }
+  // Fails the n-th allocation behind the arrival of a request, and perhaps the next. False when
+  // there are no more.
+  bool Fail(int count) {
+    ++state_.nth;
+    state_.count = count;
+    const LogCapture log;
+    const int statuses = state_.statuses;
+    const int asked = state_.asked;
+    const auto refused = [&] {
+      return log.Count(16, kTag, "Parsing Failure!") + log.Count(16, kTag, "Alloc Failure!");
+    };
+    TcpClient other(ip_, servers_->port);
+    EXPECT_TRUE(WaitUntil([&] { return state_.last_session != 0; }));
+    const int other_session = state_.last_session.exchange(0);
+    {
+      TcpClient victim(ip_, servers_->port);
+      EXPECT_TRUE(WaitUntil([&] { return state_.last_session != 0; }));
+      state_.victim = &victim;
+      EXPECT_TRUE(other.Send("HEAD / HTTP/1.1\r\n\r\n"));
+      EXPECT_TRUE(WaitUntil(
+          [&] { return state_.statuses > statuses || state_.asked > asked || refused() == 1; }));
+      if (refused() == 1) {
+        EXPECT_TRUE(victim.OpenAndSilent()) << state_.nth;
+        EXPECT_TRUE(IsListed(state_.last_session)) << state_.nth;
+        ++refused_;
+      } else {
+        EXPECT_EQ(state_.asked > asked ? "HTTP/1.1 200 OK\r\n\r\n" : "", victim.ReadToEnd());
+      }
+      records_ += log.Count(16, kTag, "Alloc Failure!");
+      registers_ += log.Count(16, kTag, "Register Write failed.");
+    }
+    // Whatever it was, nothing of it is left behind the peer.
+    const int victim_session = state_.last_session.exchange(0);
+    EXPECT_TRUE(WaitUntil([&] { return !IsListed(victim_session); })) << state_.nth;
+    EXPECT_EQ(refused() + state_.asked - asked == 1 ? statuses : statuses + 1, state_.statuses);
+    EXPECT_EQ(0, StopServerTransfer(servers_->server_id, other_session));
+    return state_.asked == asked || state_.failed_behind != 0;
+  }
+
+  FailingRequest state_;
+  // Requests that were refused in silence; those among them without a record, and those of these
+  // without an answer that could be formed.
+  int refused_ = 0;
+  int records_ = 0;
+  int registers_ = 0;
+};
+
+TEST_F(StreamingRequestMemory, KeptARequestWithoutARecordIsRefusedInSilenceAndLeavesNothing) {
+  const int descriptors = vex_test::DescriptorCount();
+  while (!HasFailure() && Fail(1) && state_.nth < kMostAllocations) {
+  }
+  EXPECT_GT(refused_, records_);
+  EXPECT_GT(records_, 1);
+  EXPECT_EQ(0, registers_);
+  EXPECT_TRUE(WaitUntil([&] { return vex_test::DescriptorCount() <= descriptors; }));
+}
+
+TEST_F(StreamingRequestMemory, AnAnswerToTheRefusedThatFindsNoMemoryEitherIsLogged) {
+  while (!HasFailure() && Fail(2) && state_.nth < kMostAllocations) {
+  }
+  EXPECT_GT(registers_, 0);
 }
 
 // Behind the payload that ends an answer one allocation fails, each time a later one.
