@@ -178,7 +178,7 @@ int StartSyncClient(int* client_id) {
 }
 
 int ConnectSyncClient(int client_id, const char* ip, int port) {
-  if (ip == nullptr || port < 0) return InvalidParams(VEX_LOG_SITE);
+  if (ip == nullptr) return InvalidParams(VEX_LOG_SITE);
   return OnSyncClient(client_id,
                       [&](OutgoingSyncSession& session, int) { return session.Connect(ip, port); });
 }

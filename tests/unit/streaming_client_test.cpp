@@ -293,13 +293,16 @@ TEST_F(StreamingClient, AnExpectWaitsForTheInterimAnswer) {
 
 TEST_F(StreamingClient, AStopFromInsideTheCallbackIsTheEnd) {
   told_.stop_in_response = true;
+  std::atomic<bool> closed{false};
   MediaPeer peer([&](MediaConnection& connection) {
     connection.ReadUntil(kEnd);
     connection.Send("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\nab");
     connection.AwaitClose();
+    closed = true;
   });
   Get(Start(peer.port()));
-  ASSERT_TRUE(Await("response 200"));
+  ASSERT_TRUE(WaitUntil([&] { return closed.load(); }));
+  EXPECT_EQ(std::vector<std::string>{"response 200"}, Events());
 }
 
 TEST_F(StreamingClient, AStopWhileWaitingCallsNothingBack) {
@@ -553,6 +556,7 @@ TEST_F(SyncStreamingClient, ARefusedConnectionIsTold) {
   }
   EXPECT_EQ(result::kStreamingConnectFailed, ConnectSyncClient(id_, kHost, port));
   EXPECT_EQ(result::kStreamingInvalidPort, ConnectSyncClient(id_, kHost, 65536));
+  EXPECT_EQ(result::kStreamingInvalidPort, ConnectSyncClient(id_, kHost, -1));
 }
 
 TEST_F(SyncStreamingClient, KeptWithoutAPoolTheConnectRunsIntoItsLimit) {
