@@ -51,6 +51,7 @@ TEST(TimesAndBounds, TimesAreThePromisedOnes) {
       VEX_PROMISE(timing::kSyncConnectTimeoutMs, 5000),
       VEX_PROMISE(timing::kServedConnectionPauseMs, 20),
       VEX_PROMISE(timing::kSubscribeAnswerWaitMs, 1000),
+      VEX_PROMISE(timing::kClockLookMs, 10000),
   };
   for (const Promise& promise : promises) ExpectKept(promise);
 }
