@@ -4,6 +4,7 @@
 #include <chrono>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <vexupnpcp/generic_cp.h>
 #include "tests/support/host_rig.h"
@@ -17,11 +18,14 @@ using testing::IsEmpty;
 using testing::SizeIs;
 using vex_test::HostLog;
 using vex_test::HostRig;
+using vex_test::LogCapture;
 using vex_test::PeerRequest;
 using vex_test::ScriptedDevice;
 using vex_test::ToldAction;
 using vex_test::WaitUntil;
 using vex_test::Watchdog;
+
+constexpr char kTag[] = "VEX_CORE_GENERIC_CP";
 
 class GenericActions : public testing::Test {
  protected:
@@ -47,6 +51,18 @@ class GenericActions : public testing::Test {
       return false;
     }));
     return outcome;
+  }
+  // Sends actions that the device never answers, and waits until it has them.
+  std::vector<int> SendToASilentDevice(std::size_t count) {
+    device_.OnAction([](const PeerRequest&) { return vex_test::Silence(); });
+    std::vector<int> ids;
+    while (ids.size() < count) ids.push_back(Send("Play"));
+    EXPECT_TRUE(WaitUntil([&] { return device_.Actions().size() == count; }));
+    return ids;
+  }
+  // By itself the library gives an unanswered action up after 30 s only.
+  bool HasLeftTheDevice() {
+    return WaitUntil([&] { return device_.peer().Open() == 0; });
   }
 
   const Watchdog watchdog_;
@@ -138,9 +154,9 @@ TEST_F(GenericActions, ADeviceThatSaysNothingTimesOut) {
 }
 
 TEST_F(GenericActions, ACancelledActionTellsNothing) {
-  device_.OnAction([](const PeerRequest&) { return vex_test::Silence(); });
-  const int id = Send("Play");
+  const int id = SendToASilentDevice(1).front();
   CancelAction(handle_, id);
+  EXPECT_TRUE(HasLeftTheDevice());
   CancelAction(handle_, id);
   device_.OnAction([](const PeerRequest&) { return ScriptedDevice::Response("Play", "<A>1</A>"); });
   const int second = Send("Play");
@@ -149,24 +165,36 @@ TEST_F(GenericActions, ACancelledActionTellsNothing) {
   EXPECT_EQ(second, HostLog::Actions()[0].action_id);
 }
 
-TEST_F(GenericActions, UnregisteringCancelsWhatIsOpen) {
-  device_.OnAction([](const PeerRequest&) { return vex_test::Silence(); });
-  const vex_test::FasterTime faster(100);
-  Send("Play");
-  Send("Play");
-  EXPECT_EQ(0, UnRegisterCP(handle_));
-  // Both would have run out of time before this one.
-  handle_ = rig_.Register();
-  const int id = Send("Play");
-  Outcome(id);
-  ASSERT_THAT(HostLog::Actions(), SizeIs(1));
-  EXPECT_EQ(id, HostLog::Actions()[0].action_id);
+TEST_F(GenericActions, AnyHandleCancels) {
+  const std::vector<int> ids = SendToASilentDevice(2);
+  CancelAction(rig_.Register(), ids[0]);
+  LogCapture log;
+  CancelAction(handle_ + 100, ids[1]);
+  EXPECT_EQ(1, log.Count(4, kTag, "Invalid cp handle"));
+  EXPECT_TRUE(HasLeftTheDevice());
+  EXPECT_THAT(HostLog::Actions(), IsEmpty());
 }
 
-TEST_F(GenericActions, AServiceThatTheDeviceLacksFails) {
-  int id = -7;
-  EXPECT_EQ(15004, SendAction(handle_, "uuid:none+lan0", "AVTransport", "Play", nullptr, &id));
-  EXPECT_EQ(-7, id);
+TEST_F(GenericActions, UnregisteringCancelsWhatIsOpen) {
+  SendToASilentDevice(2);
+  LogCapture log;
+  EXPECT_EQ(0, UnRegisterCP(handle_));
+  EXPECT_TRUE(HasLeftTheDevice());
+  EXPECT_THAT(HostLog::Actions(), IsEmpty());
+  // Nor has anything come that was dropped.
+  EXPECT_EQ(0, log.Count("Registered cp list for given context is empty."));
+}
+
+TEST_F(GenericActions, AnUnknownDeviceAndAServiceThatItLacksFail) {
+  for (const std::string& udn : {std::string("uuid:none+lan0"), udn_}) {
+    const char* const service = udn == udn_ ? "ContentDirectory" : "AVTransport";
+    LogCapture log;
+    int id = -7;
+    EXPECT_EQ(15004, SendAction(handle_, udn.c_str(), service, "Play", nullptr, &id)) << udn;
+    EXPECT_EQ(-7, id);
+    EXPECT_EQ(1, log.Count(16, kTag, "GetHostAndControlUri Operation failed."));
+  }
+  EXPECT_THAT(device_.Actions(), IsEmpty());
 }
 
 TEST_F(GenericActions, ResultsAreSerialisedWithTheCallsOfTheHost) {

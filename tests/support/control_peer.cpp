@@ -205,6 +205,7 @@ void ControlPeer::Accept() {
     event.data.ptr = connection.get();
     epoll_ctl(epoll_, EPOLL_CTL_ADD, fd, &event);
     connections_.push_back(std::move(connection));
+    ++open_;
   }
 }
 
@@ -253,6 +254,7 @@ void ControlPeer::Close(Connection& connection) {
   epoll_ctl(epoll_, EPOLL_CTL_DEL, connection.fd, nullptr);
   close(connection.fd);
   connection.fd = -1;
+  --open_;
 }
 
 void ControlPeer::AnswerDue() {

@@ -1,6 +1,7 @@
 #ifndef VEXUPNPCP_TESTS_SUPPORT_CONTROL_PEER_H_
 #define VEXUPNPCP_TESTS_SUPPORT_CONTROL_PEER_H_
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -72,6 +73,8 @@ class ControlPeer {
   int Count() const;
   int CountOf(const std::string& start) const;
   void KeepRequests(bool keep);
+  // Connections that neither side has closed.
+  int Open() const { return open_; }
 
  private:
   struct Connection {
@@ -105,6 +108,7 @@ class ControlPeer {
   std::vector<PeerRequest> requests_;
   bool keep_ = true;
   int count_ = 0;
+  std::atomic<int> open_{0};
 
   std::thread thread_;
 };

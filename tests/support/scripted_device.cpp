@@ -58,6 +58,11 @@ void ScriptedDevice::Send(const std::string& datagram, const std::string& ip, in
   SsdpPeer(peer_->ip()).Send(datagram, ip, port);
 }
 
+void ScriptedDevice::HasNoEvents(const std::string& service) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  without_events_.insert(service);
+}
+
 void ScriptedDevice::OnAction(std::function<PeerAnswer(const PeerRequest&)> script) {
   const std::lock_guard<std::mutex> lock(mutex_);
   action_script_ = std::move(script);
@@ -164,6 +169,7 @@ PeerAnswer ScriptedDevice::ServeSubscribe(const PeerRequest& request) {
 }
 
 std::string ScriptedDevice::Description() const {
+  const std::lock_guard<std::mutex> lock(mutex_);
   FakeDevice device;
   device.udn = udn_;
   device.type = device_type_;
@@ -174,7 +180,7 @@ std::string ScriptedDevice::Description() const {
     service.id = "urn:upnp-org:serviceId:" + name;
     service.scpd_url = "/scpd/" + name;
     service.control_url = "/ctl/" + name;
-    service.event_sub_url = "/evt/" + name;
+    service.event_sub_url = without_events_.count(name) == 0 ? "/evt/" + name : "";
     device.services.push_back(service);
   }
   return DescriptionOf(device);

@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -32,6 +33,9 @@ class ScriptedDevice {
   // A datagram to the library's address and port there.
   void SayAlive(const std::string& library_ip, int library_port);
   void SayByebye(const std::string& library_ip, int library_port);
+
+  // Leaves the eventing URL of a service empty. Before the description is asked for.
+  void HasNoEvents(const std::string& service);
 
   // What a POST is answered with; by default the response of an action with one output argument.
   void OnAction(std::function<PeerAnswer(const PeerRequest&)> script);
@@ -72,6 +76,7 @@ class ScriptedDevice {
   std::function<PeerAnswer(const PeerRequest&)> action_script_;
   std::function<PeerAnswer(const PeerRequest&)> subscribe_script_;
   std::map<std::string, Subscription> subscriptions_;
+  std::set<std::string> without_events_;
   int last_sid_ = 0;
   // Last, so that it is gone before what its script uses.
   std::unique_ptr<ControlPeer> peer_;
