@@ -1,6 +1,8 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
+#include <chrono>
+#include <functional>
 #include <string>
 #include <thread>
 
@@ -144,11 +146,60 @@ TEST_F(GenericEvents, AWholeDeviceIsSubscribedServiceByService) {
   EXPECT_EQ(0, UnSubscribeDevice(handle_, udn_.c_str()));
 }
 
-TEST_F(GenericEvents, TheFirstFailureEndsTheSubscriptionOfADevice) {
-  ASSERT_EQ(0, Subscribe("urn:schemas-upnp-org:service:RenderingControl:1"));
-  EXPECT_EQ(15009, SubscribeDevice(handle_, udn_.c_str()));
-  // What came before it stays.
-  EXPECT_EQ(15009, Subscribe(kLong));
+TEST_F(GenericEvents, TheFirstServiceWhoseTypeHoldsTheTextIsSubscribed) {
+  ScriptedDevice device("uuid:dev-2", {"AVTransportX", "AVTransport"});
+  const std::string udn = rig_.Meet(device);
+  // Capitals count, other than with actions.
+  EXPECT_EQ(15004, SubscribeService(handle_, udn.c_str(), "avtransport"));
+  ASSERT_EQ(0, SubscribeService(handle_, udn.c_str(), "AVTransport"));
+  EXPECT_TRUE(WaitUntil([&] { return device.Subscribes("AVTransportX") == 1; }));
+  ASSERT_EQ(0, SubscribeService(handle_, udn.c_str(), "AVTransport:1"));
+  EXPECT_TRUE(WaitUntil([&] { return device.Subscribes("AVTransport") == 1; }));
+  EXPECT_EQ(1, device.Subscribes("AVTransportX"));
+}
+
+// Of its three services the middle one tells no events.
+class GenericEventsOfThree : public GenericEvents {
+ protected:
+  GenericEventsOfThree() {
+    three_.HasNoEvents("ConnectionManager");
+    three_udn_ = rig_.Meet(three_);
+  }
+  int SubscribeOne(const std::string& name) {
+    const std::string type = "urn:schemas-upnp-org:service:" + name + ":1";
+    return SubscribeService(handle_, three_udn_.c_str(), type.c_str());
+  }
+
+  ScriptedDevice three_{"uuid:dev-3", {"AVTransport", "ConnectionManager", "RenderingControl"}};
+  std::string three_udn_;
+};
+
+TEST_F(GenericEventsOfThree, TheFirstFailureEndsTheSubscriptionOfADevice) {
+  EXPECT_EQ(3001, SubscribeOne("ConnectionManager"));
+  EXPECT_EQ(3001, SubscribeDevice(handle_, three_udn_.c_str()));
+  // What came before it stays, and what comes behind it has not been tried.
+  EXPECT_EQ(15009, SubscribeOne("AVTransport"));
+  EXPECT_EQ(0, SubscribeOne("RenderingControl"));
+}
+
+TEST_F(GenericEventsOfThree, TheEndOfADevicePassesOverWhatFails) {
+  ASSERT_EQ(0, SubscribeOne("AVTransport"));
+  ASSERT_EQ(0, SubscribeOne("RenderingControl"));
+  for (const char* service : {"AVTransport", "RenderingControl"}) {
+    ASSERT_TRUE(WaitUntil([&] { return three_.Notify(service, 0, kProperty) == kAccepted; }));
+  }
+  EXPECT_EQ(0, UnSubscribeDevice(handle_, three_udn_.c_str()));
+  EXPECT_TRUE(WaitUntil([&] {
+    return three_.Unsubscribes("AVTransport") == 1 && three_.Unsubscribes("RenderingControl") == 1;
+  }));
+}
+
+TEST_F(GenericEvents, AnUnknownDeviceIsLogged) {
+  for (const auto call : {SubscribeDevice, UnSubscribeDevice}) {
+    LogCapture log;
+    EXPECT_EQ(15000, call(handle_, "uuid:none+lan0"));
+    EXPECT_EQ(1, log.Count(16, kTag, "GetDeviceDetailInfo failed."));
+  }
 }
 
 TEST_F(GenericEvents, KeptARefusedSubscriptionCountsAsSubscribed) {
@@ -173,6 +224,19 @@ TEST_F(GenericEvents, UnregisteringEndsTheSubscriptions) {
   EXPECT_TRUE(WaitUntil([&] { return device_.Unsubscribes(kShort) == 1; }));
   EXPECT_NE(kAccepted, device_.Notify(kShort, 1, kProperty));
   EXPECT_THAT(HostLog::Events(), IsEmpty());
+}
+
+TEST_F(GenericEvents, TheEndOfTheControlPointEndsTheSubscriptionsOfAll) {
+  const int other = rig_.Register();
+  ASSERT_EQ(0, Subscribe());
+  ASSERT_EQ(0, SubscribeService(other, udn_.c_str(), "RenderingControl"));
+  ExpectSubscribed("AVTransport");
+  ExpectSubscribed("RenderingControl");
+  rig_.TerminateControlPoint();
+  EXPECT_TRUE(WaitUntil([&] {
+    return device_.Unsubscribes("AVTransport") == 1 &&
+           device_.Unsubscribes("RenderingControl") == 1;
+  }));
 }
 
 // Callbacks and the calls that wait for them.
@@ -253,36 +317,47 @@ TEST_F(GenericEvents, UnsubscribingWaitsForAnEventWhoseCallbackSendsAnAction) {
   EXPECT_EQ(0, sent);
 }
 
-TEST_F(GenericEvents, ASecondCallerWaitsForTheFirstAndFindsWhatItLeft) {
-  ASSERT_EQ(0, Subscribe());
-  ExpectSubscribed();
-  std::atomic<int> first{-1};
-  std::atomic<int> second{-1};
-  std::atomic<int> anew{-1};
-  std::vector<std::thread> hosts;
-  {
+// A thread that unsubscribes waits for an event in progress; what `second` gives that is called
+// meanwhile, and whether it waited as well.
+class SecondCaller : public GenericEvents {
+ protected:
+  void Call(const std::function<int()>& second) {
+    ASSERT_EQ(0, Subscribe());
+    ExpectSubscribed();
     HeldEvent event(device_, [] {});
-    hosts.emplace_back([&] { first = Unsubscribe(); });
-    ASSERT_TRUE(WaitUntil([&] { return device_.Unsubscribes(kShort) == 1; }));
-    hosts.emplace_back([&] { second = Unsubscribe(); });
+    std::thread first([&] { EXPECT_EQ(0, Unsubscribe()); });
+    EXPECT_TRUE(WaitUntil([&] { return device_.Unsubscribes(kShort) == 1; }));
+    std::atomic<bool> calling{false};
+    std::atomic<bool> returned{false};
+    std::thread other([&] {
+      calling = true;
+      code_ = second();
+      left_before_ = event.left();
+      returned = true;
+    });
+    EXPECT_TRUE(WaitUntil([&] { return calling.load(); }));
+    // What does not wait has returned by then.
+    EXPECT_FALSE(WaitUntil([&] { return returned.load(); }, std::chrono::milliseconds(50)));
     event.Release();
-    for (std::thread& host : hosts) host.join();
+    first.join();
+    other.join();
   }
-  EXPECT_EQ(0, first);
-  EXPECT_EQ(15010, second);
-  ASSERT_EQ(0, Subscribe());
-  ExpectSubscribed();
-  hosts.clear();
-  {
-    HeldEvent event(device_, [] {});
-    hosts.emplace_back([&] { first = Unsubscribe(); });
-    ASSERT_TRUE(WaitUntil([&] { return device_.Unsubscribes(kShort) == 2; }));
-    hosts.emplace_back([&] { anew = Subscribe(); });
-    event.Release();
-    for (std::thread& host : hosts) host.join();
-  }
-  EXPECT_EQ(0, first);
-  EXPECT_EQ(0, anew);
+
+  int code_ = -1;
+  bool left_before_ = false;
+};
+
+TEST_F(SecondCaller, ThatUnsubscribesWaitsAndFindsNothingLeft) {
+  Call([&] { return Unsubscribe(); });
+  EXPECT_EQ(15010, code_);
+  EXPECT_TRUE(left_before_);
+}
+
+TEST_F(SecondCaller, ThatSubscribesWaitsAndSubscribesAnew) {
+  Call([&] { return Subscribe(); });
+  EXPECT_EQ(0, code_);
+  EXPECT_TRUE(left_before_);
+  EXPECT_TRUE(WaitUntil([&] { return device_.Subscribes(kShort) == 2; }));
 }
 
 TEST_F(GenericEvents, InsideACallbackNobodyWaitsForALeavingHandle) {
