@@ -162,6 +162,11 @@ class AwaitSidTest : public SubscribeInfoListTest {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     EXPECT_FALSE(returned_);
   }
+  // Far below the wait itself under SlowerTime(20), so that only a wake-up gets here in time.
+  void ExpectWokenUp() {
+    EXPECT_TRUE(vex_test::WaitUntil([this] { return returned_.load(); }, std::chrono::seconds(10)));
+    waiter_.join();
+  }
   void TearDown() override {
     if (waiter_.joinable()) waiter_.join();
     SubscribeInfoListTest::TearDown();
@@ -190,20 +195,22 @@ TEST_F(AwaitSidTest, ARequestWithoutAnAnswerIsNotWaitedFor) {
 }
 
 TEST_F(AwaitSidTest, AnAnswerThatArrivedIsWaitedForUntilItIsHandled) {
+  const vex_test::SlowerTime slower(20);
   const Pointer record = AddInFlight(kSession);
   list_->AnswerArrived(kSession);
   StartWait();
   HandleAnswer(record, kSession);
-  waiter_.join();
+  ExpectWokenUp();
   EXPECT_TRUE(found_);
 }
 
 TEST_F(AwaitSidTest, AnAnswerThatBringsAnotherSidIsWaitedForInVain) {
+  const vex_test::SlowerTime slower(20);
   AddInFlight(kSession);
   list_->AnswerArrived(kSession);
   StartWait();
   list_->AnswerHandled(kSession);
-  waiter_.join();
+  ExpectWokenUp();
   EXPECT_FALSE(found_);
 }
 
@@ -214,31 +221,34 @@ TEST_F(AwaitSidTest, AnAnswerForAnotherSessionCountsForNothing) {
 }
 
 TEST_F(AwaitSidTest, AnAnswerThatComesDuringTheWaitDoesNotProlongIt) {
+  const vex_test::SlowerTime slower(20);
   const Pointer record = AddInFlight(kSession);
   AddInFlight(kSession + 1);
   list_->AnswerArrived(kSession);
   StartWait();
   list_->AnswerArrived(kSession + 1);
   HandleAnswer(record, kSession);
-  waiter_.join();
+  ExpectWokenUp();
   EXPECT_TRUE(found_);
 }
 
 TEST_F(AwaitSidTest, TheWaitEndsWithTheRecord) {
+  const vex_test::SlowerTime slower(20);
   const Pointer record = AddInFlight(kSession);
   list_->AnswerArrived(kSession);
   StartWait();
   Remove(record->handler_id);
-  waiter_.join();
+  ExpectWokenUp();
   EXPECT_FALSE(found_);
 }
 
 TEST_F(AwaitSidTest, TheWaitEndsWhenTheListIsClosed) {
+  const vex_test::SlowerTime slower(20);
   AddInFlight(kSession);
   list_->AnswerArrived(kSession);
   StartWait();
   list_->Close();
-  waiter_.join();
+  ExpectWokenUp();
   EXPECT_FALSE(found_);
 }
 
