@@ -378,15 +378,16 @@ class QueuedAnswer : public ControlEvents {
       if (request.Begins("POST")) {
         return Text("HTTP/1.1 200 OK\r\nCONTENT-LENGTH: 0\r\n\r\n");
       }
-      PeerAnswer answer = Text(kGranted);
-      answer.after_text = [this] { answered_ = true; };
-      return answer;
+      return Text(kGranted);
     });
   }
-  // The device's answer is on its way; a moment later it waits in the queue.
-  void WaitUntilQueued() {
-    ASSERT_TRUE(WaitUntil([&] { return answered_.load(); }));
-    std::this_thread::sleep_for(milliseconds(50));
+  // The answer has arrived and waits in the queue.
+  void WaitUntilQueued(int handle) {
+    const boost::shared_ptr<SubscribeInfoList> list = SubscribeInfoList::getInstance();
+    ASSERT_TRUE(WaitUntil([&] {
+      boost::lock_guard<boost::mutex> lock(list->mutex);
+      return list->get_by_handlerid(handle)->answered_session_id != 0;
+    }));
     ASSERT_THAT(log_.Outcomes(), IsEmpty());
   }
   void TearDown() override {
@@ -395,14 +396,13 @@ class QueuedAnswer : public ControlEvents {
   }
 
   Gate gate_;
-  std::atomic<bool> answered_{false};
 };
 
 TEST_F(QueuedAnswer, IsHandledBeforeAnEventBehindItIsJudged) {
   RunDevice();
   OccupyResponseThreads();
   const int handle = Subscribe(log_);
-  WaitUntilQueued();
+  WaitUntilQueued(handle);
   std::string answer;
   std::atomic<bool> returned{false};
   std::thread device([&] {
@@ -421,7 +421,7 @@ TEST_F(QueuedAnswer, KeepsAnEventForASecondAtMost) {
   RunDevice();
   OccupyResponseThreads();
   const int handle = Subscribe(log_);
-  WaitUntilQueued();
+  WaitUntilQueued(handle);
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(k412, stack_.Notify(NotifyRequest(handle, kSid, 0)));
   const auto took = std::chrono::steady_clock::now() - start;
@@ -434,7 +434,7 @@ TEST_F(QueuedAnswer, KeepsNoEventAtTermination) {
   RunDevice();
   OccupyResponseThreads();
   const int handle = Subscribe(log_);
-  WaitUntilQueued();
+  WaitUntilQueued(handle);
   std::string answer;
   std::thread device([&] { answer = stack_.Notify(NotifyRequest(handle, kSid, 0)); });
   std::this_thread::sleep_for(milliseconds(500));
@@ -453,9 +453,8 @@ TEST_F(QueuedAnswer, OfAnUnsubscribedOneKeepsNoEvent) {
   OccupyResponseThreads();
   const int handle = Subscribe(log_);
   const int other = Subscribe(second_log_);
-  WaitUntilQueued();
-  ASSERT_TRUE(WaitUntil([&] { return peer_->CountOf("SUBSCRIBE") == 2; }));
-  std::this_thread::sleep_for(milliseconds(50));
+  WaitUntilQueued(handle);
+  WaitUntilQueued(other);
   EXPECT_EQ(5001, Unsubscribe(handle, peer_->HostLine()));
   EXPECT_EQ(5001, Unsubscribe(other, peer_->HostLine()));
   const auto start = std::chrono::steady_clock::now();
