@@ -40,6 +40,18 @@ json VariableJson(const ChangedVariable& variable, const std::string& service_ty
   return value;
 }
 
+bool IsSame(const ServiceRecord& one, const ServiceRecord& other) {
+  return one.type == other.type && one.id == other.id;
+}
+
+// The service in a newer description of its device; where its id is new, the first of its type.
+// Null when it is gone.
+const ServiceRecord* FindAgain(const DeviceRecord& device, const ServiceRecord& service) {
+  for (const ServiceRecord& one : device.services)
+    if (IsSame(one, service)) return &one;
+  return FindService(device, service.type);
+}
+
 // Subscribes, and prints what the device tells until the end.
 class Listener {
  public:
@@ -69,7 +81,7 @@ class Listener {
  private:
   void Choose(const ServiceRecord& service) {
     for (const ServiceRecord& one : services_)
-      if (one.type == service.type && one.id == service.id) return;
+      if (IsSame(one, service)) return;
     services_.push_back(service);
   }
 
@@ -114,8 +126,7 @@ class Listener {
     device_ = *device;
     refused_ = 0;
     for (ServiceRecord& service : services_)
-      if (const ServiceRecord* now = FindService(device_, service.type); now != nullptr)
-        service = *now;
+      if (const ServiceRecord* now = FindAgain(device_, service); now != nullptr) service = *now;
     Subscribe();
   }
 
