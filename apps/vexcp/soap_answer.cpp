@@ -13,6 +13,8 @@ namespace {
 using vex_upnp::utils::DomNode;
 
 constexpr int kHttpOk = 200;
+// There was no answer at all.
+constexpr int kNoStatus = 0;
 
 std::optional<UpnpError> ReadFault(const DomNode* fault) {
   const DomNode* code = FindElement(fault, "errorCode");
@@ -67,6 +69,7 @@ ActionResult ReadAnswer(int status, const std::string& body) {
 std::string ExplainFailure(const ActionResult& result, const std::string& service_type) {
   if (!result.error) {
     if (result.unreadable()) return "its answer cannot be read";
+    if (result.status == kNoStatus) return "it closed the connection without an answer";
     return "HTTP status " + std::to_string(result.status) + " without a UPnP error";
   }
   const UpnpError& error = *result.error;
