@@ -25,6 +25,28 @@ WITHOUT_CONTROL = """<?xml version="1.0"?>
 """ % SWITCH
 
 
+# Two services of one type, "A" and "B".
+TWINS = """<?xml version="1.0"?>
+<root xmlns="urn:schemas-upnp-org:device-1-0"><device>
+<deviceType>urn:example-org:device:Twins:1</deviceType><friendlyName>Twins</friendlyName>
+<UDN>uuid:{{udn}}</UDN><serviceList>%s</serviceList></device></root>
+""" % "".join("""<service><serviceType>%s</serviceType>
+<serviceId>urn:upnp-org:serviceId:SwitchPower.%s</serviceId><SCPDURL>SwitchPower.xml</SCPDURL>
+<controlURL>control/%s</controlURL><eventSubURL>event/%s</eventSubURL></service>
+""" % (SWITCH, name, name, name) for name in "AB")
+
+
+def lamp_folder(test, description):
+    """A folder for vexsim with the lamp's switch under another description."""
+    folder = tempfile.TemporaryDirectory()
+    test.addCleanup(folder.cleanup)
+    shutil.copy(os.path.join(ROOT, "apps", "vexsim", "devices", "lamp", "SwitchPower.xml"),
+                folder.name)
+    with open(os.path.join(folder.name, "description.xml"), "w", encoding="utf-8") as file:
+        file.write(description)
+    return folder.name
+
+
 def run(*arguments):
     return subprocess.run([PROGRAM, *arguments, "-i", "eth0"], stdin=subprocess.DEVNULL,
                           capture_output=True, text=True, timeout=60)
@@ -119,12 +141,7 @@ class CallTest(SimulatorTest):
         self.assertEqual(0, self.simulator.do("stats")["actions"])
 
     def test_a_service_without_a_control_url_is_told_and_a_name_cannot_command_the_terminal(self):
-        lamp = os.path.join(ROOT, "apps", "vexsim", "devices", "lamp")
-        with tempfile.TemporaryDirectory() as folder:
-            shutil.copy(os.path.join(lamp, "SwitchPower.xml"), folder)
-            with open(os.path.join(folder, "description.xml"), "w", encoding="utf-8") as file:
-                file.write(WITHOUT_CONTROL)
-            self.start(folder)
+        self.start(lamp_folder(self, WITHOUT_CONTROL))
         result = self.call("SwitchPower", "GetStatus", status=1)
         self.assertEqual("vexcp: Odd?[2J has left the network, or gives no control URL for that "
                          "service\n", result.stderr)
@@ -160,6 +177,7 @@ class CallTest(SimulatorTest):
     def test_answers_that_are_none_are_told(self):
         self.start("lamp")
         for fault, text in (("status=404", "HTTP status 404 without a UPnP error"),
+                            ("cut=0", "it closed the connection without an answer"),
                             ("cut=0 reset", "or the connection to the device broke"),
                             ("status=200", "its answer cannot be read; --xml shows it as it is"),
                             ("garbage=500", "Lamp did not carry out GetStatus")):
@@ -167,6 +185,15 @@ class CallTest(SimulatorTest):
             result = self.call("SwitchPower", "GetStatus", status=5)
             self.assertIn(text, result.stderr, fault)
             self.simulator.do("fault clear")
+
+    def test_without_a_description_the_arguments_go_out_as_they_are(self):
+        self.start("lamp")
+        self.simulator.do("fault /1/SwitchPower.xml cut=400")
+        result = self.call("SwitchPower", "SetTarget", "newTargetValue=1")
+        self.assertEqual("done\n", result.stdout)
+        self.assertIn("the description of this service cannot be read, so the arguments go out as "
+                      "they are\n", result.stderr)
+        self.assertEqual("1", self.simulator.do("get 1 SwitchPower.Status")["value"])
 
     def test_odd_ways_to_answer_are_understood(self):
         self.start("lamp")
@@ -407,6 +434,60 @@ class EventsTest(SimulatorTest):
         self.simulator.do("announce all")
         events.wait_for("Status", ["0", "0"])
         self.assertIn(b"Lamp has come back", events.remarks)
+
+    def test_services_of_one_type_stay_apart_when_their_device_comes_back(self):
+        wire = Wire()
+        self.addCleanup(wire.close)
+
+        def paths():
+            return sorted(text.split()[1] for text in wire.read()
+                          if text.startswith("SUBSCRIBE ") and "\r\nCALLBACK: " in text)
+        folder = lamp_folder(self, TWINS)
+        self.start(folder)
+        events = self.listen()
+        self.assertTrue(wait_until(lambda: paths() == ["/1/event/A", "/1/event/B"]), paths())
+        self.simulator.stop()
+        self.assertTrue(wait_until(lambda: events.read() is not None and
+                                   b"Twins has left the network" in events.remarks))
+        self.simulator = self.simulate(folder, "--answers", "burst", "--no-announce")
+        self.simulator.do("announce all")
+        self.assertTrue(wait_until(lambda: len(paths()) == 4), paths())
+        self.assertEqual(["/1/event/A", "/1/event/A", "/1/event/B", "/1/event/B"], paths())
+        self.assertEqual(0, events.stop())
+
+    def test_an_event_that_cannot_be_read_is_told(self):
+        self.start("lamp")
+        wire = Wire()
+        self.addCleanup(wire.close)
+        events = self.listen("SwitchPower")
+        events.wait_for("Status", ["0"])
+        sent = "".join(wire.read())
+        host, port, path = re.search(r"CALLBACK: <http://([^:]+):(\d+)(/[^>]*)>", sent).groups()
+        sid = re.search(r"SID: *(uuid:[^\r]+)", sent).group(1)
+        with socket.create_connection((host, int(port))) as device:
+            device.sendall(("NOTIFY %s HTTP/1.1\r\nHOST: %s:%s\r\nNT: upnp:event\r\n"
+                            "NTS: upnp:propchange\r\nSID: %s\r\nSEQ: 9\r\nCONTENT-LENGTH: 7"
+                            "\r\n\r\n<broken" % (path, host, port, sid)).encode())
+            self.assertTrue(device.recv(4096).startswith(b"HTTP/1.1 200 OK\r\n"))
+        self.assertTrue(wait_until(lambda: events.read() and
+                                   b"an event of SwitchPower:1 cannot be read; --xml shows it as "
+                                   b"it is\n" in events.remarks), events.remarks)
+        events.wait_for("Status", ["0"])
+        self.assertEqual(0, events.stop())
+
+    def test_a_device_without_events_ends_with_1(self):
+        self.start(lamp_folder(self, WITHOUT_CONTROL))
+        result = run("events", self.udn)
+        self.assertEqual((1, "vexcp: Odd?[2J has no service that tells events\n"),
+                         (result.returncode, result.stderr))
+
+    def test_a_subscription_that_cannot_be_sent_ends_with_5(self):
+        self.start(lamp_folder(self, WITHOUT_CONTROL.replace(
+            "<eventSubURL></eventSubURL>", "<eventSubURL>http://nobody.invalid:80/e</eventSubURL>")))
+        result = run("events", self.udn)
+        self.assertEqual(5, result.returncode)
+        self.assertIn("the subscription to SwitchPower:1 could not be sent to "
+                      "http://nobody.invalid:80/e (5001)\n", result.stderr)
 
     def test_an_unknown_service_ends_with_1(self):
         self.start("lamp")
