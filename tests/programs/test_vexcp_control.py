@@ -160,7 +160,8 @@ class CallTest(SimulatorTest):
                          json.loads(result.stdout))
         self.simulator.do('action 1/AVTransport.Stop error=801 description="Odd \x1b[2J<&>"')
         result = self.call("AVTransport", "Stop", "InstanceID=0", status=5)
-        self.assertIn('error 801 "Odd ?[2J<&>"', result.stderr)
+        self.assertIn('error 801 "Odd ?[2J<&>": the device gave no answer for 30 seconds, or an error '
+                      "of its maker\n", result.stderr)
         self.simulator.do("action clear")
         self.simulator.do("action 1/AVTransport.Stop error=799")
         result = self.call("AVTransport", "Stop", "InstanceID=0", "--json", status=5)
