@@ -40,10 +40,16 @@ const ServerAppCallbacks* MediaHost::callbacks() {
 }
 
 void MediaHost::OnConnect(int server, int session, int reserved) {
-  const NoFailures no_failures;
-  const StumblingLock lock(current->mutex_);
-  current->last_session_ = session;
-  current->events_.push_back(Ids("connect", server, session) + std::to_string(reserved));
+  std::optional<NoFailures> own_work(std::in_place);
+  {
+    const std::lock_guard<std::mutex> lock(current->mutex_);
+    current->last_session_ = session;
+  }
+  const ConnectAction act =
+      current->Keep(current->on_connect_,
+                    Ids("connect", server, session) + std::to_string(reserved), std::string());
+  own_work.reset();
+  if (act) act(server, session);
 }
 
 void MediaHost::OnStatus(int server, int session, int code) {
@@ -58,10 +64,11 @@ void MediaHost::OnRequest(int server, int session, ReqHeaderInfo* header, void* 
                           unsigned int length, bool final) {
   std::optional<NoFailures> own_work(std::in_place);
   const Request got{server, session, *header, Text(body, length), final};
-  const RequestAction act = current->Keep(current->on_request_,
-                                          Ids("request", server, session) + header->uri + " " +
-                                              std::to_string(length) + (final ? " final" : ""),
-                                          got.body);
+  const RequestAction act = current->Keep(
+      current->on_request_,
+      Ids("request", server, session) + (header->uri == nullptr ? "(none)" : header->uri) + " " +
+          std::to_string(length) + (final ? " final" : ""),
+      got.body);
   own_work.reset();
   if (act) act(got);
   FreeRequestHeader(header);

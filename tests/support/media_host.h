@@ -40,18 +40,21 @@ class MediaHost {
 
   static const vex_upnp::streaming::ServerAppCallbacks* callbacks();
 
+  using ConnectAction = std::function<void(int server, int session)>;
   using RequestAction = std::function<void(const Request&)>;
   using DataAction = std::function<void(const Data&)>;
   using WrittenAction = std::function<void(int server, int session, unsigned int length)>;
   using StatusAction = std::function<void(int server, int session, int code)>;
 
   // What to do from the next one on.
+  void DoOnConnect(ConnectAction action) { Set(on_connect_, std::move(action)); }
   void DoOnRequest(RequestAction action) { Set(on_request_, std::move(action)); }
   void DoOnData(DataAction action) { Set(on_data_, std::move(action)); }
   void DoOnWritten(WrittenAction action) { Set(on_written_, std::move(action)); }
   void DoOnStatus(StatusAction action) { Set(on_status_, std::move(action)); }
 
-  // "connect SERVER SESSION 0", "status SERVER SESSION CODE", "request SERVER SESSION URI LENGTH",
+  // "connect SERVER SESSION 0", "status SERVER SESSION CODE", "request SERVER SESSION URI LENGTH"
+  // with "(none)" for a request without a target,
   // "data SERVER SESSION LENGTH", "written SERVER SESSION LENGTH"; " final" behind the last of a
   // message.
   std::vector<std::string> Events() const;
@@ -87,6 +90,7 @@ class MediaHost {
   std::vector<std::string> events_;
   std::string body_;
   int last_session_ = 0;
+  ConnectAction on_connect_;
   RequestAction on_request_;
   DataAction on_data_;
   WrittenAction on_written_;
