@@ -2,14 +2,19 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <string>
+#include <vector>
 
 #include <vexupnpcp/network_layer.h>
 #include <vexupnpcp/result_codes.h>
 #include "src/streaming_manager.h"
 #include "tests/support/fail_alloc.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/thread_count.h"
+#include "tests/support/wait_until.h"
 
 namespace vex_upnp {
 namespace streaming {
@@ -71,6 +76,24 @@ TEST_F(StreamingTest, WhoWorksOnTheManagerKeepsItThroughItsEnd) {
   stRunningSession* sessions = nullptr;
   EXPECT_EQ(0, manager->GetRunningSessionInfo(&sessions));
   EXPECT_NE(manager, StreamingManager::GetInstance());
+}
+
+TEST_F(StreamingTest, APoolOfNoneHasTwentyThreads) {
+  const auto running = [] {
+    const std::vector<std::string> names = vex_test::ThreadNames();
+    return std::count_if(names.begin(), names.end(), [](const std::string& name) {
+      return name.find("VexStrmIo") != std::string::npos;
+    });
+  };
+  ASSERT_EQ(0, InitializeStreamingManager());
+  const boost::shared_ptr<StreamingManager> manager = StreamingManager::GetInstance();
+  EXPECT_EQ(0, manager->ConfigureStreamingThreads(0, true));
+  EXPECT_EQ(20, running());
+  EXPECT_EQ(0, manager->ConfigureStreamingThreads(0, false));
+  EXPECT_TRUE(vex_test::WaitUntil([&] { return running() == 0; }));
+  EXPECT_EQ(0, manager->ConfigureStreamingThreads(3, true));
+  EXPECT_EQ(3, running());
+  EXPECT_EQ(0, TerminateStreamingManager());
 }
 
 TEST_F(StreamingTest, WithoutSessionsTheListIsEmpty) {

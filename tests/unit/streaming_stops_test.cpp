@@ -6,6 +6,7 @@
 #include <chrono>
 #include <future>
 #include <memory>
+#include <mutex>
 #include <random>
 #include <string>
 #include <thread>
@@ -106,16 +107,19 @@ class StreamingStops : public vex_test::ServingTest {
 TEST_F(StreamingStops, ADownloadIsStoppedAtEvery64KiB) {
   const int descriptors = vex_test::DescriptorCount();
   for (std::size_t pieces = 0; pieces <= 64; ++pieces) {
-    std::atomic<bool> sent{false};
+    received = 0;
+    std::atomic<bool> asked{false};
     HttpPeer peer([&](PeerConnection& connection) {
       connection.ReadRequest();
+      asked = true;
       connection.Send("HTTP/1.1 200 OK\r\nContent-Length: 1000000000\r\n\r\n");
-      for (std::size_t i = 0; i < pieces; ++i) connection.Send(std::string(kPiece, 'd'));
-      sent = true;
-      connection.AwaitEnd();
+      // More than the client waits for at a time, to its end.
+      const std::string piece(kPiece, 'd');
+      while (connection.Send(piece)) {
+      }
     });
     const int id = StartGet(peer.ip(), peer.port());
-    ASSERT_TRUE(WaitUntil([&] { return sent.load(); }));
+    ASSERT_TRUE(WaitUntil([&] { return asked && received >= pieces * kPiece; }));
     EXPECT_EQ(result::kOk, StopClientTransfer(id));
     ASSERT_TRUE(WaitUntil([&] { return peer.finished() == 1; }));
   }
@@ -267,18 +271,36 @@ TEST_F(StreamingStops, ServersAreStoppedUnderAcceptsAndTransfers) {
 }
 
 TEST_F(StreamingStops, TwoHundredTransfersRunAtOnce) {
+  constexpr unsigned int kTransfers = 200;
+  constexpr unsigned int kHalf = 1 << 18;
+  static char half[kHalf];
   host_.DoOnRequest([](const MediaHost::Request& request) {
     ResHeaderInfo ok = Response(200);
-    ok.content_length = 1 << 20;
+    ok.content_length = 2 * kHalf;
     SendHTTPResponse(request.server, request.session, &ok, false);
   });
-  host_.DoOnWritten([](int server, int session, unsigned int length) {
-    if (length == 0)
-      SendHTTPPayload(server, session, MallocCopy(std::string(1 << 20, 'p')), 1 << 20, true);
+  // Half of each body is out before the second half of any follows.
+  std::mutex mutex;
+  std::vector<int> half_way;
+  host_.DoOnWritten([&](int server, int session, unsigned int length) {
+    if (length == 0) {
+      SendHTTPPayload(server, session, half, kHalf, false);
+      return;
+    }
+    const std::lock_guard<std::mutex> lock(mutex);
+    half_way.push_back(session);
   });
   Serve();
-  for (int i = 0; i < 200; ++i) StartGet(ip_, port_);
-  EXPECT_TRUE(WaitUntil([] { return received == 200U << 20; }));
+  for (unsigned int i = 0; i < kTransfers; ++i) StartGet(ip_, port_);
+  ASSERT_TRUE(WaitUntil([&] {
+    const std::lock_guard<std::mutex> lock(mutex);
+    return half_way.size() == kTransfers;
+  }));
+  for (const int session : half_way) {
+    const std::string rest(kHalf, 'p');
+    EXPECT_EQ(result::kOk, SendHTTPPayload(server_, session, MallocCopy(rest), kHalf, true));
+  }
+  EXPECT_TRUE(WaitUntil([&] { return received == kTransfers * 2 * kHalf; }));
   EXPECT_TRUE(WaitUntil(NothingRuns));
   EXPECT_EQ(0, statuses);
 }
