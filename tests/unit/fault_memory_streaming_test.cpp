@@ -90,7 +90,8 @@ class FaultMemoryStreaming : public vex_test::ServingTest {
     EXPECT_NE(std::string::npos, client.ReadToEnd().find("200"));
   }
 
-  const vex_test::FasterTime faster_{20};
+  // A connect still has its second on a busy machine.
+  const vex_test::FasterTime faster_{5};
 };
 
 TEST_F(FaultMemoryStreaming, Life) {
