@@ -80,6 +80,13 @@ bool Fails(SystemCall call) {
   return true;
 }
 
+std::atomic<int> broken_pipes{0};
+
+ssize_t Sent(ssize_t result) {
+  if (result < 0 && errno == EPIPE) ++broken_pipes;
+  return result;
+}
+
 // What has been returned by a call that others can see, or that tells what others did.
 template <typename Result>
 Result Seen(Result result) {
@@ -105,6 +112,8 @@ FailCalls::~FailCalls() {
   Of(call_).left = 0;
   --scopes_here;
 }
+
+int BrokenPipes() { return broken_pipes; }
 
 int FailCalls::Failed() const { return Of(call_).failed - failed_before_; }
 
@@ -225,7 +234,7 @@ VEX_INTERPOSED int accept4(int fd, sockaddr* address, socklen_t* length, int fla
 
 VEX_INTERPOSED ssize_t send(int fd, const void* data, size_t length, int flags) {
   static const auto original = Original<decltype(&send)>("send");
-  return Fails(SystemCall::kSend) ? -1 : Seen(original(fd, data, length, flags));
+  return Fails(SystemCall::kSend) ? -1 : Seen(Sent(original(fd, data, length, flags)));
 }
 
 VEX_INTERPOSED ssize_t sendto(int fd, const void* data, size_t length, int flags,
@@ -233,12 +242,12 @@ VEX_INTERPOSED ssize_t sendto(int fd, const void* data, size_t length, int flags
   static const auto original = Original<decltype(&sendto)>("sendto");
   return Fails(SystemCall::kSend)
              ? -1
-             : Seen(original(fd, data, length, flags, address, address_length));
+             : Seen(Sent(original(fd, data, length, flags, address, address_length)));
 }
 
 VEX_INTERPOSED ssize_t sendmsg(int fd, const msghdr* message, int flags) {
   static const auto original = Original<decltype(&sendmsg)>("sendmsg");
-  return Fails(SystemCall::kSend) ? -1 : Seen(original(fd, message, flags));
+  return Fails(SystemCall::kSend) ? -1 : Seen(Sent(original(fd, message, flags)));
 }
 
 VEX_INTERPOSED int epoll_wait(int fd, epoll_event* events, int most, int milliseconds) {

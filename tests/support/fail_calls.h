@@ -45,6 +45,10 @@ class FailCalls {
   const int failed_before_;
 };
 
+// How many sends of this process have found by now that the other side is gone for good, which
+// raises the signal of a broken pipe unless the send forbids it.
+int BrokenPipes();
+
 // What the process takes for the time of day is shifted by so much, to the end of the scope.
 // Monotonic clocks are left alone.
 class ShiftedClock {

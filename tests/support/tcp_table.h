@@ -14,9 +14,13 @@ struct TcpRow {
   int local_port = 0;
   int remote_port = 0;
   bool listening = false;
+  // The other side has ended its stream, and this one has not.
+  bool half_closed = false;
   // Bytes that have come and have not been read; with one that listens, connections that have not
   // been taken.
   unsigned unread = 0;
+  // Whether a descriptor stands for it. One that was closed may stay until its peer has learnt it.
+  bool owned = false;
 };
 
 // All sockets of the calling thread's network.

@@ -1,6 +1,7 @@
 #include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <pthread.h>
+#include <signal.h>
 
 #include <cstdio>
 #include <thread>
@@ -24,11 +25,22 @@ bool SanitizerSeesTheSuppressions() {
          reinterpret_cast<void*>(&__tsan_default_suppressions);
 }
 
+// Whoever starts a program may leave it with the signal ignored or blocked. With its default, a
+// write that raises it ends the program, and no test can pass over it.
+void LetBrokenPipesKill() {
+  signal(SIGPIPE, SIG_DFL);
+  sigset_t broken_pipe;
+  sigemptyset(&broken_pipe);
+  sigaddset(&broken_pipe, SIGPIPE);
+  pthread_sigmask(SIG_UNBLOCK, &broken_pipe, nullptr);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   // The library's threads take the first three characters of their creator's name.
   pthread_setname_np(pthread_self(), "tst-main");
+  LetBrokenPipesKill();
   if (vex_test::kUnderThreadSanitizer && !SanitizerSeesTheSuppressions()) {
     std::fprintf(stderr, "The list of suppressions isn't visible to ThreadSanitizer.\n");
     return 1;
