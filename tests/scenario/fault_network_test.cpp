@@ -33,6 +33,7 @@
 #include "tests/support/raw_socket.h"
 #include "tests/support/remote_host.h"
 #include "tests/support/ssdp_peer.h"
+#include "tests/support/thread_count.h"
 #include "tests/support/timing_scaled.h"
 #include "tests/support/wait_until.h"
 
@@ -50,6 +51,7 @@ using vex_test::WaitUntil;
 namespace streaming = vex_upnp::streaming;
 
 constexpr char kService[] = "RenderingControl";
+constexpr char kMediaServer[] = "urn:schemas-upnp-org:device:MediaServer:1";
 
 // What the host was told last of a device: 1 there, 2 gone, 0 nothing.
 int LastOf(const std::string& udn) {
@@ -58,6 +60,12 @@ int LastOf(const std::string& udn) {
     if (told.udn == udn) last = told.event;
   }
   return last;
+}
+
+int TimesTold(const std::string& udn) {
+  int times = 0;
+  for (const ToldDevice& told : HostLog::Devices()) times += told.udn == udn ? 1 : 0;
+  return times;
 }
 
 // One device on lan0, and one on another host, whose interface is treated badly.
@@ -83,6 +91,32 @@ class FaultNetwork : public testing::Test {
     EXPECT_EQ(0, SendAction(handle_, udn.c_str(), kService, "Play", nullptr, &id));
     EXPECT_TRUE(WaitUntil([&] { return HostLog::Actions().size() == before + 1; }));
     return HostLog::Actions().back().code;
+  }
+  // The same where a device may be gone at any moment.
+  bool TriesAnAction(const std::string& udn) const {
+    int id = 0;
+    if (SendAction(handle_, udn.c_str(), kService, "Play", nullptr, &id) != 0) return false;
+    errorcodes code = CP_ERR_ACTION_FAILED;
+    return WaitUntil([&] {
+             for (const vex_test::ToldAction& told : HostLog::Actions()) {
+               if (told.action_id != id) continue;
+               code = told.code;
+               return true;
+             }
+             return false;
+           }) &&
+           code == CP_ERR_NONE;
+  }
+  bool TriesAnEventFromFar() {
+    if (SubscribeService(handle_, far_name_.c_str(), kService) != 0) return false;
+    const bool heard = WaitUntil(
+        [&] {
+          std::string status;
+          far_host_.Run([&] { status = far_->Notify(kService, 0, "<A>1</A>"); });
+          return status.find("200") != std::string::npos;
+        },
+        std::chrono::seconds(5));
+    return UnSubscribeService(handle_, far_name_.c_str(), kService) == 0 && heard;
   }
   void ExpectEventsFromFar() {
     ASSERT_EQ(0, SubscribeService(handle_, far_name_.c_str(), kService));
@@ -121,9 +155,44 @@ TEST_F(FaultNetwork, AFlappingInterfaceComesBackAndTheOtherOneNeverNotices) {
   EXPECT_EQ(CP_ERR_NONE, Act(far_name_));
   ExpectEventsFromFar();
   EXPECT_EQ(1, LastOf(near_name_));
-  int told_of_near = 0;
-  for (const ToldDevice& told : HostLog::Devices()) told_of_near += told.udn == near_name_ ? 1 : 0;
-  EXPECT_EQ(1, told_of_near);
+  EXPECT_EQ(1, TimesTold(near_name_));
+}
+
+// Once a second, whoever looks: the library looks every two seconds, and never sees most of these.
+TEST_F(FaultNetwork, AnInterfaceThatFlapsUnseenComesRightAndNothingGrows) {
+  constexpr int kFlaps = 40;
+  // As long as a second is with the time that the test has.
+  constexpr milliseconds kSecond(50);
+  const auto comes_right = [&] {
+    return WaitUntil(
+        [&] {
+          far_host_.Run([&] { far_->SayAlive("10.78.0.1", 5300); });
+          return WaitUntil([&] { return LastOf(far_name_) == 1; }, milliseconds(300)) &&
+                 TriesAnAction(far_name_) && TriesAnEventFromFar();
+        },
+        std::chrono::minutes(1));
+  };
+  ASSERT_TRUE(comes_right());
+  const int threads = vex_test::ThreadCount();
+  const int descriptors = vex_test::DescriptorCount();
+  auto next = std::chrono::steady_clock::now();
+  for (int flap = 0; flap < kFlaps; ++flap) {
+    const bool link = flap % 2 == 0;
+    vex_test::Ip(link ? "link set flap0 down" : "addr del 10.78.0.1/24 dev flap0");
+    std::this_thread::sleep_until(next += kSecond / 2);
+    vex_test::Ip(link ? "link set flap0 up" : "addr add 10.78.0.1/24 brd + dev flap0");
+    if (flap % 10 == 0) {
+      EXPECT_EQ(CP_ERR_NONE, Act(near_name_));
+    }
+    std::this_thread::sleep_until(next += kSecond / 2);
+  }
+  EXPECT_TRUE(comes_right());
+  EXPECT_EQ(CP_ERR_NONE, Act(near_name_));
+  EXPECT_TRUE(WaitUntil([&] { return vex_test::ThreadCount() <= threads; }))
+      << vex_test::ThreadCount() << " threads instead of " << threads;
+  EXPECT_TRUE(WaitUntil([&] { return vex_test::DescriptorCount() <= descriptors; }))
+      << vex_test::DescriptorCount() << " descriptors instead of " << descriptors;
+  EXPECT_EQ(1, TimesTold(near_name_));
 }
 
 TEST_F(FaultNetwork, ANewAddressBringsTheDeviceBackWithServersThatFaceIt) {
@@ -305,6 +374,76 @@ TEST(FaultDatagrams, TheLastWordOfEachDeviceHolds) {
       there = told.event == 1 ? 1 : 0;
     }
   }
+}
+
+// A device at the end of a cable that loses our first searches. It answers those that come through.
+class HardOfHearing {
+ public:
+  explicit HardOfHearing(int lost) : lost_(lost) {
+    vex_test::FakeDevice device;
+    device.udn = "uuid:deaf";
+    answer_ = vex_test::SearchAnswerDatagram("uuid:deaf::" + device.type, device.type,
+                                             ServeDevice(server_, "/deaf.xml", device));
+    thread_ = std::thread([this] { Live(); });
+  }
+  HardOfHearing(const HardOfHearing&) = delete;
+  HardOfHearing& operator=(const HardOfHearing&) = delete;
+  ~HardOfHearing() {
+    ended_ = true;
+    thread_.join();
+  }
+
+  // What was said, heard or not.
+  int searches() const { return searches_; }
+  static bool IsFound() { return LastOf("uuid:deaf+lan0") == 1; }
+
+ private:
+  void Live() {
+    for (std::size_t next = 0; !ended_;) {
+      const std::vector<vex_test::Datagram> all = watcher_.Received();
+      for (; next < all.size(); ++next) {
+        if (all[next].bytes.compare(0, 8, "M-SEARCH") != 0 || ++searches_ <= lost_) continue;
+        peer_.Send(answer_, all[next].sender_ip, all[next].sender_port);
+      }
+      std::this_thread::sleep_for(milliseconds(1));
+    }
+  }
+
+  const int lost_;
+  vex_test::DescriptionServer server_{"10.77.0.2"};
+  vex_test::SsdpPeer peer_{"10.77.0.2"};
+  // What our side hears of itself: the other end of the pair is on this host too.
+  vex_test::GroupWatcher watcher_{"239.255.255.250", "10.77.0.1"};
+  std::string answer_;
+  std::atomic<int> searches_{0};
+  std::atomic<bool> ended_{false};
+  std::thread thread_;
+};
+
+TEST(FaultDatagrams, ASearchWhoseFirstCopyIsLostFindsTheDevice) {
+  const vex_test::Watchdog watchdog(120);
+  const HardOfHearing device(1);
+  HostRig rig;
+  rig.Register({kMediaServer});
+  EXPECT_TRUE(WaitUntil([] { return HardOfHearing::IsFound(); }));
+  // No other search was needed.
+  EXPECT_EQ(2, device.searches());
+}
+
+TEST(FaultDatagrams, ASearchThatIsLostIsMadeUpForByTheNextOne) {
+  const vex_test::Watchdog watchdog(120);
+  const vex_test::FasterTime faster(40);
+  const HardOfHearing device(2);
+  HostRig rig;
+  const int handle = rig.Register({kMediaServer});
+  ASSERT_TRUE(WaitUntil([&] { return device.searches() == 2; }));
+  EXPECT_FALSE(HardOfHearing::IsFound());
+  // Soon after the one before, a search for the same type is left out.
+  EXPECT_TRUE(WaitUntil([&] {
+    RescanNetwork(handle, kMediaServer);
+    return WaitUntil([] { return HardOfHearing::IsFound(); }, milliseconds(100));
+  }));
+  EXPECT_GE(device.searches(), 3);
 }
 
 // Accepts into the kernel's queue and never reads: what a process that was stopped looks like.
