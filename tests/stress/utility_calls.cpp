@@ -23,6 +23,7 @@
 #include <vexupnpcp/xmlparser.h>
 
 #include "tests/stress/host_calls.h"
+#include "tests/stress/object_calls.h"
 #include "tests/stress/stress_watch.h"
 
 namespace vex_stress {
@@ -251,7 +252,7 @@ void HandleFile(int number) {
 
 void HostThread::UseUtilities() {
   const Call call("utilities");
-  switch (Dice(8)) {
+  switch (Dice(12)) {
     case 0:
       ReadSoap();
       break;
@@ -272,6 +273,18 @@ void HostThread::UseUtilities() {
       break;
     case 6:
       ReadTokens();
+      break;
+    case 7:
+      HandleMessage();
+      break;
+    case 8:
+      BuildDocument();
+      break;
+    case 9:
+      WalkDocument();
+      break;
+    case 10:
+      WalkFault();
       break;
     default:
       HandleFile(slot_);
