@@ -84,7 +84,8 @@ class DiscoveryHostile : public vex_test::HostileRig {
     const auto is_told = [&] {
       return log.Count("Unable to fetch service description for device " + key + " ") > 0;
     };
-    // With time made faster its description may be late on a busy machine; then once more.
+    // An answer about a service of the device before it, of the same name, that is handled late takes
+    // the new request with it; a device says it once more.
     bool told = false;
     for (int tries = 0; tries < 5 && !told; ++tries) {
       DiscoveryRig::Receive(Alive(device.udn, url));
