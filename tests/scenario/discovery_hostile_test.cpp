@@ -84,8 +84,8 @@ class DiscoveryHostile : public vex_test::HostileRig {
     const auto is_told = [&] {
       return log.Count("Unable to fetch service description for device " + key + " ") > 0;
     };
-    // An answer about a service of the device before it, of the same name, that is handled late takes
-    // the new request with it; a device says it once more.
+    // An answer about a service of the device before it, of the same name, that is handled late
+    // takes the new request with it; a device says it once more.
     bool told = false;
     for (int tries = 0; tries < 5 && !told; ++tries) {
       DiscoveryRig::Receive(Alive(device.udn, url));
