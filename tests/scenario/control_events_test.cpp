@@ -374,7 +374,7 @@ class QueuedAnswer : public ControlEvents {
     ASSERT_TRUE(WaitUntil([&] { return gate_.waiting() == 5; }));
   }
   void RunDevice() {
-    RunPeer([this](const PeerRequest& request) {
+    RunPeer([](const PeerRequest& request) {
       if (request.Begins("POST")) {
         return Text("HTTP/1.1 200 OK\r\nCONTENT-LENGTH: 0\r\n\r\n");
       }
